@@ -1,0 +1,61 @@
+// Mirror engine: descriptors, the parallel access to all copies of an area
+// with fencing, open and latest-copy choice, the data operations, the repair
+// lock and the repair of stale copies.
+#ifndef SBACC_MA_H
+#define SBACC_MA_H
+
+#include <stdint.h>
+
+#include "sbacc_types.h"
+
+// ---- Descriptor and tunables ------------------------------------------------
+extern const SBACC_ENV_LIST_ENTRY sbacc_env_list[];
+int sbacc_ma_alloc_sfd(const char* filename, int openmode, SBACC_FILE_DISCRIPTER** sfd);
+void sbacc_ma_free_sfd(SBACC_FILE_DISCRIPTER* sfd);
+
+// ---- Parallel HDD access and blockade -----------------------------------------
+enum { SBACC_ACCESS_GET = 0, SBACC_ACCESS_SET = 1 };
+int sbacc_ma_hdd_access(SBACC_FILE_DISCRIPTER* sfd, int direction, int offset, void* buf, int len);
+void* sbacc_ma_hddset_thread(void* arg);
+int sbacc_ma_set_hddblockade(SBACC_FILE_DISCRIPTER* sfd, SBACC_MEM_LIST_ENTRY* entry);
+int sbacc_ma_memset_hddblockade(SBACC_FILE_DISCRIPTER* sfd, SBACC_MEM_LIST_ENTRY* entry);
+
+// Named accesses (get: first healthy copy; set: every copy in use).
+int sbacc_ma_hddget_header(SBACC_FILE_DISCRIPTER* sfd, SBACC_HDD_HEADER* h);
+int sbacc_ma_hddget_filesize(SBACC_FILE_DISCRIPTER* sfd, int* filesize);
+int sbacc_ma_hddget_hddblockade(SBACC_FILE_DISCRIPTER* sfd, uint32_t* mask);
+int sbacc_ma_hddget_data(SBACC_FILE_DISCRIPTER* sfd, int offset, void* buf, int len);
+int sbacc_ma_hddset_openinfo(SBACC_FILE_DISCRIPTER* sfd, const SBACC_HDD_HEADER* h);
+int sbacc_ma_hddset_writeinfo(SBACC_FILE_DISCRIPTER* sfd, const SBACC_HDD_HEADER* h);
+int sbacc_ma_hddset_filesize(SBACC_FILE_DISCRIPTER* sfd, int filesize);
+int sbacc_ma_hddset_hddblockade(SBACC_FILE_DISCRIPTER* sfd, uint32_t mask);
+int sbacc_ma_hddset_data(SBACC_FILE_DISCRIPTER* sfd, int offset, const void* buf, int len);
+int sbacc_ma_hddset_closetime(SBACC_FILE_DISCRIPTER* sfd, int64_t closetime);
+int sbacc_ma_hddset_openflag(SBACC_FILE_DISCRIPTER* sfd, uint8_t openflag);
+
+// ---- Open and HDD selection ----------------------------------------------------
+int sbacc_ma_open(SBACC_FILE_DISCRIPTER* sfd, boolean_t* closeflag, boolean_t nvinit);
+void* sbacc_ma_open_thread(void* arg);
+int sbacc_ma_detect_hdd(SBACC_FILE_DISCRIPTER* sfd, SBACC_HDD_HEADER* headers, int* hdd);
+
+// ---- Read, write, size and close ------------------------------------------------
+int sbacc_ma_write(const void* buf, int size, int offset, SBACC_FILE_DISCRIPTER* sfd);
+int sbacc_ma_read(void* buf, int size, int offset, SBACC_FILE_DISCRIPTER* sfd);
+int sbacc_ma_write_size(int size, SBACC_FILE_DISCRIPTER* sfd);
+int sbacc_ma_read_size(int* size, SBACC_FILE_DISCRIPTER* sfd);
+int sbacc_ma_close(SBACC_FILE_DISCRIPTER* sfd);
+
+// ---- Repair lock ---------------------------------------------------------------
+int sbacc_ma_enter_repairlock(SBACC_FILE_DISCRIPTER* sfd);
+int sbacc_ma_leave_repairlock(SBACC_FILE_DISCRIPTER* sfd);
+int sbacc_ma_mem_check_blockade(SBACC_FILE_DISCRIPTER* sfd, int hdd);
+
+// ---- HDD repair copy -------------------------------------------------------------
+int sbacc_ma_hddrepair_copy(SBACC_FILE_DISCRIPTER* sfd, int src, int dst);
+int sbacc_ma_memset_hddrepair(SBACC_FILE_DISCRIPTER* sfd, int hdd, boolean_t flag);
+
+// ---- Restore-time repair of one area ------------------------------------------------
+int sbacc_ma_repair_for_restore(int index);
+void* sbacc_ma_repair_for_restore_c_thread(void* arg);
+
+#endif  // SBACC_MA_H

@@ -1,0 +1,35 @@
+// Trace helpers shared by every module: worker thread set-up and the
+// parameter block of failing exported calls.
+#define SBACC_MODULE SBACC_MODULE_SBACC
+#include "sbacc_trace.h"
+
+#include <pthread.h>
+
+namespace sbacc {
+
+void WorkerThreadSetup(WorkerLog log) {
+  pthread_detach(pthread_self());
+  const bool first = (log == WorkerLog::kRestore1);
+  MC_SetLogProcName(first ? "env_restore1" : "env_restore2");
+  MC_SetTraceName("/opt/env_frmwk/log/", first ? "env_restore1.log" : "env_restore2.log");
+  MC_SetTraceSizeNum(1000, 10);
+}
+
+void TraceParamOpen(const char* module, int line, const char* fn) {
+  MC_OutTrace(module, line, kTraceError, "[%s] %s (", fn, fn);
+}
+
+void TraceParamClose(const char* module, int line, const char* fn, int rc) {
+  MC_OutTrace(module, line, kTraceError, "[%s] )", fn);
+  MC_OutTrace(module, line, kTraceError, "[%s] {", fn);
+  MC_OutTrace(module, line, kTraceError, "[%s]   retcode: %d", fn, rc);
+  MC_OutTrace(module, line, kTraceError, "[%s] }", fn);
+}
+
+void TraceParamBlockNoArgs(const char* module, int line, const char* fn, int rc) {
+  TraceParamOpen(module, line, fn);
+  MC_OutTrace(module, line, kTraceError, "[%s]   --", fn);
+  TraceParamClose(module, line, fn, rc);
+}
+
+}  // namespace sbacc

@@ -1,0 +1,150 @@
+// The library's plain records: configuration, descriptor, the two on-media
+// records (in their decoded, host form) and the worker blocks.
+#ifndef SBACC_TYPES_H
+#define SBACC_TYPES_H
+
+#include <pthread.h>
+#include <stdint.h>
+#include <time.h>
+
+#include "sbacc.h"
+
+#define SBACC_HDD_MAX 8
+#define SBACC_FILENAME_LEN 32
+#define SBACC_HDDNAME_LEN 128
+#define SBACC_HEADER_SIZE 128
+#define SBACC_NV_ENTRY_SIZE 128
+#define SBACC_NV_BASE 4096
+#define SBACC_ENV_NUM 4
+#define SBACC_RESTORE_SLOTS 64
+
+// Mask with the low n bits set: every one of n copies fenced off.
+#define SBACC_HDD_MAXBIT(n) \
+  ((n) <= 0 ? 0u : ((n) >= 32 ? 0xffffffffu : ((1u << (unsigned)(n)) - 1u)))
+
+// Open modes of a descriptor.
+#define SBACC_OPENMODE_INSPECT 0
+#define SBACC_OPENMODE_READ 1
+#define SBACC_OPENMODE_WRITE 3
+
+// One configured area.
+typedef struct _TAG_SBACC_FILE_LIST_ENTRY {
+  int index;
+  char filename[SBACC_FILENAME_LEN];
+  uint64_t areaaddr;
+  uint64_t areasize;
+  int hddcount;
+  char hddname[SBACC_HDD_MAX][SBACC_HDDNAME_LEN];
+} SBACC_FILE_LIST_ENTRY;
+
+// All configured areas; `file` runs to the end of the allocation.
+typedef struct _TAG_SBACC_FILE_LIST {
+  int filenum;
+  SBACC_FILE_LIST_ENTRY file[];
+} SBACC_FILE_LIST;
+
+// One tunable read from the environment.
+typedef struct _TAG_SBACC_ENV_LIST_ENTRY {
+  const char* name;
+  int def;
+  int min;
+  int max;
+} SBACC_ENV_LIST_ENTRY;
+
+enum { SBACC_ENV_MEMSET = 0, SBACC_ENV_MEMGET = 1, SBACC_ENV_REPAIR = 2, SBACC_ENV_REPAIRLOCK = 3 };
+
+// Per-area descriptor; the public handle points at one.
+typedef struct _TAG_SBACC_FILE_DISCRIPTER {
+  SBACC_FILE_LIST_ENTRY sfe;
+  int openmode;
+  int fd[SBACC_HDD_MAX];
+  int env[SBACC_ENV_NUM];
+} SBACC_FILE_DISCRIPTER;
+
+// The 128-byte header in front of every HDD copy, decoded.  The host layout
+// happens to match the media layout; the codec never relies on that.
+typedef struct _TAG_SBACC_HDD_HEADER {
+  char magic[4];
+  int32_t version;
+  char filename[SBACC_FILENAME_LEN];
+  int32_t areasize;
+  int32_t filesize;
+  uint32_t hddblockade;
+  uint8_t rfu1[7];
+  uint8_t openflag;
+  int32_t opencnt;
+  int64_t opentime;
+  int64_t closetime;
+  uint8_t writeflag;
+  uint8_t rfu4[3];
+  int32_t write_offset;
+  int32_t write_size;
+  uint8_t rfu5[36];
+} SBACC_HDD_HEADER;
+
+// The 128-byte per-area record in NV memory, decoded.
+typedef struct _TAG_SBACC_MEM_LIST_ENTRY {
+  char magic[4];
+  int32_t version;
+  char filename[SBACC_FILENAME_LEN];
+  int32_t hddcount;
+  uint32_t hddblockade;
+  uint32_t latesthdd;
+  uint8_t hddrepair;
+  uint8_t write_on_repair;
+  uint8_t rfu[2];
+  uint8_t hddrepairlock_cntno[4];
+  uint8_t rfu2[68];
+} SBACC_MEM_LIST_ENTRY;
+
+// Start-up verdict on one area's data.
+typedef struct _TAG_SBACC_DATA_REPAIR {
+  char filename[SBACC_FILENAME_LEN];
+  int data_repair;
+  int all_bk_flag;
+  int64_t closetime;
+  char rfu2[16];
+} SBACC_DATA_REPAIR;
+
+struct _TAG_SBACC_HDDSET_THREAD_PARAM;
+
+typedef struct _TAG_SBACC_HDDSET_THREAD_PARAM_SUB {
+  int index;
+  struct _TAG_SBACC_HDDSET_THREAD_PARAM* addr;
+} SBACC_HDDSET_THREAD_PARAM_SUB;
+
+// Worker block of the per-HDD workers (write, open, rebuild).
+typedef struct _TAG_SBACC_HDDSET_THREAD_PARAM {
+  pthread_mutex_t thread_mutex;
+  pthread_cond_t thread_cond;
+  int thread_num;
+  int openprm;
+  int rfu[2];
+  int thread_retcode[SBACC_HDD_MAX];
+  SBACC_HDDSET_THREAD_PARAM_SUB param[SBACC_HDD_MAX];
+  SBACC_FILE_DISCRIPTER* sfd;
+  int offset;
+  int size;
+  int src_hdd;
+  unsigned char buf[];  // private copy of the data of a write access
+} SBACC_HDDSET_THREAD_PARAM;
+
+struct _TAG_SBACC_HDDRST_THREAD_PARAM;
+
+typedef struct _TAG_SBACC_HDDRST_THREAD_PARAM_SUB {
+  int index;
+  struct _TAG_SBACC_HDDRST_THREAD_PARAM* addr;
+} SBACC_HDDRST_THREAD_PARAM_SUB;
+
+// Worker block of the per-area restore workers.
+typedef struct _TAG_SBACC_HDDRST_THREAD_PARAM {
+  pthread_mutex_t thread_mutex;
+  pthread_cond_t thread_cond;
+  int thread_num;
+  int thread_retcode[SBACC_RESTORE_SLOTS];
+  SBACC_HDDRST_THREAD_PARAM_SUB param[SBACC_RESTORE_SLOTS];
+  SBACC_FILE_DISCRIPTER* sfd;
+  uint32_t rfu[136];
+} SBACC_HDDRST_THREAD_PARAM;
+
+#endif  // SBACC_TYPES_H

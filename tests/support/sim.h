@@ -1,0 +1,104 @@
+// Test support: a simulated controller in a temporary directory (HDD image
+// files, area list, NV image), trace capture and resource counting.
+#ifndef SBACC_TEST_SIM_H
+#define SBACC_TEST_SIM_H
+
+#include <stdint.h>
+
+#include <string>
+#include <vector>
+
+#include "sbacc_types.h"
+
+namespace sbacc_test {
+
+// A temporary directory removed with everything in it.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return path_; }
+  std::string File(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+struct AreaSpec {
+  std::string name;
+  uint64_t addr;   // position of the header in every HDD file
+  uint64_t size;   // header included
+  int copies;      // uses HDD files 0 .. copies-1
+};
+
+// A controller: `hdds` HDD image files of `hdd_bytes` each, an area list and
+// an NV image, all under one temporary directory, wired up through the
+// environment (SBACC_FILELIST, SANFWCTL_NV_IMAGE) with the library's
+// process state and the stand-ins reset.
+class Sim {
+ public:
+  explicit Sim(int hdds = 2, uint64_t hdd_bytes = 1 << 20);
+  ~Sim();
+
+  // Writes the area list from specs (one line each) and returns it.
+  void SetAreas(const std::vector<AreaSpec>& areas);
+  // Writes the area list file verbatim.
+  void SetFilelistText(const std::string& text);
+
+  std::string HddPath(int i) const;
+  std::string NvPath() const { return dir_.File("nv.img"); }
+  const std::string& Dir() const { return dir_.path(); }
+  const std::vector<AreaSpec>& Areas() const { return areas_; }
+
+  // Raw bytes of an HDD image / the NV image (zero-padded past the end).
+  std::vector<uint8_t> HddBytes(int hdd, uint64_t pos, size_t len) const;
+  void PutHddBytes(int hdd, uint64_t pos, const void* data, size_t len);
+  std::vector<uint8_t> NvBytes(uint64_t pos, size_t len) const;
+  void PutNvBytes(uint64_t pos, const void* data, size_t len);
+
+  // Decoded records of area `index` (list position) / copy `hdd`.
+  SBACC_MEM_LIST_ENTRY NvEntry(int index) const;
+  void PutNvEntry(int index, const SBACC_MEM_LIST_ENTRY& e);
+  SBACC_HDD_HEADER Header(int area, int hdd) const;
+  void PutHeader(int area, int hdd, const SBACC_HDD_HEADER& h);
+  // Data bytes of an area's copy (from data offset 0).
+  std::vector<uint8_t> Data(int area, int hdd, size_t len) const;
+
+  // Removes / recreates (empty, full size) an HDD image file.
+  void RemoveHdd(int hdd);
+  void RecreateHdd(int hdd);
+
+ private:
+  TempDir dir_;
+  int hdds_;
+  uint64_t hdd_bytes_;
+  std::vector<AreaSpec> areas_;
+};
+
+// Collects every trace line the process writes while it lives.
+class TraceCapture {
+ public:
+  struct Line {
+    int level;
+    std::string module;
+    std::string text;
+  };
+  TraceCapture();
+  ~TraceCapture();
+  std::vector<Line> Lines() const;
+  // Lines whose text equals / contains the string.
+  int Count(const std::string& exact) const;
+  int CountContaining(const std::string& part) const;
+  bool Has(const std::string& exact) const { return Count(exact) > 0; }
+  void Clear();
+  std::string Dump() const;  // for failure messages
+};
+
+// Open file descriptors of this process.
+int OpenFdCount();
+
+}  // namespace sbacc_test
+
+#endif  // SBACC_TEST_SIM_H
