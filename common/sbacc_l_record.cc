@@ -1,0 +1,180 @@
+// Codecs of the two 128-byte on-media records (HDD header, NV entry) and the
+// little-endian helpers they are built on.  Every field is moved byte by byte
+// at its media offset, so the result is the same on any host whatever the
+// struct layout or byte order; the layout asserts below only document that
+// the decoded form happens to mirror the media form on the supported hosts.
+#define SBACC_MODULE SBACC_MODULE_L
+#include <stddef.h>
+#include <string.h>
+
+#include "sbacc_l.h"
+#include "sbacc_trace.h"
+
+static_assert(sizeof(SBACC_HDD_HEADER) == SBACC_HEADER_SIZE, "HDD header must be 128 bytes");
+static_assert(sizeof(SBACC_MEM_LIST_ENTRY) == SBACC_NV_ENTRY_SIZE, "NV entry must be 128 bytes");
+
+static_assert(offsetof(SBACC_HDD_HEADER, magic) == kHdrMagic);
+static_assert(offsetof(SBACC_HDD_HEADER, version) == kHdrVersion);
+static_assert(offsetof(SBACC_HDD_HEADER, filename) == kHdrFilename);
+static_assert(offsetof(SBACC_HDD_HEADER, areasize) == kHdrAreasize);
+static_assert(offsetof(SBACC_HDD_HEADER, filesize) == kHdrFilesize);
+static_assert(offsetof(SBACC_HDD_HEADER, hddblockade) == kHdrHddblockade);
+static_assert(offsetof(SBACC_HDD_HEADER, rfu1) == kHdrRfu1);
+static_assert(offsetof(SBACC_HDD_HEADER, openflag) == kHdrOpenflag);
+static_assert(offsetof(SBACC_HDD_HEADER, opencnt) == kHdrOpencnt);
+static_assert(offsetof(SBACC_HDD_HEADER, opentime) == kHdrOpentime);
+static_assert(offsetof(SBACC_HDD_HEADER, closetime) == kHdrClosetime);
+static_assert(offsetof(SBACC_HDD_HEADER, writeflag) == kHdrWriteflag);
+static_assert(offsetof(SBACC_HDD_HEADER, rfu4) == kHdrRfu4);
+static_assert(offsetof(SBACC_HDD_HEADER, write_offset) == kHdrWriteOffset);
+static_assert(offsetof(SBACC_HDD_HEADER, write_size) == kHdrWriteSize);
+static_assert(offsetof(SBACC_HDD_HEADER, rfu5) == kHdrRfu5);
+static_assert(kHdrOpenflag + kHdrOpeninfoLen == kHdrClosetime, "open info is openflag..opentime");
+static_assert(kHdrWriteflag + kHdrWriteinfoLen == kHdrRfu5, "write info is writeflag..write_size");
+static_assert(sizeof(SBACC_HDD_HEADER::rfu1) == kHdrOpenflag - kHdrRfu1);
+static_assert(sizeof(SBACC_HDD_HEADER::rfu4) == kHdrWriteOffset - kHdrRfu4);
+static_assert(sizeof(SBACC_HDD_HEADER::rfu5) == SBACC_HEADER_SIZE - kHdrRfu5);
+
+static_assert(offsetof(SBACC_MEM_LIST_ENTRY, magic) == kMemMagic);
+static_assert(offsetof(SBACC_MEM_LIST_ENTRY, version) == kMemVersion);
+static_assert(offsetof(SBACC_MEM_LIST_ENTRY, filename) == kMemFilename);
+static_assert(offsetof(SBACC_MEM_LIST_ENTRY, hddcount) == kMemHddcount);
+static_assert(offsetof(SBACC_MEM_LIST_ENTRY, hddblockade) == kMemHddblockade);
+static_assert(offsetof(SBACC_MEM_LIST_ENTRY, latesthdd) == kMemLatesthdd);
+static_assert(offsetof(SBACC_MEM_LIST_ENTRY, hddrepair) == kMemHddrepair);
+static_assert(offsetof(SBACC_MEM_LIST_ENTRY, write_on_repair) == kMemWriteOnRepair);
+static_assert(offsetof(SBACC_MEM_LIST_ENTRY, rfu) == kMemRfu);
+static_assert(offsetof(SBACC_MEM_LIST_ENTRY, hddrepairlock_cntno) == kMemRepairlock);
+static_assert(offsetof(SBACC_MEM_LIST_ENTRY, rfu2) == kMemRfu2);
+static_assert(sizeof(SBACC_MEM_LIST_ENTRY::rfu) == kMemRepairlock - kMemRfu);
+static_assert(sizeof(SBACC_MEM_LIST_ENTRY::hddrepairlock_cntno) == kMemRfu2 - kMemRepairlock);
+static_assert(sizeof(SBACC_MEM_LIST_ENTRY::rfu2) == SBACC_NV_ENTRY_SIZE - kMemRfu2);
+
+// ---- Little-endian helpers ------------------------------------------------------
+
+uint32_t sbacc_l_get_le32(const uint8_t* p) {
+  return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) |
+         (static_cast<uint32_t>(p[2]) << 16) | (static_cast<uint32_t>(p[3]) << 24);
+}
+
+void sbacc_l_put_le32(uint8_t* p, uint32_t v) {
+  for (int i = 0; i < 4; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
+}
+
+uint64_t sbacc_l_get_le64(const uint8_t* p) {
+  return static_cast<uint64_t>(sbacc_l_get_le32(p)) |
+         (static_cast<uint64_t>(sbacc_l_get_le32(p + 4)) << 32);
+}
+
+void sbacc_l_put_le64(uint8_t* p, uint64_t v) {
+  sbacc_l_put_le32(p, static_cast<uint32_t>(v));
+  sbacc_l_put_le32(p + 4, static_cast<uint32_t>(v >> 32));
+}
+
+namespace {
+
+// Signed fields travel as their two's-complement bit pattern; the conversion
+// back is modular (well defined since C++20), so any media bytes decode.
+void PutI32(uint8_t* p, int32_t v) { sbacc_l_put_le32(p, static_cast<uint32_t>(v)); }
+int32_t GetI32(const uint8_t* p) { return static_cast<int32_t>(sbacc_l_get_le32(p)); }
+void PutI64(uint8_t* p, int64_t v) { sbacc_l_put_le64(p, static_cast<uint64_t>(v)); }
+int64_t GetI64(const uint8_t* p) { return static_cast<int64_t>(sbacc_l_get_le64(p)); }
+
+// Character fields are raw bytes on the media: no terminator is added or
+// required, so a name of exactly 32 characters survives a round trip.
+template <size_t N>
+void PutBytes(uint8_t* p, const char (&src)[N]) {
+  memcpy(p, src, N);
+}
+template <size_t N>
+void PutBytes(uint8_t* p, const uint8_t (&src)[N]) {
+  memcpy(p, src, N);
+}
+template <size_t N>
+void GetBytes(const uint8_t* p, char (&dst)[N]) {
+  memcpy(dst, p, N);
+}
+template <size_t N>
+void GetBytes(const uint8_t* p, uint8_t (&dst)[N]) {
+  memcpy(dst, p, N);
+}
+
+}  // namespace
+
+// ---- HDD header -----------------------------------------------------------------
+
+void sbacc_l_encode_header(const SBACC_HDD_HEADER* h, uint8_t out[SBACC_HEADER_SIZE]) {
+  PutBytes(out + kHdrMagic, h->magic);
+  PutI32(out + kHdrVersion, h->version);
+  PutBytes(out + kHdrFilename, h->filename);
+  PutI32(out + kHdrAreasize, h->areasize);
+  PutI32(out + kHdrFilesize, h->filesize);
+  sbacc_l_put_le32(out + kHdrHddblockade, h->hddblockade);
+  PutBytes(out + kHdrRfu1, h->rfu1);
+  out[kHdrOpenflag] = h->openflag;
+  PutI32(out + kHdrOpencnt, h->opencnt);
+  PutI64(out + kHdrOpentime, h->opentime);
+  PutI64(out + kHdrClosetime, h->closetime);
+  out[kHdrWriteflag] = h->writeflag;
+  PutBytes(out + kHdrRfu4, h->rfu4);
+  PutI32(out + kHdrWriteOffset, h->write_offset);
+  PutI32(out + kHdrWriteSize, h->write_size);
+  PutBytes(out + kHdrRfu5, h->rfu5);
+}
+
+void sbacc_l_decode_header(const uint8_t in[SBACC_HEADER_SIZE], SBACC_HDD_HEADER* h) {
+  GetBytes(in + kHdrMagic, h->magic);
+  h->version = GetI32(in + kHdrVersion);
+  GetBytes(in + kHdrFilename, h->filename);
+  h->areasize = GetI32(in + kHdrAreasize);
+  h->filesize = GetI32(in + kHdrFilesize);
+  h->hddblockade = sbacc_l_get_le32(in + kHdrHddblockade);
+  GetBytes(in + kHdrRfu1, h->rfu1);
+  h->openflag = in[kHdrOpenflag];
+  h->opencnt = GetI32(in + kHdrOpencnt);
+  h->opentime = GetI64(in + kHdrOpentime);
+  h->closetime = GetI64(in + kHdrClosetime);
+  h->writeflag = in[kHdrWriteflag];
+  GetBytes(in + kHdrRfu4, h->rfu4);
+  h->write_offset = GetI32(in + kHdrWriteOffset);
+  h->write_size = GetI32(in + kHdrWriteSize);
+  GetBytes(in + kHdrRfu5, h->rfu5);
+}
+
+bool sbacc_l_header_valid(const SBACC_HDD_HEADER* h) {
+  return memcmp(h->magic, SBACC_HDD_MAGIC, sizeof h->magic) == 0 && h->version == SBACC_RECORD_VERSION;
+}
+
+// ---- NV entry -------------------------------------------------------------------
+
+void sbacc_l_encode_entry(const SBACC_MEM_LIST_ENTRY* e, uint8_t out[SBACC_NV_ENTRY_SIZE]) {
+  PutBytes(out + kMemMagic, e->magic);
+  PutI32(out + kMemVersion, e->version);
+  PutBytes(out + kMemFilename, e->filename);
+  PutI32(out + kMemHddcount, e->hddcount);
+  sbacc_l_put_le32(out + kMemHddblockade, e->hddblockade);
+  sbacc_l_put_le32(out + kMemLatesthdd, e->latesthdd);
+  out[kMemHddrepair] = e->hddrepair;
+  out[kMemWriteOnRepair] = e->write_on_repair;
+  PutBytes(out + kMemRfu, e->rfu);
+  PutBytes(out + kMemRepairlock, e->hddrepairlock_cntno);
+  PutBytes(out + kMemRfu2, e->rfu2);
+}
+
+void sbacc_l_decode_entry(const uint8_t in[SBACC_NV_ENTRY_SIZE], SBACC_MEM_LIST_ENTRY* e) {
+  GetBytes(in + kMemMagic, e->magic);
+  e->version = GetI32(in + kMemVersion);
+  GetBytes(in + kMemFilename, e->filename);
+  e->hddcount = GetI32(in + kMemHddcount);
+  e->hddblockade = sbacc_l_get_le32(in + kMemHddblockade);
+  e->latesthdd = sbacc_l_get_le32(in + kMemLatesthdd);
+  e->hddrepair = in[kMemHddrepair];
+  e->write_on_repair = in[kMemWriteOnRepair];
+  GetBytes(in + kMemRfu, e->rfu);
+  GetBytes(in + kMemRepairlock, e->hddrepairlock_cntno);
+  GetBytes(in + kMemRfu2, e->rfu2);
+}
+
+bool sbacc_l_entry_valid(const SBACC_MEM_LIST_ENTRY* e) {
+  return memcmp(e->magic, SBACC_MEM_MAGIC, sizeof e->magic) == 0 && e->version == SBACC_RECORD_VERSION;
+}
