@@ -1,0 +1,323 @@
+// Parallel access to all copies of an area, and the blockade bookkeeping that
+// fences off copies which fail.
+#define SBACC_MODULE SBACC_MODULE_MA
+#include <errno.h>
+#include <fcntl.h>
+#include <stdint.h>
+#include <string.h>
+
+#include "sbacc_alloc.h"
+#include "sbacc_env.h"
+#include "sbacc_l.h"
+#include "sbacc_ma.h"
+#include "sbacc_trace.h"
+#include "sbacc_worker.h"
+
+namespace {
+
+using sbacc::CurrentEnv;
+
+// Copies an access looks at: the configured ones, never more than the
+// descriptor has slots for.
+int ConfiguredCopies(const SBACC_FILE_DISCRIPTER* sfd) {
+  int n = sfd->sfe.hddcount;
+  return n < 0 ? 0 : (n > SBACC_HDD_MAX ? SBACC_HDD_MAX : n);
+}
+
+// The count stored in NV bounds the blockade computation; NV may hold any
+// value, so it is clamped to the slots that exist.
+int NvCopies(const SBACC_MEM_LIST_ENTRY* e) {
+  int n = e->hddcount;
+  return n < 0 ? 0 : (n > SBACC_HDD_MAX ? SBACC_HDD_MAX : n);
+}
+
+bool Bit(uint32_t mask, int i) { return ((mask >> i) & 1u) != 0; }
+
+void CloseCopy(SBACC_FILE_DISCRIPTER* sfd, int i) {
+  if (sfd->fd[i] != -1) {
+    CurrentEnv()->Close(sfd->fd[i]);
+    sfd->fd[i] = -1;
+  }
+}
+
+// Opens copy i when it is not open yet.  False when it cannot be opened.
+bool EnsureOpen(SBACC_FILE_DISCRIPTER* sfd, int i, int flags) {
+  if (sfd->fd[i] != -1) return true;
+  int fd = CurrentEnv()->Open(sfd->sfe.hddname[i], flags);
+  if (fd < 0) {
+    SBACC_TRACE(1, "[sbacc_ma_hdd_access] open error. errno=%d path=%s", errno, sfd->sfe.hddname[i]);
+    return false;
+  }
+  sfd->fd[i] = fd;
+  return true;
+}
+
+int AccessGet(SBACC_FILE_DISCRIPTER* sfd, const SBACC_MEM_LIST_ENTRY& e, int flags, int offset, void* buf,
+              int len) {
+  const int n = ConfiguredCopies(sfd);
+  for (int i = 0; i < n; ++i) {
+    if (Bit(e.hddblockade, i)) {
+      if (!Bit(e.hddrepair, i)) CloseCopy(sfd, i);
+      continue;
+    }
+    if (!EnsureOpen(sfd, i, flags)) continue;
+    if (sbacc_l_hddget(sfd, i, offset, buf, len) == 0) break;
+    CloseCopy(sfd, i);
+  }
+  return 0;
+}
+
+// Writes to every copy in use, one worker per copy; falls back to the calling
+// thread when the worker block or a thread cannot be had.
+void AccessSet(SBACC_FILE_DISCRIPTER* sfd, const SBACC_MEM_LIST_ENTRY& e, int flags, int offset,
+               const void* buf, int len) {
+  const int n = ConfiguredCopies(sfd);
+  auto* blk = static_cast<SBACC_HDDSET_THREAD_PARAM*>(
+      SBACC_CALLOC(1, sizeof(SBACC_HDDSET_THREAD_PARAM) + static_cast<size_t>(len)));
+  if (blk == nullptr) {
+    SBACC_TRACE(1, "[sbacc_ma_hdd_access] calloc error. errno=%d", errno);
+  } else {
+    for (int i = 0; i < n; ++i) {
+      blk->param[i].index = i;
+      blk->param[i].addr = blk;
+    }
+    blk->sfd = sfd;
+    blk->offset = offset;
+    blk->size = len;
+    memcpy(blk->buf, buf, static_cast<size_t>(len));
+    switch (sbacc::WorkerInit(blk)) {
+      case sbacc::WorkerInitResult::kOk:
+        break;
+      case sbacc::WorkerInitResult::kMutexFailed:
+        SBACC_TRACE(1, "[sbacc_ma_hdd_access] pthread_mutex_init error. errno=%d", errno);
+        SBACC_FREE(blk);
+        blk = nullptr;
+        break;
+      case sbacc::WorkerInitResult::kCondFailed:
+        SBACC_TRACE(1, "[sbacc_ma_hdd_access] pthread_cond_init error. errno=%d", errno);
+        SBACC_FREE(blk);
+        blk = nullptr;
+        break;
+    }
+  }
+
+  for (int i = 0; i < n; ++i) {
+    if (Bit(e.hddblockade, i) && !Bit(e.hddrepair, i)) {
+      CloseCopy(sfd, i);
+      continue;
+    }
+    if (!EnsureOpen(sfd, i, flags)) continue;
+    if (blk != nullptr && sbacc::WorkerStart(blk, sbacc_ma_hddset_thread, &blk->param[i])) continue;
+    if (sbacc_l_hddset(sfd, i, offset, buf, len) != 0) {
+      SBACC_TRACE(1, "[sbacc_ma_hdd_access] sbacc_l_hddset error. path=%s", sfd->sfe.hddname[i]);
+      CloseCopy(sfd, i);
+    }
+  }
+
+  if (blk != nullptr) {
+    sbacc::WorkerWait(blk);
+    for (int i = 0; i < n; ++i) {
+      if (blk->thread_retcode[i] != 0) CloseCopy(sfd, i);
+    }
+    sbacc::WorkerDestroy(blk);
+    SBACC_FREE(blk);
+  }
+}
+
+}  // namespace
+
+int sbacc_ma_hdd_access(SBACC_FILE_DISCRIPTER* sfd, int direction, int offset, void* buf, int len) {
+  SBACC_TRACE(5, "[sbacc_ma_hdd_access] [ENTER]");
+  const int flags = (sfd->openmode == SBACC_OPENMODE_READ) ? O_RDONLY : O_RDWR;
+  const uint32_t maxbit = SBACC_HDD_MAXBIT(sfd->sfe.hddcount);
+
+  SBACC_MEM_LIST_ENTRY entry;
+  int rc = sbacc_memget_entry(sfd, &entry);
+  if (rc != 0) {
+    SBACC_TRACE(5, "[sbacc_ma_hdd_access] [LEAVE] %d", rc);
+    return rc;
+  }
+  if (entry.hddblockade == maxbit) {
+    SBACC_TRACE(1, "[sbacc_ma_hdd_access] opencnt error.");
+    SBACC_TRACE(5, "[sbacc_ma_hdd_access] [LEAVE] %d", SBACC_E_NOCOPY);
+    return SBACC_E_NOCOPY;
+  }
+
+  if (direction == SBACC_ACCESS_GET) {
+    AccessGet(sfd, entry, flags, offset, buf, len);
+  } else {
+    AccessSet(sfd, entry, flags, offset, buf, len);
+  }
+
+  rc = sbacc_ma_set_hddblockade(sfd, &entry);
+  if (rc != 0) {
+    SBACC_TRACE(1, "[sbacc_ma_hdd_access] sbacc_ma_set_hddblockade error. retcode=%d", rc);
+  } else if (entry.hddblockade == maxbit) {
+    SBACC_TRACE(1, "[sbacc_ma_hdd_access] opencnt error.");
+    rc = SBACC_E_NOCOPY;
+  }
+  SBACC_TRACE(5, "[sbacc_ma_hdd_access] [LEAVE] %d", rc);
+  return rc;
+}
+
+void* sbacc_ma_hddset_thread(void* arg) {
+  auto* sub = static_cast<SBACC_HDDSET_THREAD_PARAM_SUB*>(arg);
+  sbacc::WorkerThreadSetup(sbacc::WorkerLog::kRestore1);
+  SBACC_TRACE(5, "[sbacc_ma_hddset_thread] [ENTER]");
+  SBACC_HDDSET_THREAD_PARAM* blk = sub->addr;
+  const int index = sub->index;
+  const int rc = sbacc_l_hddset(blk->sfd, index, blk->offset, blk->buf, blk->size);
+  sbacc::WorkerFinish(blk, &blk->thread_retcode[index], rc);  // last touch of the block
+  SBACC_TRACE(5, "[sbacc_ma_hddset_thread] [LEAVE] %d", rc);
+  return reinterpret_cast<void*>(static_cast<intptr_t>(rc));
+}
+
+int sbacc_ma_memset_hddblockade(SBACC_FILE_DISCRIPTER* sfd, SBACC_MEM_LIST_ENTRY* r) {
+  SBACC_TRACE(5, "[sbacc_ma_memset_hddblockade] [ENTER]");
+  const char* name = sfd->sfe.filename;
+  uint32_t mask = 0;
+  bool any_healthy = false;
+  for (int i = 0; i < NvCopies(r); ++i) {
+    if (sfd->fd[i] == -1 || Bit(r->hddrepair, i)) {
+      mask |= 1u << i;
+      SBACC_TRACE(5, "[sbacc_ma_memset_hddblockade] HDD[%d] is blockade filename=%s", i, name);
+    } else {
+      any_healthy = true;
+    }
+  }
+  if (mask != 0) SBACC_TRACE(5, "[sbacc_ma_memset_hddblockade] hddblockade: %#x filename=%s", mask, name);
+  if (mask == r->hddblockade) {
+    SBACC_TRACE(5, "[sbacc_ma_memset_hddblockade] [LEAVE] %d", 0);
+    return 0;
+  }
+  const bool write_nv = (sfd->openmode != SBACC_OPENMODE_READ);
+  int rc = 0;
+  if (!any_healthy) {
+    // The copies in use until now hold the newest data.
+    r->latesthdd = r->hddblockade ^ mask;
+    if (write_nv) rc = sbacc_memset_latesthdd(sfd, r->latesthdd);
+    if (rc != 0) {
+      SBACC_TRACE(1, "[sbacc_ma_memset_hddblockade] sbacc_memset_latesthdd error. retcode=%d", rc);
+      SBACC_TRACE(5, "[sbacc_ma_memset_hddblockade] [LEAVE] %d", rc);
+      return rc;
+    }
+    SBACC_TRACE(4, "[sbacc_ma_memset_hddblockade] latesthdd: %#x", r->latesthdd);
+  }
+  SBACC_TRACE(5, "[sbacc_ma_memset_hddblockade] hddblockade: %#x ===> %#x filename=%s", r->hddblockade, mask,
+              name);
+  r->hddblockade = mask;
+  if (write_nv) rc = sbacc_memset_hddblockade(sfd, mask);
+  if (rc != 0) SBACC_TRACE(1, "[sbacc_ma_memset_hddblockade] sbacc_memset_hddblockade error. retcode=%d", rc);
+  SBACC_TRACE(5, "[sbacc_ma_memset_hddblockade] [LEAVE] %d", rc);
+  return rc;
+}
+
+int sbacc_ma_set_hddblockade(SBACC_FILE_DISCRIPTER* sfd, SBACC_MEM_LIST_ENTRY* r) {
+  SBACC_TRACE(5, "[sbacc_ma_set_hddblockade] [ENTER]");
+  const uint32_t prev = r->hddblockade;
+  int rc = sbacc_ma_memset_hddblockade(sfd, r);
+  if (rc != 0) {
+    SBACC_TRACE(1, "[sbacc_ma_set_hddblockade] sbacc_ma_memset_hddblockade error. retcode=%d", rc);
+    SBACC_TRACE(5, "[sbacc_ma_set_hddblockade] [LEAVE] %d", rc);
+    return rc;
+  }
+  SBACC_TRACE(5, "[sbacc_ma_set_hddblockade] hddblockade prev=%d current=%d", static_cast<int>(prev),
+              static_cast<int>(r->hddblockade));
+  if (r->hddblockade != prev) {
+    const uint32_t maxbit = SBACC_HDD_MAXBIT(sfd->sfe.hddcount);
+    if (r->hddblockade == maxbit) {
+      // No copy is left to carry the mask.
+      SBACC_TRACE(5, "[sbacc_ma_set_hddblockade] SBACC_HDD_MAXBIT=%d", static_cast<int>(maxbit));
+    } else if (sfd->openmode != SBACC_OPENMODE_READ) {
+      // An access of its own: a copy failing here is fenced off by a nested recording.
+      rc = sbacc_ma_hddset_hddblockade(sfd, r->hddblockade);
+      if (rc != 0) SBACC_TRACE(1, "[sbacc_ma_set_hddblockade] sbacc_ma_hddset_hddblockade error. retcode=%d", rc);
+    }
+  }
+  SBACC_TRACE(5, "[sbacc_ma_set_hddblockade] [LEAVE] %d", rc);
+  return rc;
+}
+
+// ---- Named accesses -------------------------------------------------------------
+
+namespace {
+
+// Data offsets are added to the header size in 64 bits; one that would
+// leave the int range is refused as a bad position instead of wrapping.
+bool DataOffset(int offset, int* area_offset) {
+  const int64_t pos = static_cast<int64_t>(offset) + SBACC_HEADER_SIZE;
+  if (offset < 0 || pos > INT32_MAX) return false;
+  *area_offset = static_cast<int>(pos);
+  return true;
+}
+
+int SetHeaderSlice(SBACC_FILE_DISCRIPTER* sfd, const SBACC_HDD_HEADER* h, int offset, int len) {
+  uint8_t raw[SBACC_HEADER_SIZE];
+  sbacc_l_encode_header(h, raw);
+  return sbacc_ma_hdd_access(sfd, SBACC_ACCESS_SET, offset, raw + offset, len);
+}
+
+}  // namespace
+
+int sbacc_ma_hddget_header(SBACC_FILE_DISCRIPTER* sfd, SBACC_HDD_HEADER* h) {
+  uint8_t raw[SBACC_HEADER_SIZE];
+  int rc = sbacc_ma_hdd_access(sfd, SBACC_ACCESS_GET, 0, raw, SBACC_HEADER_SIZE);
+  if (rc == 0) sbacc_l_decode_header(raw, h);
+  return rc;
+}
+
+int sbacc_ma_hddget_filesize(SBACC_FILE_DISCRIPTER* sfd, int* filesize) {
+  uint8_t raw[4];
+  int rc = sbacc_ma_hdd_access(sfd, SBACC_ACCESS_GET, kHdrFilesize, raw, 4);
+  if (rc == 0) *filesize = static_cast<int32_t>(sbacc_l_get_le32(raw));
+  return rc;
+}
+
+int sbacc_ma_hddget_hddblockade(SBACC_FILE_DISCRIPTER* sfd, uint32_t* mask) {
+  uint8_t raw[4];
+  int rc = sbacc_ma_hdd_access(sfd, SBACC_ACCESS_GET, kHdrHddblockade, raw, 4);
+  if (rc == 0) *mask = sbacc_l_get_le32(raw);
+  return rc;
+}
+
+int sbacc_ma_hddget_data(SBACC_FILE_DISCRIPTER* sfd, int offset, void* buf, int len) {
+  int pos;
+  if (!DataOffset(offset, &pos)) return SBACC_E_HDDSEEK;
+  return sbacc_ma_hdd_access(sfd, SBACC_ACCESS_GET, pos, buf, len);
+}
+
+int sbacc_ma_hddset_openinfo(SBACC_FILE_DISCRIPTER* sfd, const SBACC_HDD_HEADER* h) {
+  return SetHeaderSlice(sfd, h, kHdrOpenflag, kHdrOpeninfoLen);
+}
+
+int sbacc_ma_hddset_writeinfo(SBACC_FILE_DISCRIPTER* sfd, const SBACC_HDD_HEADER* h) {
+  return SetHeaderSlice(sfd, h, kHdrWriteflag, kHdrWriteinfoLen);
+}
+
+int sbacc_ma_hddset_filesize(SBACC_FILE_DISCRIPTER* sfd, int filesize) {
+  uint8_t raw[4];
+  sbacc_l_put_le32(raw, static_cast<uint32_t>(filesize));
+  return sbacc_ma_hdd_access(sfd, SBACC_ACCESS_SET, kHdrFilesize, raw, 4);
+}
+
+int sbacc_ma_hddset_hddblockade(SBACC_FILE_DISCRIPTER* sfd, uint32_t mask) {
+  uint8_t raw[4];
+  sbacc_l_put_le32(raw, mask);
+  return sbacc_ma_hdd_access(sfd, SBACC_ACCESS_SET, kHdrHddblockade, raw, 4);
+}
+
+int sbacc_ma_hddset_data(SBACC_FILE_DISCRIPTER* sfd, int offset, const void* buf, int len) {
+  int pos;
+  if (!DataOffset(offset, &pos)) return SBACC_E_HDDSEEK;
+  return sbacc_ma_hdd_access(sfd, SBACC_ACCESS_SET, pos, const_cast<void*>(buf), len);
+}
+
+int sbacc_ma_hddset_closetime(SBACC_FILE_DISCRIPTER* sfd, int64_t closetime) {
+  uint8_t raw[8];
+  sbacc_l_put_le64(raw, static_cast<uint64_t>(closetime));
+  return sbacc_ma_hdd_access(sfd, SBACC_ACCESS_SET, kHdrClosetime, raw, 8);
+}
+
+int sbacc_ma_hddset_openflag(SBACC_FILE_DISCRIPTER* sfd, uint8_t openflag) {
+  return sbacc_ma_hdd_access(sfd, SBACC_ACCESS_SET, kHdrOpenflag, &openflag, 1);
+}
