@@ -161,9 +161,12 @@ void CaptureLine(void*, int level, const char* module, int, const char* message)
 }  // namespace
 
 TraceCapture::TraceCapture() {
-  std::lock_guard<std::mutex> lock(g_trace_mu);
-  delete g_trace_lines;
-  g_trace_lines = new std::vector<Line>();
+  {
+    std::lock_guard<std::mutex> lock(g_trace_mu);
+    delete g_trace_lines;
+    g_trace_lines = new std::vector<Line>();
+  }
+  // Outside our lock: the trace library calls CaptureLine under its own.
   MC_TestSetCapture(&CaptureLine, nullptr);
 }
 
