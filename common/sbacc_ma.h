@@ -53,6 +53,9 @@ int sbacc_ma_mem_check_blockade(SBACC_FILE_DISCRIPTER* sfd, int hdd);
 // ---- HDD repair copy -------------------------------------------------------------
 int sbacc_ma_hddrepair_copy(SBACC_FILE_DISCRIPTER* sfd, int src, int dst);
 int sbacc_ma_memset_hddrepair(SBACC_FILE_DISCRIPTER* sfd, int hdd, boolean_t flag);
+// Closes copy `hdd` of a descriptor shared by rebuild workers, serialised with
+// their unfencing steps (whose accesses may close copies of it too).
+void sbacc_ma_repair_close_hdd(SBACC_FILE_DISCRIPTER* sfd, int hdd);
 
 // ---- Restore-time repair of one area ------------------------------------------------
 int sbacc_ma_repair_for_restore(int index);

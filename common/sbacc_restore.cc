@@ -1,0 +1,522 @@
+// Start-up restore: the HDD repair of every area, one worker per area, then
+// the data repair of the seven data areas that belong together.
+#define SBACC_MODULE SBACC_MODULE_SBACC
+#include "sbacc_trace.h"
+
+#include <errno.h>
+#include <stdint.h>
+#include <string.h>
+#include <time.h>
+
+#include <bit>
+#include <initializer_list>
+
+#include "sbacc_alloc.h"
+#include "sbacc_core.h"
+#include "sbacc_l.h"
+#include "sbacc_ma.h"
+#include "sbacc_worker.h"
+
+using sbacc::kTraceError;
+using sbacc::kTraceFlow;
+using sbacc::kTraceMilestone;
+using sbacc::kTraceState;
+
+namespace {
+
+typedef struct {
+  int file_bit;
+  int data_repair_type;
+  char filename[32];
+} data_repair_t;
+
+enum {
+  kBitBackup0 = 0x1,
+  kBitBackup1 = 0x2,
+  kBitSysback = 0x4,
+  kBitSysacpt = 0x8,
+  kBitVerid = 0x10,
+  kBitVerback = 0x20,
+  kBitReboot = 0x800,
+};
+
+constexpr int kTableRows = 7;
+const data_repair_t kDataRepairTable[kTableRows] = {
+    {kBitBackup0, 1, "envfw_backup0"}, {kBitBackup1, 1, "envfw_backup1"}, {kBitSysback, 2, "envfw_sysback"},
+    {kBitSysacpt, 2, "envfw_sysacpt"}, {kBitVerid, 1, "envfw_verid"},     {kBitVerback, 2, "envfw_verback"},
+    {kBitReboot, 2, "envfw_reboot"},
+};
+
+// ctime text without its newline: a trace call writes one line.
+void TimeText(int64_t t, char out[32]) {
+  time_t tt = static_cast<time_t>(t);
+  if (ctime_r(&tt, out) == nullptr) {
+    strcpy(out, "?");
+    return;
+  }
+  const size_t n = strlen(out);
+  if (n > 0 && out[n - 1] == '\n') out[n - 1] = '\0';
+}
+
+bool IsNoCopy(int rc) { return rc == SBACC_E_ALLBLOCKADE || rc == SBACC_E_NOCOPY; }
+
+// A repair run in the calling thread has failed.
+int InThreadFailure(int rc, int index) {
+  if (IsNoCopy(rc)) {
+    SBACC_TRACE(kTraceError, "[sbacc_hdd_restore] HDD dose not exist. file_index=%d retcode=%d->%d", index, rc, 0);
+    return 0;
+  }
+  SBACC_TRACE(kTraceError, "[sbacc_hdd_restore] sbacc_ma_repair_for_restore error. retcode=%d errno=%d", rc, errno);
+  return rc;
+}
+
+// The verdict on the HDD repair: 0 to go on with the data repair, else
+// *result holds the restore's result.
+bool Judge(const int* results, int filenum, int* result) {
+  for (int i = 0; i < filenum; ++i) {
+    const int rc = results[i];
+    if (rc == 0) continue;
+    if (IsNoCopy(rc)) {
+      SBACC_TRACE(kTraceError, "[sbacc_hdd_restore] HDD is dose not exist. file_index=%d retcode=%d->%d", i, rc, 0);
+      *result = 0;
+    } else {
+      SBACC_TRACE(kTraceError, "[sbacc_hdd_restore] sbacc_ma_repair_for_restore error. retcode=%d errno=%d", rc,
+                  errno);
+      *result = rc;
+    }
+    return false;
+  }
+  return true;
+}
+
+SBACC_HDDRST_THREAD_PARAM* NewRestoreBlock() {
+  auto* blk = static_cast<SBACC_HDDRST_THREAD_PARAM*>(SBACC_CALLOC(1, sizeof(SBACC_HDDRST_THREAD_PARAM)));
+  if (blk == nullptr) {
+    SBACC_TRACE(kTraceError, "[sbacc_hdd_restore] calloc error. errno=%d", errno);
+    return nullptr;
+  }
+  switch (sbacc::WorkerInit(blk)) {
+    case sbacc::WorkerInitResult::kOk:
+      return blk;
+    case sbacc::WorkerInitResult::kMutexFailed:
+      SBACC_TRACE(kTraceError, "[sbacc_hdd_restore] pthread_mutex_init error. errno=%d", errno);
+      break;
+    case sbacc::WorkerInitResult::kCondFailed:
+      SBACC_TRACE(kTraceError, "[sbacc_hdd_restore] pthread_cond_init error. errno=%d", errno);
+      break;
+  }
+  SBACC_FREE(blk);
+  return nullptr;
+}
+
+// Parallel HDD repair.  The block has 64 slots, and the list has no limit, so
+// areas run in batches of 64: every slot's worker of a batch has finished
+// before the slot is reused, and each result is kept in `results` (one entry
+// per area) until all areas have run.  Returns false when the HDD repair
+// ended early (an in-thread repair failed); *result is then set.
+bool RepairParallel(SBACC_HDDRST_THREAD_PARAM* blk, int filenum, int* results, int* result) {
+  for (int base = 0; base < filenum; base += SBACC_RESTORE_SLOTS) {
+    const int end = (filenum - base > SBACC_RESTORE_SLOTS) ? base + SBACC_RESTORE_SLOTS : filenum;
+    for (int i = base; i < end; ++i) {
+      SBACC_TRACE(kTraceFlow, "[sbacc_hdd_restore] [%d/%d]", i, filenum);
+      SBACC_HDDRST_THREAD_PARAM_SUB* slot = &blk->param[i - base];
+      slot->index = i;
+      slot->addr = blk;
+      SBACC_TRACE(kTraceState, "[sbacc_hdd_restore] sbacc_ma_repair_for_restore() is multi exec. file_index=%d", i);
+      if (sbacc::WorkerStart(blk, sbacc_ma_repair_for_restore_p_thread, slot)) continue;
+      SBACC_TRACE(kTraceState, "[sbacc_hdd_restore] sbacc_ma_repair_for_restore() is single exec. file_index=%d", i);
+      const int rc = sbacc_ma_repair_for_restore(i);
+      if (rc != 0) {
+        // Started workers still write into the block and the verdict
+        // records: both must outlive them.
+        sbacc::WorkerWait(blk);
+        *result = InThreadFailure(rc, i);
+        return false;
+      }
+    }
+    sbacc::WorkerWait(blk);
+    for (int i = base; i < end; ++i) {
+      int* slot_rc = &blk->thread_retcode[i - base];
+      results[i] = *slot_rc;
+      *slot_rc = 0;
+    }
+  }
+  return true;
+}
+
+bool RepairSerial(int filenum, int* result) {
+  for (int i = 0; i < filenum; ++i) {
+    SBACC_TRACE(kTraceFlow, "[sbacc_hdd_restore] [%d/%d]", i, filenum);
+    SBACC_TRACE(kTraceState, "[sbacc_hdd_restore] sbacc_ma_repair_for_restore() is single exec. file_index=%d", i);
+    const int rc = sbacc_ma_repair_for_restore(i);
+    if (rc != 0) {
+      *result = InThreadFailure(rc, i);
+      return false;
+    }
+  }
+  return true;
+}
+
+// ---- Data repair ------------------------------------------------------------------
+
+// Version areas hold a native int.  Shorter areas supply its low-order
+// bytes (the rest 0); in longer ones the first 4 bytes are the number and
+// the bytes after them are passed on untouched.
+int GetVersion(const uint8_t* buf, int size) {
+  uint8_t raw[sizeof(int32_t)] = {0, 0, 0, 0};
+  const int n = size < 4 ? size : 4;
+  const int at = (std::endian::native == std::endian::big) ? 4 - n : 0;
+  memcpy(raw + at, buf, static_cast<size_t>(n));
+  int32_t v;
+  memcpy(&v, raw, sizeof v);
+  return v;
+}
+
+void PutVersion(uint8_t* buf, int size, int version) {
+  uint8_t raw[sizeof(int32_t)];
+  const int32_t v = version;
+  memcpy(raw, &v, sizeof raw);
+  const int n = size < 4 ? size : 4;
+  const int at = (std::endian::native == std::endian::big) ? 4 - n : 0;
+  memcpy(buf, raw + at, static_cast<size_t>(n));
+}
+
+int Rw(int mode, const char* name, void** buf, int* size) {
+  return sbacc_hdd_rw(mode, const_cast<char*>(name), buf, size);
+}
+
+void FreeBuf(void** buf) {
+  if (*buf != nullptr) SBACC_FREE(*buf);
+  *buf = nullptr;
+}
+
+int WriteFailed(const char* name, int size, int rc) {
+  SBACC_TRACE(kTraceError, "[sbacc_hdd_restore] sbacc_hdd_rw(write) failed. filename(%s) size=%d retcode=%d", name, size,
+              rc);
+  return rc;
+}
+
+// The data repair could not be done safely: empty envfw_verback so the set is
+// no longer taken as consistent.
+int VerbackClear() {
+  int size = 0;
+  void* unused = nullptr;
+  SBACC_TRACE(kTraceMilestone, "[sbacc_hdd_restore] data repair data failed. env_verback data clear.");
+  SBACC_TRACE(kTraceState, "[sbacc_hdd_restore] sbacc_hdd_rw(write_size) [%s] size=%d ", "envfw_verback", size);
+  const int rc = Rw(SBACC_RW_SIZE, "envfw_verback", &unused, &size);
+  if (rc != 0) return WriteFailed("envfw_verback", 0, rc);
+  return 0;
+}
+
+// Reads a whole area for the data repair.  False: the read failed or the
+// area is empty (traced; the caller clears envfw_verback).
+bool ReadForRepair(const char* name, void** buf, int* size) {
+  *buf = nullptr;
+  *size = 0;
+  const int rc = Rw(SBACC_RW_READ, name, buf, size);
+  if (rc != 0) {
+    SBACC_TRACE(kTraceError, "[sbacc_hdd_restore] sbacc_hdd_rw(read) failed. filename(%s) retcode=%d", name, rc);
+    FreeBuf(buf);
+    return false;
+  }
+  if (*size <= 0) {
+    SBACC_TRACE(kTraceError, "[sbacc_hdd_restore] %s is size 0. data repair dose not exist.", name);
+    FreeBuf(buf);
+    return false;
+  }
+  return true;
+}
+
+int DataRepairExec(int repair_flag, int type, int64_t close0, int64_t close1) {
+  SBACC_TRACE(kTraceMilestone, "[sbacc_hdd_restore] file data repair exec. repair_flag(0x%x) data_repair_type=%d",
+              repair_flag, type);
+
+  // Backup pair.  A flagged backup0 is never a source; otherwise the later
+  // close wins and a tie keeps backup0.
+  const char* source = "envfw_backup1";
+  const char* target = "envfw_backup0";
+  if ((repair_flag & kBitBackup0) == 0 && !(close1 > close0)) {
+    source = "envfw_backup0";
+    target = "envfw_backup1";
+    SBACC_TRACE(kTraceMilestone, "[sbacc_hdd_restore] data repair(envfw_backup0->envfw_backup1)");
+  }
+  void* buf = nullptr;
+  int size = 0;
+  SBACC_TRACE(kTraceState, "[sbacc_hdd_restore] sbacc_hdd_rw(read) [%s]", source);
+  if (!ReadForRepair(source, &buf, &size)) return VerbackClear();
+  SBACC_TRACE(kTraceState, "[sbacc_hdd_restore] sbacc_hdd_rw(write) [%s] size=%d", target, size);
+  int rc = Rw(SBACC_RW_WRITE, target, &buf, &size);
+  FreeBuf(&buf);
+  if (rc != 0) return WriteFailed(target, size, rc);
+
+  // Markers: whichever way the copy went, backup0 is the system backup and
+  // backup1 the accepted one again.
+  SBACC_TRACE(kTraceMilestone, "[sbacc_hdd_restore] data repair(sysback=envfw_backup0 sysacpt=envfw_backup1)");
+  static const struct {
+    const char* area;
+    const char* text;
+  } kMarkers[] = {{"envfw_sysback", "envfw_backup0"}, {"envfw_sysacpt", "envfw_backup1"}};
+  for (const auto& m : kMarkers) {
+    char text[32];
+    strcpy(text, m.text);
+    size = static_cast<int>(strlen(text));  // no NUL on the medium
+    void* p = text;
+    SBACC_TRACE(kTraceState, "[sbacc_hdd_restore] sbacc_hdd_rw(write) [%s] size=%d data=[%s]", m.area, size, text);
+    rc = Rw(SBACC_RW_WRITE, m.area, &p, &size);
+    if (rc != 0) return WriteFailed(m.area, size, rc);
+  }
+
+  if (type == 1) {
+    // Only backups or the version id were flagged: the id moves one past
+    // the backup version.
+    SBACC_TRACE(kTraceState, "[sbacc_hdd_restore] sbacc_hdd_rw(read) [%s]", "envfw_verback");
+    if (!ReadForRepair("envfw_verback", &buf, &size)) return VerbackClear();
+    uint8_t* bytes = static_cast<uint8_t*>(buf);
+    int ver = GetVersion(bytes, size);
+    SBACC_TRACE(kTraceState, "[sbacc_hdd_restore] sbacc_hdd_rw(read) [%s] size=%d ver=[%d]", "envfw_verback", size, ver);
+    ver = static_cast<int>(static_cast<uint32_t>(ver) + 1u);  // wraps, never overflows
+    PutVersion(bytes, size, ver);
+    SBACC_TRACE(kTraceMilestone, "[sbacc_hdd_restore] data repair(envfw_verid=%d)", ver);
+    SBACC_TRACE(kTraceState, "[sbacc_hdd_restore] sbacc_hdd_rw(write) [%s] size=%d ver=[%d]", "envfw_verid", size, ver);
+    rc = Rw(SBACC_RW_WRITE, "envfw_verid", &buf, &size);
+    FreeBuf(&buf);
+    if (rc != 0) return WriteFailed("envfw_verid", size, rc);
+    return 0;
+  }
+
+  // A marker or a backup/reboot version was flagged: both take the id's
+  // bytes unchanged.
+  SBACC_TRACE(kTraceState, "[sbacc_hdd_restore] sbacc_hdd_rw(read) [%s] size=%d", "envfw_verid", size);
+  if (!ReadForRepair("envfw_verid", &buf, &size)) return VerbackClear();
+  const int ver = GetVersion(static_cast<uint8_t*>(buf), size);
+  SBACC_TRACE(kTraceMilestone, "[sbacc_hdd_restore] data repair(envfw_verback=%d  envfw_reboot=%d)", ver, ver);
+  for (const char* area : {"envfw_verback", "envfw_reboot"}) {
+    SBACC_TRACE(kTraceState, "[sbacc_hdd_restore] sbacc_hdd_rw(write) [%s] size=%d ver=[%d]", area, size, ver);
+    rc = Rw(SBACC_RW_WRITE, area, &buf, &size);
+    if (rc != 0) {
+      FreeBuf(&buf);
+      return WriteFailed(area, size, rc);
+    }
+  }
+  FreeBuf(&buf);
+  return 0;
+}
+
+int DataRepair(const data_repair_t* table, const SBACC_DATA_REPAIR* recs, int filenum) {
+  int repair_flag = 0;
+  int type = 0;
+  int64_t close0 = 0;
+  int64_t close1 = 0;
+  if (filenum >= 1) {
+    for (int i = 0; i < filenum; ++i) {
+      const SBACC_DATA_REPAIR& r = recs[i];
+      const data_repair_t* row = nullptr;
+      for (int k = 0; k < kTableRows && row == nullptr; ++k) {
+        if (strncmp(table[k].filename, r.filename, sizeof r.filename) == 0) row = &table[k];
+      }
+      if (row == nullptr) continue;
+      SBACC_TRACE(kTraceState, "[sbacc_hdd_restore] [%s] data repair check. ", row->filename);
+      char when[32];
+      if (row->file_bit == kBitBackup0) {
+        TimeText(r.closetime, when);
+        SBACC_TRACE(kTraceState, "[sbacc_hdd_restore] [envfw_backup0] data_repair[%d] close_tiem(%s) ", r.data_repair,
+                    when);
+        close0 = r.closetime;
+      } else if (row->file_bit == kBitBackup1) {
+        TimeText(r.closetime, when);
+        SBACC_TRACE(kTraceState, "[sbacc_hdd_restore] [envfw_backup1] data_repair[%d] close_tiem(%s) ", r.data_repair,
+                    when);
+        close1 = r.closetime;
+      }
+      if (r.data_repair == 1) {
+        repair_flag |= row->file_bit;
+        type |= row->data_repair_type;
+        SBACC_TRACE(kTraceMilestone, "[sbacc_hdd_restore] [%s] data repair need. flag[0x%x] type[%d]", row->filename,
+                    repair_flag, type);
+      }
+    }
+  }
+  if (type == 0) {
+    SBACC_TRACE(kTraceMilestone, "[sbacc_hdd_restore] file data repair no exec.");
+    return 0;
+  }
+  if ((repair_flag & kBitBackup0) != 0 && (repair_flag & kBitBackup1) != 0) {
+    SBACC_TRACE(kTraceError,
+                "[sbacc_hdd_restore] envfw_backup0 and envfw_backup1 is failed. data repair dose not exist.");
+    return VerbackClear();
+  }
+  if ((type & 1) != 0 && (repair_flag & kBitVerback) != 0) {
+    SBACC_TRACE(kTraceError, "[sbacc_hdd_restore] envfw_verback is failed. data repair dose not exist.");
+    return VerbackClear();
+  }
+  if ((type & 2) != 0 && (repair_flag & kBitVerid) != 0) {
+    SBACC_TRACE(kTraceError, "[sbacc_hdd_restore] envfw_verid is failed. data repair dose not exist.");
+    return VerbackClear();
+  }
+  return DataRepairExec(repair_flag, type, close0, close1);
+}
+
+int Restore(const data_repair_t* table) {
+  int rc = 0;
+  if (p_sbacc_file_list == nullptr) {
+    rc = sbacc_l_get_filelist(&p_sbacc_file_list);
+    if (rc != 0) {
+      SBACC_TRACE(kTraceError, "[sbacc_hdd_restore] sbacc_l_get_filelist error. ret=%d errno=%d", rc, errno);
+      return rc;
+    }
+  }
+  // The list is fixed for the whole call (one restore per process at a time).
+  const int filenum = p_sbacc_file_list->filenum;
+  // At least one record, so that an empty list is not taken for a failed
+  // allocation.
+  const int records = filenum > 0 ? filenum : 1;
+  p_sbacc_data_repair = static_cast<SBACC_DATA_REPAIR*>(SBACC_CALLOC(records, sizeof(SBACC_DATA_REPAIR)));
+  if (p_sbacc_data_repair == nullptr) {
+    SBACC_TRACE(kTraceError, "[sbacc_hdd_restore] SBACC_CALLOC error. errno=%d", errno);
+    return SBACC_E_NOSPACE;
+  }
+  // Every area's result, kept across the batches of the parallel phase.
+  int* results = static_cast<int*>(SBACC_CALLOC(records, sizeof(int)));
+  if (results == nullptr) {
+    SBACC_TRACE(kTraceError, "[sbacc_hdd_restore] SBACC_CALLOC error. errno=%d", errno);
+    SBACC_FREE(p_sbacc_data_repair);
+    p_sbacc_data_repair = nullptr;
+    return SBACC_E_NOSPACE;
+  }
+
+  bool go_on;
+  SBACC_HDDRST_THREAD_PARAM* blk = NewRestoreBlock();
+  if (blk != nullptr) {
+    go_on = RepairParallel(blk, filenum, results, &rc) && Judge(results, filenum, &rc);
+    sbacc::WorkerDestroy(blk);
+    SBACC_FREE(blk);
+  } else {
+    go_on = RepairSerial(filenum, &rc);
+  }
+  if (go_on) rc = DataRepair(table, p_sbacc_data_repair, filenum);
+
+  SBACC_FREE(results);
+  SBACC_FREE(p_sbacc_data_repair);
+  p_sbacc_data_repair = nullptr;
+  return rc;
+}
+
+}  // namespace
+
+int sbacc_hdd_restore(int cntno) {
+  data_repair_t table[kTableRows];
+  memcpy(table, kDataRepairTable, sizeof table);
+  SBACC_TRACE(kTraceState, "[sbacc_hdd_restore] [ENTER] %s", "sbacc_hdd_restore");
+  SBACC_TRACE(kTraceMilestone, "[sbacc_hdd_restore] ===== HDD/Data repair start =====");
+  sbacc_cntno = cntno;
+
+  const int rc = Restore(table);
+
+  if (rc != 0) SBACC_TRACE_PARAM_NOARGS("sbacc_hdd_restore", rc);
+  SBACC_TRACE(kTraceState, "[sbacc_hdd_restore] [LEAVE] %d", rc);
+  SBACC_TRACE(kTraceMilestone, "[sbacc_hdd_restore] ===== HDD/Data repair end[%d] =====", rc);
+  return rc;
+}
+
+void* sbacc_ma_repair_for_restore_p_thread(void* arg) {
+  auto* slot = static_cast<SBACC_HDDRST_THREAD_PARAM_SUB*>(arg);
+  const int index = slot->index;
+  SBACC_HDDRST_THREAD_PARAM* blk = slot->addr;
+  // Slots are reused per batch of 64: the result goes to the slot's own entry.
+  const int slot_no = static_cast<int>(slot - blk->param);
+  sbacc::WorkerThreadSetup(sbacc::WorkerLog::kRestore2);
+  SBACC_TRACE(kTraceFlow, "[repair_for_restore_p_thread] [ENTER]");
+  SBACC_TRACE(kTraceMilestone, "[repair_for_restore_p_thread] repair exec.index=%d", index);
+  const int rc = sbacc_ma_repair_for_restore(index);
+  if (rc != 0) SBACC_TRACE(kTraceError, "[repair_for_restore_p_thread] repair error. index=%d", index);
+  sbacc::WorkerFinish(blk, &blk->thread_retcode[slot_no], rc);
+  SBACC_TRACE(kTraceFlow, "[repair_for_restore_p_thread] [LEAVE] %d", rc);
+  return reinterpret_cast<void*>(static_cast<intptr_t>(rc));
+}
+
+// ---- Whole-area transfer through the public calls ------------------------------------
+
+int sbacc_hdd_rw(int mode, char* filename, void** buf, int* size) {
+  SBACC_TRACE(kTraceFlow, "[sbacc_hdd_rw] [ENTER] %s", "sbacc_hdd_rw");
+  void* fp = nullptr;
+  boolean_t closeflag = B_TRUE;
+  int rc = 0;
+
+  switch (mode) {
+    case SBACC_RW_READ: {
+      rc = sbacc_open(filename, "r", &fp, &closeflag);
+      if (rc != 0) {
+        SBACC_TRACE(kTraceError, "[sbacc_hdd_rw] sbacc_open error. fine[%s] retcode=%d", filename, rc);
+        fp = nullptr;
+        break;
+      }
+      const int n = sbacc_read_size(fp);
+      if (n < 0) {
+        SBACC_TRACE(kTraceError, "[sbacc_hdd_rw] File Size error. file[%s]", filename);
+        rc = SBACC_E_HDDREAD;
+        break;
+      }
+      *size = n;
+      // One byte at least, so an empty area still hands back a buffer.
+      void* data = SBACC_CALLOC(n > 0 ? n : 1, 1);
+      if (data == nullptr) {
+        SBACC_TRACE(kTraceError, "[sbacc_hdd_rw] SBACC_CALLOC error. file[%s] size=%d errno=%d", filename, n, errno);
+        rc = SBACC_E_NOSPACE;
+        break;
+      }
+      *buf = data;
+      // A read of 0 bytes is a parameter error in the public call; an empty
+      // area needs no read at all.
+      const int got = (n > 0) ? sbacc_read(data, n, 0, fp) : 0;
+      if (got != n) {
+        SBACC_FREE(data);
+        *buf = nullptr;
+        SBACC_TRACE(kTraceError, "[sbacc_hdd_rw] sbacc_read error. file[%s] size=%d retcode=%d", filename, n, got);
+        rc = SBACC_E_HDDREAD;
+      }
+      break;
+    }
+    case SBACC_RW_WRITE: {
+      rc = sbacc_open(filename, "w", &fp, &closeflag);
+      if (rc != 0) {
+        SBACC_TRACE(kTraceError, "[sbacc_hdd_rw] sbacc_open error. file[%s] retcode=%d", filename, rc);
+        fp = nullptr;
+        break;
+      }
+      // Writes from offset 0 and never shortens the area.
+      const int put = sbacc_write(*buf, *size, 0, fp);
+      if (put != *size) {
+        SBACC_TRACE(kTraceError, "[sbacc_hdd_rw] sbacc_write error. file[%s] size=%d retcode=%d", filename, *size, put);
+        rc = SBACC_E_HDDWRITE;
+      }
+      break;
+    }
+    case SBACC_RW_SIZE: {
+      rc = sbacc_open(filename, "w", &fp, &closeflag);
+      if (rc != 0) {
+        SBACC_TRACE(kTraceError, "[sbacc_hdd_rw] sbacc_open error. file[%s] retcode=%d", filename, rc);
+        fp = nullptr;
+        break;
+      }
+      const int set = sbacc_write_size(*size, fp);
+      if (set != *size) {
+        SBACC_TRACE(kTraceError, "[sbacc_hdd_rw] sbacc_write_size error. file[%s] size=%d retcode=%d", filename, *size,
+                    set);
+        rc = SBACC_E_HDDWRITE;
+      }
+      break;
+    }
+    default:
+      SBACC_TRACE(kTraceError, "[sbacc_hdd_rw] parameter error. mode(%d)", mode);
+      rc = SBACC_E_PARAM;
+      break;
+  }
+
+  if (fp != nullptr) {
+    const int crc = sbacc_close(fp);
+    if (crc != 0) SBACC_TRACE(kTraceError, "[sbacc_hdd_rw] sbacc_close error. file[%s] retcode=%d", filename, crc);
+  }
+  if (rc != 0) SBACC_TRACE_PARAM_NOARGS("sbacc_hdd_rw", rc);
+  SBACC_TRACE(kTraceFlow, "[sbacc_hdd_rw] [LEAVE] %d", rc);
+  return rc;
+}
