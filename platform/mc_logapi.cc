@@ -6,6 +6,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -30,15 +31,19 @@ constexpr int kDefaultNum = 10;
 // ---- Process-wide settings from the environment ---------------------------
 
 std::atomic<bool> g_env_loaded{false};
-std::mutex g_env_load_mu;
-// Guards g_env_dir and the default descriptor: writers of the default file
-// hold it shared, a reload holds it exclusively before closing the old one.
-std::shared_mutex g_env_mu;
+std::mutex g_env_load_mu;  // serialises loads and reloads
+// Guards g_env_dir, which threads read only when g_env_gen has moved.  A
+// plain mutex, not a rwlock: only a mutex can be released in a fork child.
+std::mutex g_env_mu;
 std::atomic<int> g_level{kMaxLevel};
+// Writers load this without a lock.  A reload never closes a descriptor a
+// writer may still hold: it dup2()s the new target over the one descriptor
+// this library owns, so a racing line lands in the old or the new file and
+// never in somebody else's.
 std::atomic<int> g_default_fd{-1};
+int g_owned_fd = -1;  // under g_env_load_mu
 std::atomic<unsigned> g_env_gen{0};
 std::string g_env_dir;  // MC_TRACE_DIR; empty = not set
-bool g_default_owned = false;
 
 int parse_level(const char* s) {
     if (s == nullptr || *s == '\0') return kMaxLevel;
@@ -49,25 +54,37 @@ int parse_level(const char* s) {
     return static_cast<int>(v);
 }
 
-// Caller holds g_env_mu exclusively (or is the only user so far).
+// Points the owned descriptor at target (a fresh descriptor, consumed).
+int adopt_default_fd(int target) {
+    if (g_owned_fd < 0) {
+        g_owned_fd = target;
+    } else if (target != g_owned_fd) {
+        ::dup2(target, g_owned_fd);
+        ::close(target);
+    }
+    return g_owned_fd;
+}
+
+// Caller holds g_env_load_mu.
 void load_env_locked() {
-    int old = g_default_fd.load(std::memory_order_relaxed);
-    if (old >= 0 && g_default_owned) ::close(old);
-    g_default_owned = false;
     int fd = -1;
     const char* file = std::getenv("MC_TRACE_FILE");
     if (file != nullptr && *file != '\0') {
         if (std::strcmp(file, "-") == 0) {
-            fd = STDERR_FILENO;
+            fd = g_owned_fd >= 0 ? adopt_default_fd(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0))
+                                 : STDERR_FILENO;
         } else {
-            fd = ::open(file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-            g_default_owned = fd >= 0;
+            int nfd = ::open(file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+            if (nfd >= 0) fd = adopt_default_fd(nfd);
         }
     }
-    const char* dir = std::getenv("MC_TRACE_DIR");
-    g_env_dir = (dir != nullptr) ? dir : "";
+    {
+        std::lock_guard<std::mutex> lk(g_env_mu);
+        const char* dir = std::getenv("MC_TRACE_DIR");
+        g_env_dir = (dir != nullptr) ? dir : "";
+    }
     g_level.store(parse_level(std::getenv("MC_TRACE_LEVEL")), std::memory_order_relaxed);
-    g_default_fd.store(fd, std::memory_order_relaxed);
+    g_default_fd.store(fd, std::memory_order_release);
     g_env_gen.fetch_add(1, std::memory_order_release);
 }
 
@@ -75,12 +92,23 @@ inline void ensure_env() {
     if (g_env_loaded.load(std::memory_order_acquire)) return;
     std::lock_guard<std::mutex> lk(g_env_load_mu);
     if (g_env_loaded.load(std::memory_order_relaxed)) return;
-    {
-        std::unique_lock<std::shared_mutex> wl(g_env_mu);
-        load_env_locked();
-    }
+    load_env_locked();
     g_env_loaded.store(true, std::memory_order_release);
 }
+
+// A child forked while another thread held one of these would inherit it
+// locked for good.
+void atfork_prepare() {
+    g_env_load_mu.lock();
+    g_env_mu.lock();
+}
+void atfork_release() {
+    g_env_mu.unlock();
+    g_env_load_mu.unlock();
+}
+struct AtforkRegistrar {
+    AtforkRegistrar() { ::pthread_atfork(atfork_prepare, atfork_release, atfork_release); }
+} g_atfork_registrar;
 
 // ---- Capture hook -----------------------------------------------------------
 
@@ -129,7 +157,7 @@ bool thread_file_usable() {
     if (t_set.path_gen != gen || t_set.path.empty()) {
         std::string env_dir;
         {
-            std::shared_lock<std::shared_mutex> rl(g_env_mu);
+            std::lock_guard<std::mutex> lk(g_env_mu);
             env_dir = g_env_dir;
         }
         t_set.open_failed = false;
@@ -197,8 +225,7 @@ bool write_thread_file(const char* line, size_t len) {
 }
 
 void write_default(const char* line, size_t len) {
-    std::shared_lock<std::shared_mutex> rl(g_env_mu);
-    int fd = g_default_fd.load(std::memory_order_relaxed);
+    int fd = g_default_fd.load(std::memory_order_acquire);
     if (fd >= 0) write_all(fd, line, len);
 }
 
@@ -343,10 +370,7 @@ void MC_TestSetCapture(MC_TraceCapture fn, void* ctx) {
 
 void MC_TestReloadEnv(void) {
     std::lock_guard<std::mutex> lk(g_env_load_mu);
-    {
-        std::unique_lock<std::shared_mutex> wl(g_env_mu);
-        load_env_locked();
-    }
+    load_env_locked();
     g_env_loaded.store(true, std::memory_order_release);
 }
 
