@@ -1,0 +1,196 @@
+// sbacc: look at and drive the mirrored data areas of a controller.
+//
+// Exit status: 0 done; 1 ran and found something wrong (status: a copy not
+// usable or NV not initialised; verify: copies that differ); 2 bad usage or
+// a library call failed.  Library codes are shown with their name and
+// meaning.  The library's environment (SBACC_FILELIST, SANFWCTL_NV_IMAGE,
+// MC_TRACE_FILE, MC_TRACE_DIR, the retry tunables) applies unchanged.
+#include <errno.h>
+#include <limits.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <CLI/CLI.hpp>
+
+#include "tool.h"
+
+namespace {
+
+using namespace sbacc_tool;
+
+// The innermost subcommand that the parser got to, and how deep it is.
+CLI::App* Innermost(CLI::App* app, int* depth = nullptr) {
+  int d = 0;
+  for (;;) {
+    auto subs = app->get_subcommands();
+    if (subs.empty()) break;
+    app = subs.front();
+    ++d;
+  }
+  if (depth != nullptr) *depth = d;
+  return app;
+}
+
+// Byte counts and offsets: whole decimal numbers that fit an int, with a
+// message that names what is wrong with the text.
+const CLI::Validator kByteCount(
+    [](std::string& text) -> std::string {
+      errno = 0;
+      char* end = nullptr;
+      const long long v = strtoll(text.c_str(), &end, 10);
+      if (text.empty() || end == nullptr || *end != '\0') return "'" + text + "' is not a number";
+      if (v < 0) return "'" + text + "' is negative";
+      if (errno == ERANGE || v > INT_MAX) return "'" + text + "' is too large (at most " + std::to_string(INT_MAX) + ")";
+      return std::string();
+    },
+    "BYTES");
+
+std::string CommandName(CLI::App* app) {
+  std::string name;
+  for (CLI::App* a = app; a != nullptr; a = a->get_parent()) name = a->get_name() + (name.empty() ? "" : " ") + name;
+  return name;
+}
+
+int Fail(CLI::App* app, const std::string& message, bool usage) {
+  fprintf(stderr, "%s: %s\n", CommandName(app).c_str(), message.c_str());
+  if (usage) fprintf(stderr, "%s", app->help().c_str());
+  return kExitError;
+}
+
+constexpr const char* kFooter =
+    "Exit status: 0 done, 1 something found wrong (status, verify), 2 bad usage or a library error.\n"
+    "Environment: SBACC_FILELIST (area list), SANFWCTL_NV_IMAGE (NV memory image),\n"
+    "MC_TRACE_FILE and MC_TRACE_DIR (library trace), as for the library itself.\n"
+    "A simulated controller to try things on: sbacc sim create DIR --help";
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app{"Look at and drive the mirrored data areas of a controller.", "sbacc"};
+  app.footer(kFooter);
+  app.require_subcommand(1);
+  app.set_version_flag("--version", "sbacc 1.1.0");
+
+  std::vector<std::string> areas;
+  std::string area, file;
+  bool json = false, repair = false;
+  int offset = 0, size = 0, controller = 0, copy = 0;
+  SimOptions sim_opts;
+
+  CLI::App* ls = app.add_subcommand("ls", "List the configured areas: address, size, capacity and copies.");
+
+  CLI::App* status = app.add_subcommand(
+      "status", "Show each area's NV entry and the state and header of each copy, read without changing anything.");
+  status->add_option("AREA", areas, "Areas to show (default: all)");
+  status->add_flag("--json", json, "Machine-readable output (stable shape)");
+  status->footer("Exit status 1 when any copy is not usable or an NV entry is not initialised.");
+
+  CLI::App* cat = app.add_subcommand("cat", "Write an area's data to standard output.");
+  cat->add_option("AREA", area, "Area name")->required();
+
+  CLI::App* put = app.add_subcommand("put", "Replace an area's data with a file (or standard input).");
+  put->add_option("AREA", area, "Area name")->required();
+  put->add_option("FILE", file, "Input file; '-' or none: standard input");
+
+  CLI::App* write = app.add_subcommand("write", "Write a file (or standard input) into an area at an offset.");
+  write->add_option("AREA", area, "Area name")->required();
+  write->add_option("OFFSET", offset, "Data offset in bytes")->required()->check(kByteCount);
+  write->add_option("FILE", file, "Input file; '-' or none: standard input");
+
+  CLI::App* truncate = app.add_subcommand("truncate", "Set an area's data size (zero-filled when it grows).");
+  truncate->add_option("AREA", area, "Area name")->required();
+  truncate->add_option("SIZE", size, "New size in bytes")->required()->check(kByteCount);
+
+  CLI::App* init = app.add_subcommand("init", "Start-up: restore every area, then rebuild every NV entry.");
+  init->add_option("--controller,-c", controller, "This controller's number (0-3)")->check(CLI::Range(0, 3));
+
+  CLI::App* restore = app.add_subcommand("restore", "Start-up restore only: rebuild stale copies, repair the paired areas.");
+  restore->add_option("--controller,-c", controller, "This controller's number (0-3)")->check(CLI::Range(0, 3));
+
+  CLI::App* repair_init = app.add_subcommand("repair-init", "Clear this controller's repair lock in every area.");
+  repair_init->add_option("--controller,-c", controller, "This controller's number (0-3)")
+      ->required()
+      ->check(CLI::Range(0, 3));
+
+  CLI::App* dump = app.add_subcommand("dump", "Write the diagnostic hex dump of NV entries and HDD headers.");
+  dump->add_option("FILE", file, "Append the dump to this file; none or '-': standard output");
+
+  CLI::App* verify = app.add_subcommand(
+      "verify", "Compare the usable copies of each area byte for byte (data and whole header).");
+  verify->add_option("AREA", areas, "Areas to verify (default: all)");
+  verify->add_flag("--repair", repair,
+                   "Rewrite each differing copy from the copy an open would read, under the area's repair lock");
+  verify->add_option("--controller,-c", controller, "Controller number for the repair lock (0-3)")
+      ->check(CLI::Range(0, 3));
+  verify->footer("Exit status 1 when copies differ (with --repair: when any still differs).");
+
+  // Opens an area for writing and waits to be killed: a writer that died
+  // with the area open, for demonstrations and tests.  Not in the help.
+  CLI::App* hold = app.add_subcommand("hold", "Open an area for writing and wait, never closing it.");
+  hold->group("");
+  hold->add_option("AREA", area, "Area name")->required();
+  hold->add_option("FILE", file, "Data to write at offset 0 first");
+
+  CLI::App* sim = app.add_subcommand("sim", "A simulated controller in a directory, to try things on.");
+  sim->require_subcommand(1);
+  CLI::App* sim_create = sim->add_subcommand(
+      "create", "Create HDD images, an area list (the seven known areas and N more), an NV image and log/.");
+  sim_create->add_option("DIR", sim_opts.dir, "Directory (created if missing)")->required();
+  sim_create->add_option("--copies,-k", sim_opts.copies, "HDD copies of every area (1-8)")->capture_default_str()->check(CLI::Range(1, 8));
+  sim_create->add_option("--areas,-n", sim_opts.areas, "Areas beyond the seven known ones")->capture_default_str()
+      ->check(CLI::Range(0, 1000));
+  sim_create->add_option("--size", sim_opts.size, "Bytes per area, header included")->capture_default_str()
+      ->check(CLI::Range(static_cast<int64_t>(256), static_cast<int64_t>(64) << 20));
+  sim_create->footer("Prints export lines for the environment (also saved in DIR/env.sh).");
+  CLI::App* sim_pull = sim->add_subcommand("pull", "Pull a disk: every access to copy COPY fails from now on.");
+  sim_pull->add_option("DIR", file, "Simulated controller directory")->required();
+  sim_pull->add_option("COPY", copy, "Copy (disk) number")->required()->check(kByteCount);
+  CLI::App* sim_replace = sim->add_subcommand("replace", "Put a new, empty disk in copy COPY's place.");
+  sim_replace->add_option("DIR", file, "Simulated controller directory")->required();
+  sim_replace->add_option("COPY", copy, "Copy (disk) number")->required()->check(kByteCount);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::CallForAllHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::CallForVersion& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    int depth = 0;
+    CLI::App* where = Innermost(&app, &depth);
+    // A word where a subcommand belongs that names none.
+    if (!where->get_subcommands({}).empty() && argc > depth + 1 && argv[depth + 1][0] != '-') {
+      return Fail(where, std::string("unknown command '") + argv[depth + 1] + "'", true);
+    }
+    return Fail(where, e.what(), true);
+  }
+
+  CLI::App* where = Innermost(&app);
+  try {
+    if (*ls) return CmdLs();
+    if (*status) return CmdStatus(areas, json);
+    if (*cat) return CmdCat(area);
+    if (*put) return CmdPut(area, file);
+    if (*write) return CmdWrite(area, offset, file);
+    if (*truncate) return CmdTruncate(area, size);
+    if (*init) return CmdInit(controller);
+    if (*restore) return CmdRestore(controller);
+    if (*repair_init) return CmdRepairInit(controller);
+    if (*dump) return CmdDump(file);
+    if (*verify) return CmdVerify(areas, repair, controller);
+    if (*hold) return CmdHold(area, file);
+    if (*sim_create) return CmdSimCreate(sim_opts);
+    if (*sim_pull) return CmdSimPull(file, copy);
+    if (*sim_replace) return CmdSimReplace(file, copy);
+  } catch (const UsageError& e) {
+    return Fail(where, e.what(), true);
+  } catch (const LibError& e) {
+    return Fail(where, e.what(), false);
+  } catch (const std::exception& e) {
+    return Fail(where, e.what(), false);
+  }
+  return Fail(where, "nothing to do", true);
+}

@@ -1,0 +1,165 @@
+// The sbacc command-line tool: shared pieces of its subcommands.
+#ifndef SBACC_TOOL_H
+#define SBACC_TOOL_H
+
+#include <stdint.h>
+
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "sbacc.h"
+#include "sbacc_types.h"
+
+namespace sbacc_tool {
+
+// Exit statuses of every subcommand.
+enum ExitStatus {
+  kExitOk = 0,       // done, nothing wrong
+  kExitFound = 1,    // ran, and found something wrong (fenced copy, mismatch, ...)
+  kExitError = 2,    // bad usage, or a library call failed
+};
+
+// Bad input: reported in one line with the subcommand's usage, exit 2,
+// before anything has been written.
+class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// A library call failed: reported with the code's name and meaning, exit 2.
+class LibError : public std::runtime_error {
+ public:
+  LibError(const std::string& what, int code);
+  int code() const { return code_; }
+
+ private:
+  int code_;
+};
+
+// "SBACC_E_NOTINIT (-104): not initialised"
+std::string CodeString(int code);
+
+// ---- Area list ----------------------------------------------------------------
+
+// The configured areas, read once per run through the library's own parser
+// (so SBACC_FILELIST is honoured exactly as the library honours it).
+const std::vector<SBACC_FILE_LIST_ENTRY>& Areas();
+// Areas named on the command line (all when none), in list order; an unknown
+// name is a UsageError.
+std::vector<const SBACC_FILE_LIST_ENTRY*> SelectAreas(const std::vector<std::string>& names);
+// One area by name, or a UsageError.
+const SBACC_FILE_LIST_ENTRY& FindArea(const std::string& name);
+int64_t Capacity(const SBACC_FILE_LIST_ENTRY& e);  // data bytes: areasize - 128, at least 0
+
+// ---- Small helpers ------------------------------------------------------------
+
+// Local "YYYY-MM-DD hh:mm:ss"; "-" for 0.
+std::string LocalTime(int64_t t);
+// Whole file ("-" = standard input); a file that cannot be read is a UsageError.
+std::vector<uint8_t> ReadInput(const std::string& path);
+// Shell-quoted word for export lines.
+std::string ShellQuote(const std::string& s);
+
+// Progress on standard error, shown only when it is a terminal.
+class Progress {
+ public:
+  Progress(std::string label, size_t total);
+  ~Progress();
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+  void Step(const std::string& what);
+  // Erases the progress line, before a report line goes out.
+  void Clear();
+
+ private:
+  std::string label_;
+  size_t total_;
+  size_t done_ = 0;
+  bool on_;
+  bool shown_ = false;
+};
+
+// Runs fn while a ticker with the elapsed time shows on a terminal; the
+// library's start-up calls give no progress of their own.
+int WithTicker(const std::string& label, const std::function<int()>& fn);
+
+// ---- One area's copies, read straight from NV and the files -------------------
+
+enum class CopyState { kHealthy, kFenced, kRepair, kMissing };
+const char* StateName(CopyState s);
+
+struct CopyProbe {
+  int index = 0;
+  std::string path;
+  bool opened = false;        // the file could be opened
+  bool header_read = false;   // its 128 header bytes could be read
+  std::string error;          // why not
+  uint8_t raw[SBACC_HEADER_SIZE] = {};
+  SBACC_HDD_HEADER hdr = {};
+  bool header_valid = false;  // "SBFS", version 3
+  CopyState state = CopyState::kMissing;
+  bool usable() const { return state == CopyState::kHealthy && header_valid; }
+};
+
+// Owns an inspection descriptor (open mode 0) and the opened copies; changes
+// nothing on the media itself.
+class AreaProbe {
+ public:
+  // open_flags: O_RDONLY for looking, O_RDWR for a repair.
+  AreaProbe(const SBACC_FILE_LIST_ENTRY& entry, int open_flags);
+  ~AreaProbe();
+  AreaProbe(const AreaProbe&) = delete;
+  AreaProbe& operator=(const AreaProbe&) = delete;
+
+  // (Re)reads the NV entry and every copy's header.
+  void Refresh();
+
+  SBACC_FILE_DISCRIPTER* sfd() { return sfd_; }
+  const SBACC_FILE_LIST_ENTRY& entry() const { return entry_; }
+  int nv_rc = 0;               // 0, or the NV read's code
+  bool nv_valid = false;
+  SBACC_MEM_LIST_ENTRY nv = {};
+  std::vector<CopyProbe> copies;
+  int usable_count() const;
+
+ private:
+  void OpenCopies();
+  SBACC_FILE_LIST_ENTRY entry_;
+  int open_flags_;
+  SBACC_FILE_DISCRIPTER* sfd_ = nullptr;
+};
+
+// Header field names covering byte range [off, off+len) of a header, for
+// reports of what differs.
+std::vector<std::string> HeaderFieldsDiffering(const uint8_t* a, const uint8_t* b);
+
+// ---- Subcommands ----------------------------------------------------------------
+
+int CmdLs();
+int CmdStatus(const std::vector<std::string>& areas, bool json);
+int CmdVerify(const std::vector<std::string>& areas, bool repair, int controller);
+int CmdCat(const std::string& area);
+int CmdPut(const std::string& area, const std::string& file);
+int CmdWrite(const std::string& area, int offset, const std::string& file);
+int CmdTruncate(const std::string& area, int size);
+int CmdHold(const std::string& area, const std::string& file);
+int CmdInit(int controller);
+int CmdRestore(int controller);
+int CmdRepairInit(int controller);
+int CmdDump(const std::string& file);
+
+struct SimOptions {
+  std::string dir;
+  int copies = 2;
+  int areas = 0;
+  int64_t size = 4096;
+};
+int CmdSimCreate(const SimOptions& o);
+int CmdSimPull(const std::string& dir, int copy);
+int CmdSimReplace(const std::string& dir, int copy);
+
+}  // namespace sbacc_tool
+
+#endif  // SBACC_TOOL_H

@@ -1,0 +1,177 @@
+// Shared helpers of the tool: error reporting, the area list, times, input
+// files, progress on a terminal.
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+#include "sbacc_core.h"
+#include "sbacc_l.h"
+#include "tool.h"
+
+namespace sbacc_tool {
+
+LibError::LibError(const std::string& what, int code)
+    : std::runtime_error(what + ": " + CodeString(code)), code_(code) {}
+
+std::string CodeString(int code) {
+  return std::string(sbacc_code_name(code)) + " (" + std::to_string(code) + "): " +
+         sbacc_code_text(code);
+}
+
+// ---- Area list ------------------------------------------------------------------
+
+const std::vector<SBACC_FILE_LIST_ENTRY>& Areas() {
+  static std::vector<SBACC_FILE_LIST_ENTRY> areas;
+  static bool loaded = false;
+  if (!loaded) {
+    // The library keeps the list it loads for the life of the process, and
+    // its own walks (dump, start-up) then use the same one.
+    if (p_sbacc_file_list == nullptr) {
+      int rc = sbacc_l_get_filelist(&p_sbacc_file_list);
+      if (rc != 0) {
+        throw LibError(std::string("cannot load the area list ") + sbacc_l_filelist_path() +
+                           " (set SBACC_FILELIST, or see 'sbacc sim create --help')",
+                       rc);
+      }
+    }
+    areas.assign(p_sbacc_file_list->file, p_sbacc_file_list->file + p_sbacc_file_list->filenum);
+    loaded = true;
+  }
+  return areas;
+}
+
+const SBACC_FILE_LIST_ENTRY& FindArea(const std::string& name) {
+  for (const SBACC_FILE_LIST_ENTRY& e : Areas()) {
+    if (name == e.filename) return e;
+  }
+  throw UsageError("unknown area '" + name + "' (see 'sbacc ls')");
+}
+
+std::vector<const SBACC_FILE_LIST_ENTRY*> SelectAreas(const std::vector<std::string>& names) {
+  std::vector<const SBACC_FILE_LIST_ENTRY*> out;
+  if (names.empty()) {
+    for (const SBACC_FILE_LIST_ENTRY& e : Areas()) out.push_back(&e);
+    return out;
+  }
+  for (const std::string& n : names) FindArea(n);  // all checked before any is shown
+  for (const SBACC_FILE_LIST_ENTRY& e : Areas()) {
+    for (const std::string& n : names) {
+      if (n == e.filename) {
+        out.push_back(&e);
+        break;
+      }
+    }
+  }
+  return out;
+}
+
+int64_t Capacity(const SBACC_FILE_LIST_ENTRY& e) {
+  return e.areasize > SBACC_HEADER_SIZE ? static_cast<int64_t>(e.areasize - SBACC_HEADER_SIZE) : 0;
+}
+
+// ---- Small helpers -------------------------------------------------------------
+
+std::string LocalTime(int64_t t) {
+  if (t == 0) return "-";
+  time_t tt = static_cast<time_t>(t);
+  struct tm tmv;
+  char buf[32];
+  if (localtime_r(&tt, &tmv) == nullptr || strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &tmv) == 0) {
+    return std::to_string(t);
+  }
+  return buf;
+}
+
+std::vector<uint8_t> ReadInput(const std::string& path) {
+  const bool use_stdin = path.empty() || path == "-";
+  int fd = use_stdin ? STDIN_FILENO : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) throw UsageError("cannot read '" + path + "': " + strerror(errno));
+  std::vector<uint8_t> data;
+  uint8_t chunk[65536];
+  for (;;) {
+    ssize_t n = ::read(fd, chunk, sizeof chunk);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      int e = errno;
+      if (!use_stdin) ::close(fd);
+      throw UsageError("cannot read '" + (use_stdin ? std::string("standard input") : path) +
+                       "': " + strerror(e));
+    }
+    if (n == 0) break;
+    data.insert(data.end(), chunk, chunk + n);
+  }
+  if (!use_stdin) ::close(fd);
+  return data;
+}
+
+std::string ShellQuote(const std::string& s) {
+  std::string out = "'";
+  for (char c : s) {
+    if (c == '\'') {
+      out += "'\\''";
+    } else {
+      out += c;
+    }
+  }
+  return out + "'";
+}
+
+// ---- Progress ---------------------------------------------------------------------
+
+Progress::Progress(std::string label, size_t total)
+    : label_(std::move(label)), total_(total), on_(isatty(STDERR_FILENO) == 1) {}
+
+Progress::~Progress() { Clear(); }
+
+void Progress::Clear() {
+  if (!shown_) return;
+  fputs("\r\033[K", stderr);
+  fflush(stderr);
+  shown_ = false;
+}
+
+void Progress::Step(const std::string& what) {
+  ++done_;
+  if (!on_) return;
+  fprintf(stderr, "\r%s %zu/%zu %s\033[K", label_.c_str(), done_, total_, what.c_str());
+  fflush(stderr);
+  shown_ = true;
+}
+
+int WithTicker(const std::string& label, const std::function<int()>& fn) {
+  if (isatty(STDERR_FILENO) != 1) return fn();
+  std::mutex mu;
+  std::condition_variable cv;
+  bool done = false;
+  const auto start = std::chrono::steady_clock::now();
+  std::thread ticker([&] {
+    std::unique_lock<std::mutex> lock(mu);
+    while (!cv.wait_for(lock, std::chrono::milliseconds(250), [&] { return done; })) {
+      const double secs =
+          std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+      fprintf(stderr, "\r%s ... %.1f s\033[K", label.c_str(), secs);
+      fflush(stderr);
+    }
+  });
+  int rc = fn();
+  {
+    std::lock_guard<std::mutex> lock(mu);
+    done = true;
+  }
+  cv.notify_one();
+  ticker.join();
+  fputs("\r\033[K", stderr);
+  fflush(stderr);
+  return rc;
+}
+
+}  // namespace sbacc_tool
