@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -183,7 +184,11 @@ TEST_P(WriteStepFailure, FailingCopyIsFencedOffAndDataSurvives) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Steps, WriteStepFailure,
-                         ::testing::Combine(::testing::Values(1, 2, 3, 4), ::testing::Values(0, 1, 2)));
+                         ::testing::Combine(::testing::Values(1, 2, 3, 4), ::testing::Values(0, 1, 2)),
+                         [](const ::testing::TestParamInfo<std::tuple<int, int>>& i) {
+                           return "step" + std::to_string(std::get<0>(i.param)) + "_copy" +
+                                  std::to_string(std::get<1>(i.param));
+                         });
 
 TEST_F(EngineTest, LastCopyFailingRecordsLatestAndRefusesLaterAccess) {
   Sim sim(2);
@@ -239,6 +244,7 @@ TEST_F(EngineTest, ReadFallsBackToTheNextCopyAndReadOnlyWritesNothing) {
 
 // Crafted headers: which copy the open keeps.
 struct LatestCase {
+  const char* name;
   uint32_t mask0, mask1;
   int64_t close0, close1;
   uint32_t fenced;  // NV mask after a write-mode open
@@ -272,12 +278,13 @@ TEST_P(LatestCopyRule, OpenKeepsTheLatestCopy) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Cases, LatestCopyRule,
-                         ::testing::Values(LatestCase{0x0, 0x4, 5, 5, 0x1},   // more bits set wins
-                                           LatestCase{0x4, 0x0, 5, 5, 0x2},
-                                           LatestCase{0x2, 0x4, 5, 9, 0x1},   // equal counts: later close
-                                           LatestCase{0x2, 0x4, 9, 5, 0x2},
-                                           LatestCase{0x2, 0x4, 7, 7, 0x2},   // tie keeps the lower index
-                                           LatestCase{0x4, 0x4, 1, 9, 0x0}));  // equal masks: both stay
+                         ::testing::Values(LatestCase{"more_bits_second", 0x0, 0x4, 5, 5, 0x1},
+                                           LatestCase{"more_bits_first", 0x4, 0x0, 5, 5, 0x2},
+                                           LatestCase{"later_close_second", 0x2, 0x4, 5, 9, 0x1},
+                                           LatestCase{"later_close_first", 0x2, 0x4, 9, 5, 0x2},
+                                           LatestCase{"tie_keeps_lower", 0x2, 0x4, 7, 7, 0x2},
+                                           LatestCase{"equal_masks_both_stay", 0x4, 0x4, 1, 9, 0x0}),
+                         [](const ::testing::TestParamInfo<LatestCase>& i) { return std::string(i.param.name); });
 
 TEST_F(EngineTest, InvalidHeaderCopyIsFencedAndUncleanCloseReported) {
   Sim sim(2);
