@@ -47,28 +47,20 @@ class RepairTest : public ::testing::Test {
     EXPECT_EQ(total_, sbacc::AllocTrackedTotal());
   }
   // Copy 0 holds `filesize` bytes of data; the others hold stale bytes and an
-  // old header.  Every header and NV carry `word` as blockade mask.
+  // old header.  Every header carries `word` as blockade mask, NV `nv_mask`.
   void Prepare(int32_t filesize, uint32_t word, uint32_t nv_mask) {
     SBACC_MEM_LIST_ENTRY e{};
     memcpy(e.magic, SBACC_MEM_MAGIC, 4);
-    e.version = SBACC_RECORD_VERSION;
-    strcpy(e.filename, "a");
-    e.hddcount = 3;
-    e.hddblockade = nv_mask;
+    e.version = 3, e.hddcount = 3, e.hddblockade = nv_mask;
     sim_.PutNvEntry(0, e);
     for (int i = 0; i < 3; ++i) {
       SBACC_HDD_HEADER h{};
       memcpy(h.magic, SBACC_HDD_MAGIC, 4);
-      h.version = SBACC_RECORD_VERSION;
-      strcpy(h.filename, "a");
-      h.areasize = kSize;
-      h.filesize = i == 0 ? filesize : 77;
-      h.hddblockade = word;
-      h.opencnt = i == 0 ? 41 : 3;
-      h.closetime = i == 0 ? 1700000000 : 1600000000;
+      h.version = 3, h.areasize = kSize, h.filesize = i == 0 ? filesize : 77;
+      h.hddblockade = word, h.opencnt = 41 + i;
       sim_.PutHeader(0, i, h);
-      std::vector<uint8_t> d(kData);
-      for (size_t k = 0; k < kData; ++k) d[k] = i == 0 ? static_cast<uint8_t>(k * 13 + 5) : 0xEE;
+      std::vector<uint8_t> d(kData, 0xEE);
+      for (size_t k = 0; i == 0 && k < kData; ++k) d[k] = static_cast<uint8_t>(k * 13 + 5);
       sim_.PutHddBytes(i, kAddr + 128, d.data(), d.size());
     }
   }
@@ -159,20 +151,15 @@ INSTANTIATE_TEST_SUITE_P(
                  "[sbacc_ma_hddrepair_copy] sbacc_l_hddget_filesize error. retcode=-122"}),
     [](const ::testing::TestParamInfo<CopyCase>& i) { return std::string(i.param.name); });
 
-TEST_F(RepairTest, NothingTouchedWhenSourceFencedOrNoBuffer) {
-  for (bool no_memory : {false, true}) {
-    Prepare(5000, 0x1, no_memory ? 0x2 : 0x1);
-    const std::vector<uint8_t> before = sim_.HddBytes(1, kAddr, kSize);
-    SBACC_FILE_DISCRIPTER* sfd = Open();
-    FaultEnv env;
-    const long nv_writes = sanfwctl_call_count(SANFWCTL_FAULT_WRITE);
-    if (no_memory) sbacc::AllocFailNth(1);
-    EXPECT_EQ(no_memory ? SBACC_E_NOMEM : SBACC_E_NOCOPY, sbacc_ma_hddrepair_copy(sfd, 0, 1));
-    EXPECT_EQ(0, env.Calls(FaultEnv::kWrite));
-    EXPECT_EQ(nv_writes, sanfwctl_call_count(SANFWCTL_FAULT_WRITE));
-    EXPECT_EQ(before, sim_.HddBytes(1, kAddr, kSize));
-    CloseAll();
-  }
+TEST_F(RepairTest, FencedSourceTouchesNothing) {
+  Prepare(5000, 0x1, 0x1);
+  const std::vector<uint8_t> before = sim_.HddBytes(1, kAddr, kSize);
+  FaultEnv env;
+  const long nv_writes = sanfwctl_call_count(SANFWCTL_FAULT_WRITE);
+  EXPECT_EQ(SBACC_E_NOCOPY, sbacc_ma_hddrepair_copy(Open(), 0, 1));
+  EXPECT_EQ(0, env.Calls(FaultEnv::kWrite));
+  EXPECT_EQ(nv_writes, sanfwctl_call_count(SANFWCTL_FAULT_WRITE));  // no repair mark either
+  EXPECT_EQ(before, sim_.HddBytes(1, kAddr, kSize));
 }
 
 TEST_F(RepairTest, ParallelRebuildsLoseNoBit) {
@@ -194,27 +181,6 @@ TEST_F(RepairTest, ParallelRebuildsLoseNoBit) {
     if (HasFailure()) return;
     CloseAll();
   }
-}
-
-TEST_F(RepairTest, RepairMarkChangesOneBit) {
-  Prepare(0, 0, 0);
-  const uint8_t mark = 0x01;
-  sim_.PutNvBytes(SBACC_NV_BASE + kMemHddrepair, &mark, 1);
-  SBACC_FILE_DISCRIPTER* sfd = Open();
-  sbacc_test::TraceCapture trace;
-  EXPECT_EQ(0, sbacc_ma_memset_hddrepair(sfd, 3, B_TRUE));
-  EXPECT_EQ(1, trace.Count("[sbacc_ma_memset_hddrepair] set hddrepair (09)"));
-  EXPECT_EQ(0, sbacc_ma_memset_hddrepair(sfd, 0, static_cast<boolean_t>(7)));  // not B_TRUE: clears
-  EXPECT_EQ(0x08, sim_.NvEntry(0).hddrepair);
-  setenv("SBACC_MEMGET_MAXRETRY", "1", 1);
-  CloseAll();
-  sfd = Open();
-  FaultEnv env;
-  const long nv_writes = sanfwctl_call_count(SANFWCTL_FAULT_WRITE);
-  sanfwctl_set_fault(SANFWCTL_FAULT_READ, sanfwctl_call_count(SANFWCTL_FAULT_READ), -1);
-  EXPECT_EQ(SBACC_E_NVREAD, sbacc_ma_memset_hddrepair(sfd, 1, B_TRUE));
-  EXPECT_EQ(nv_writes, sanfwctl_call_count(SANFWCTL_FAULT_WRITE));
-  sanfwctl_set_fault(SANFWCTL_FAULT_READ, 0, 0);
 }
 
 }  // namespace
