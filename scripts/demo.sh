@@ -34,14 +34,19 @@ feed() {
 
 # ---- Build ---------------------------------------------------------------------
 echo "${bold}Building the sbacc tool (default preset)...${off}"
-if [ -f scripts/deps.sh ]; then
-  bash scripts/deps.sh
-elif [ ! -f /usr/include/CLI/CLI.hpp ] || [ ! -f /usr/include/nlohmann/json.hpp ]; then
-  if [ "$(id -u)" -eq 0 ]; then
-    apt-get update -qq && apt-get install -y -qq libcli11-dev nlohmann-json3-dev >/dev/null
-  else
-    die "the tool needs libcli11-dev and nlohmann-json3-dev: apt-get install them as root, then run this again"
+# What the build of the tool needs; on Debian the missing ones are installed
+# when running as root, else named.
+missing=()
+for cmd in cmake ninja g++; do command -v "$cmd" >/dev/null || missing+=("$cmd"); done
+for hdr in CLI/CLI.hpp nlohmann/json.hpp gtest/gtest.h; do [ -f "/usr/include/$hdr" ] || missing+=("$hdr"); done
+if [ ${#missing[@]} -gt 0 ]; then
+  pkgs="cmake ninja-build g++ libgtest-dev libcli11-dev nlohmann-json3-dev"
+  if [ "$(id -u)" -ne 0 ] || ! command -v apt-get >/dev/null; then
+    die "missing ${missing[*]}: install them (Debian, as root: apt-get install $pkgs) and run this again"
   fi
+  echo "installing: $pkgs"
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -qq && apt-get install -y -qq $pkgs >/dev/null
 fi
 log=$(mktemp)
 if ! { cmake --preset default && cmake --build --preset default --target sbacc_tool; } >"$log" 2>&1; then

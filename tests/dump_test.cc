@@ -49,6 +49,8 @@ struct HexCase {
   Lines expected;
 };
 
+void PrintTo(const HexCase& c, std::ostream* os) { *os << c.name; }
+
 class HexLineTest : public ::testing::TestWithParam<HexCase> {};
 
 TEST_P(HexLineTest, ExactLines) { EXPECT_EQ(HexDump(GetParam().bytes), GetParam().expected); }
@@ -74,19 +76,6 @@ INSTANTIATE_TEST_SUITE_P(
                  "00000010: 636b7570 30000000 00000000 00000000  ckup0...........",
                  "00000020: 00000000 00000000                    ........        "}}),
     [](const auto& info) { return std::string(info.param.name); });
-
-TEST(DumpHex, TraceModeWritesTheSameLinesAtLevel4) {
-  Sim sim;
-  TraceCapture trace;
-  std::string bytes = "0123456789abcdefZ";
-  sbacc_dump(nullptr, bytes.data(), static_cast<int>(bytes.size()));
-  Lines got;
-  for (const auto& l : trace.Lines()) {
-    EXPECT_EQ(l.level, 4);
-    got.push_back(l.text);
-  }
-  EXPECT_EQ(got, HexDump(bytes));
-}
 
 // ---- Snapshots -----------------------------------------------------------------
 
@@ -133,6 +122,8 @@ struct DataCase {
   uint64_t areasize;
   int data_lines;  // -1: no [data] line at all
 };
+
+void PrintTo(const DataCase& c, std::ostream* os) { *os << "areasize " << c.areasize; }
 
 class DumpDataSizeTest : public DumpFileTest, public ::testing::WithParamInterface<DataCase> {};
 
@@ -252,6 +243,8 @@ struct FailCase {
   int rc;
   const char* line;  // failure line, %s = the path
 };
+
+void PrintTo(const FailCase& c, std::ostream* os) { *os << c.name; }
 
 class DumpFailTest : public ::testing::TestWithParam<FailCase> {};
 

@@ -39,8 +39,9 @@ constexpr int kAreaSize = 1024;  // every area of the simulated controller
 class ToolTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char tmpl[] = "/tmp/sbacc-tool-test-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    const char* base = getenv("TMPDIR");
+    std::string tmpl = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/sbacc-tool-test-XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl.data()), nullptr);
     tmp_ = tmpl;
     dir_ = tmp_ + "/ctl";
     ASSERT_EQ(Run({"sim", "create", dir_, "--size", std::to_string(kAreaSize), "--areas", "1"}).status, 0);
@@ -175,6 +176,8 @@ struct Planted {
   std::string report;
 };
 
+void PrintTo(const Planted& p, std::ostream* os) { *os << p.name; }
+
 class VerifyTest : public ToolTest, public ::testing::WithParamInterface<Planted> {};
 
 TEST_P(VerifyTest, FindsAndRepairsAPlantedMismatch) {
@@ -228,6 +231,11 @@ struct Bad {
   std::string input;
   std::string message;  // expected in the first line of standard error
 };
+
+void PrintTo(const Bad& b, std::ostream* os) {
+  *os << "sbacc";
+  for (const std::string& a : b.args) *os << " " << a;
+}
 
 class BadInputTest : public ToolTest, public ::testing::WithParamInterface<Bad> {};
 
