@@ -81,7 +81,7 @@ int main(int argc, char** argv) {
   CLI::App* ls = app.add_subcommand("ls", "List the configured areas: address, size, capacity and copies.");
 
   CLI::App* status = app.add_subcommand(
-      "status", "Show each area's NV entry and the state and header of each copy, read without changing anything.");
+      "status", "Show NV entries and each copy's state and header (changes nothing).");
   status->add_option("AREA", areas, "Areas to show (default: all)");
   status->add_flag("--json", json, "Machine-readable output (stable shape)");
   status->footer("Exit status 1 when any copy is not usable or an NV entry is not initialised.");
