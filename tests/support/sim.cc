@@ -66,6 +66,9 @@ void MakeFile(const std::string& path, uint64_t bytes) {
 
 Sim::Sim(int hdds, uint64_t hdd_bytes) : hdds_(hdds), hdd_bytes_(hdd_bytes) {
   for (int i = 0; i < hdds_; ++i) MakeFile(HddPath(i), hdd_bytes_);
+  // Full size from the start, so a test that plants NV bytes before the
+  // library's first NV access does not leave a short image behind.
+  MakeFile(NvPath(), 1 << 20);
   setenv("SBACC_FILELIST", dir_.File("filelist.ini").c_str(), 1);
   setenv("SANFWCTL_NV_IMAGE", NvPath().c_str(), 1);
   unsetenv("SANFWCTL_FAIL_READ");
