@@ -51,6 +51,7 @@ struct DrCase {
   char ver;  // 'I' verid = verback + 1, 'B' verback and reboot = verid, 'C' verback emptied
   Bytes verid_after;  // for 'I'
 };
+void PrintTo(const DrCase& c, std::ostream* os) { *os << c.name; }
 
 class DataRepairTest : public ::testing::TestWithParam<DrCase> {
  protected:

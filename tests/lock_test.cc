@@ -63,6 +63,7 @@ struct EnterCase {
   long status_calls;
   Bytes4 after;
 };
+void PrintTo(const EnterCase& c, std::ostream* os) { *os << c.name; }
 
 class EnterTest : public LockTest, public ::testing::WithParamInterface<EnterCase> {};
 

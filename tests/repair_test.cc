@@ -103,6 +103,7 @@ struct CopyCase {
   int rc;
   const char* trace;  // once per failed attempt
 };
+void PrintTo(const CopyCase& c, std::ostream* os) { *os << c.name; }
 
 class CopyTest : public RepairTest, public ::testing::WithParamInterface<CopyCase> {};
 

@@ -90,6 +90,7 @@ struct ChoiceCase {
   int src;
   uint32_t rebuilt;
 };
+void PrintTo(const ChoiceCase& c, std::ostream* os) { *os << c.name; }
 
 class ChoiceTest : public RestoreTest, public ::testing::WithParamInterface<ChoiceCase> {
  protected:
@@ -144,6 +145,7 @@ struct VerdictCase {
   int data_repair;
   uint32_t mask;
 };
+void PrintTo(const VerdictCase& c, std::ostream* os) { *os << c.name; }
 
 class VerdictTest : public RestoreTest, public ::testing::WithParamInterface<VerdictCase> {};
 
@@ -223,6 +225,7 @@ struct ParallelCase {
   int locked_area;  // another controller holds its repair lock
   int rc;
 };
+void PrintTo(const ParallelCase& c, std::ostream* os) { *os << c.name; }
 
 class ParallelTest : public RestoreTest, public ::testing::WithParamInterface<ParallelCase> {};
 
