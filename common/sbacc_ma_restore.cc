@@ -134,7 +134,6 @@ void CloseCopy(SBACC_FILE_DISCRIPTER* sfd, int i) {
   sfd->fd[i] = -1;
 }
 
-
 // Copy i has a valid header: decide between it and the current source.
 void Compare(const SBACC_HDD_HEADER* hdr, int i, int* src, uint32_t* repair, const char* name) {
   const SBACC_HDD_HEADER& s = hdr[*src];
