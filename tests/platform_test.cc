@@ -284,10 +284,10 @@ struct Nv {
 
 // Records straddle a page boundary, so an unlocked reader sees a mix.  Two
 // threads per process: threads share the descriptor and its flock.
-class NvAtomic : public ::testing::TestWithParam<uint64_t> {};
+class SanfwctlAtomic : public ::testing::TestWithParam<uint64_t> {};
 constexpr uint64_t kRecOff = 4096 - 64;  // straddles the first page boundary
 
-TEST_P(NvAtomic, ReadModifyWriteAcrossProcessesAndThreads) {
+TEST_P(SanfwctlAtomic, ReadModifyWriteAcrossProcessesAndThreads) {
     Nv nv;
     const uint64_t len = GetParam();
     std::vector<unsigned char> first(len);
@@ -306,7 +306,7 @@ TEST_P(NvAtomic, ReadModifyWriteAcrossProcessesAndThreads) {
     EXPECT_TRUE(run_everywhere(3, 2, [&](int id) { return id < 0 ? rmw(id) : run_everywhere(0, 2, rmw) ? 0 : 1; }));
 }
 
-INSTANTIATE_TEST_SUITE_P(Sizes, NvAtomic, ::testing::Values(128, 64 * 1024));
+INSTANTIATE_TEST_SUITE_P(RecordSizes, SanfwctlAtomic, ::testing::Values(128, 64 * 1024));
 
 TEST(Sanfwctl, RejectedRequestsTransferNothing) {
     Nv nv("4096");
