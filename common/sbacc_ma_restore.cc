@@ -129,6 +129,14 @@ void RecordBlockade(SBACC_FILE_DISCRIPTER* sfd, uint32_t blockade) {
   if (rc != 0) SBACC_TRACE(kTraceError, "[repair_for_restore] sbacc_ma_hddset_hddblockade error. retcode=%d", rc);
 }
 
+uint32_t NotOpen(const SBACC_FILE_DISCRIPTER* sfd) {
+  uint32_t mask = 0;
+  for (int i = 0; i < sfd->sfe.hddcount; ++i) {
+    if (sfd->fd[i] == -1) mask |= 1u << i;
+  }
+  return mask;
+}
+
 void CloseCopy(SBACC_FILE_DISCRIPTER* sfd, int i) {
   if (sfd->fd[i] != -1) (void)sbacc::CurrentEnv()->Close(sfd->fd[i]);
   sfd->fd[i] = -1;
@@ -249,15 +257,25 @@ int RepairLocked(SBACC_FILE_DISCRIPTER* sfd, SBACC_DATA_REPAIR* rec, uint32_t* b
     }
   }
 
+  // A stale copy is good only once rebuilt.  Every exit before the rebuild
+  // records it as fenced off, together with any copy that a failed access
+  // closed; recording the mask of the scan instead would let a later open
+  // take the stale copy for a current one.
+  const uint32_t stale = repair & ~(1u << src);
+  auto stop = [&](int code) {
+    *blockade_out = NotOpen(sfd) | stale;
+    return code;
+  };
+
   rc = sbacc_memset_hddblockade(sfd, blockade);
   if (rc != 0) {
     SBACC_TRACE(kTraceError, "[repair_for_restore] sbacc_memset_hddblockade error. retcode=%d", rc);
-    return rc;
+    return stop(rc);
   }
   rc = sbacc_ma_hddset_hddblockade(sfd, blockade);
   if (rc != 0) {
     SBACC_TRACE(kTraceError, "[repair_for_restore] sbacc_ma_hddset_hddblockade error. retcode=%d", rc);
-    return rc;
+    return stop(rc);
   }
 
   // Count the repair as one open and close of the area, so that a stop in
@@ -279,11 +297,12 @@ int RepairLocked(SBACC_FILE_DISCRIPTER* sfd, SBACC_DATA_REPAIR* rec, uint32_t* b
   rc = sbacc_ma_hddset_openinfo(sfd, &latest);
   if (rc != 0) {
     SBACC_TRACE(kTraceError, "[repair_for_restore] sbacc_ma_hddset_openinfo error. retcode=%d filename=%s", rc, name);
-    return rc;
+    return stop(rc);
   }
 
   if (repair == 0) {
     SBACC_TRACE(kTraceState, "[repair_for_restore] hdd repair no exec. hddblockade=0x%x %s", blockade, name);
+    *blockade_out = NotOpen(sfd);  // and any copy the writes above closed
     return 0;
   }
 

@@ -186,6 +186,18 @@ INSTANTIATE_TEST_SUITE_P(Cases, VerdictTest,
                                            VerdictCase{"NoCopy", "mmm", SBACC_E_ALLBLOCKADE, 0, 0x7}),
                          [](const ::testing::TestParamInfo<VerdictCase>& i) { return std::string(i.param.name); });
 
+TEST_F(RestoreTest, StaleCopyStaysFencedWhenRecordingFails) {
+  sim_.SetAreas({{"a", 0x2000, kSize, 2}});
+  PutNv(0, "a", 2);
+  PutCopy(0, 0, Hdr("a", 0x2, 100, 1), 0);
+  PutCopy(0, 1, Hdr("a", 0x0, 100, 1), 1);  // missed the last write
+  FaultEnv env;
+  env.FailOp(FaultEnv::kWrite, "", 0, 2, EIO);  // the first blockade write on both copies
+  EXPECT_EQ(0, sbacc_hdd_restore(0));
+  EXPECT_NE(0u, sim_.NvEntry(0).hddblockade & 0x2);
+  EXPECT_EQ(Pattern(1), sim_.Data(0, 1, kFill));  // not rebuilt, so never offered as current
+}
+
 TEST_F(RestoreTest, RefusesIndexOutsideTheList) {
   sim_.SetAreas({{"a", 0x2000, kSize, 3}});
   SBACC_DATA_REPAIR rec[1] = {};
