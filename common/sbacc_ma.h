@@ -12,6 +12,10 @@
 extern const SBACC_ENV_LIST_ENTRY sbacc_env_list[];
 int sbacc_ma_alloc_sfd(const char* filename, int openmode, SBACC_FILE_DISCRIPTER** sfd);
 void sbacc_ma_free_sfd(SBACC_FILE_DISCRIPTER* sfd);
+// Copies of the area that have a descriptor slot: hddcount clamped to 0..8.
+int sbacc_ma_copies(const SBACC_FILE_DISCRIPTER* sfd);
+// Closes copy `hdd` if it is open and marks it not open.
+void sbacc_ma_close_hdd(SBACC_FILE_DISCRIPTER* sfd, int hdd);
 
 // ---- Parallel HDD access and blockade -----------------------------------------
 enum { SBACC_ACCESS_GET = 0, SBACC_ACCESS_SET = 1 };

@@ -17,13 +17,6 @@ namespace {
 
 using sbacc::CurrentEnv;
 
-// Copies an access looks at: the configured ones, never more than the
-// descriptor has slots for.
-int ConfiguredCopies(const SBACC_FILE_DISCRIPTER* sfd) {
-  int n = sfd->sfe.hddcount;
-  return n < 0 ? 0 : (n > SBACC_HDD_MAX ? SBACC_HDD_MAX : n);
-}
-
 // The count stored in NV bounds the blockade computation; NV may hold any
 // value, so it is clamped to the slots that exist.
 int NvCopies(const SBACC_MEM_LIST_ENTRY* e) {
@@ -32,13 +25,6 @@ int NvCopies(const SBACC_MEM_LIST_ENTRY* e) {
 }
 
 bool Bit(uint32_t mask, int i) { return ((mask >> i) & 1u) != 0; }
-
-void CloseCopy(SBACC_FILE_DISCRIPTER* sfd, int i) {
-  if (sfd->fd[i] != -1) {
-    CurrentEnv()->Close(sfd->fd[i]);
-    sfd->fd[i] = -1;
-  }
-}
 
 // Opens copy i when it is not open yet.  False when it cannot be opened.
 bool EnsureOpen(SBACC_FILE_DISCRIPTER* sfd, int i, int flags) {
@@ -54,15 +40,15 @@ bool EnsureOpen(SBACC_FILE_DISCRIPTER* sfd, int i, int flags) {
 
 int AccessGet(SBACC_FILE_DISCRIPTER* sfd, const SBACC_MEM_LIST_ENTRY& e, int flags, int offset, void* buf,
               int len) {
-  const int n = ConfiguredCopies(sfd);
+  const int n = sbacc_ma_copies(sfd);
   for (int i = 0; i < n; ++i) {
     if (Bit(e.hddblockade, i)) {
-      if (!Bit(e.hddrepair, i)) CloseCopy(sfd, i);
+      if (!Bit(e.hddrepair, i)) sbacc_ma_close_hdd(sfd, i);
       continue;
     }
     if (!EnsureOpen(sfd, i, flags)) continue;
     if (sbacc_l_hddget(sfd, i, offset, buf, len) == 0) break;
-    CloseCopy(sfd, i);
+    sbacc_ma_close_hdd(sfd, i);
   }
   return 0;
 }
@@ -71,12 +57,10 @@ int AccessGet(SBACC_FILE_DISCRIPTER* sfd, const SBACC_MEM_LIST_ENTRY& e, int fla
 // thread when the worker block or a thread cannot be had.
 void AccessSet(SBACC_FILE_DISCRIPTER* sfd, const SBACC_MEM_LIST_ENTRY& e, int flags, int offset,
                const void* buf, int len) {
-  const int n = ConfiguredCopies(sfd);
-  auto* blk = static_cast<SBACC_HDDSET_THREAD_PARAM*>(
-      SBACC_CALLOC(1, sizeof(SBACC_HDDSET_THREAD_PARAM) + static_cast<size_t>(len)));
-  if (blk == nullptr) {
-    SBACC_TRACE(1, "[sbacc_ma_hdd_access] calloc error. errno=%d", errno);
-  } else {
+  const int n = sbacc_ma_copies(sfd);
+  auto* blk = sbacc::WorkerBlockCreate<SBACC_HDDSET_THREAD_PARAM>(
+      "sbacc_ma_hdd_access", sizeof(SBACC_HDDSET_THREAD_PARAM) + static_cast<size_t>(len));
+  if (blk != nullptr) {
     for (int i = 0; i < n; ++i) {
       blk->param[i].index = i;
       blk->param[i].addr = blk;
@@ -85,42 +69,27 @@ void AccessSet(SBACC_FILE_DISCRIPTER* sfd, const SBACC_MEM_LIST_ENTRY& e, int fl
     blk->offset = offset;
     blk->size = len;
     memcpy(blk->buf, buf, static_cast<size_t>(len));
-    switch (sbacc::WorkerInit(blk)) {
-      case sbacc::WorkerInitResult::kOk:
-        break;
-      case sbacc::WorkerInitResult::kMutexFailed:
-        SBACC_TRACE(1, "[sbacc_ma_hdd_access] pthread_mutex_init error. errno=%d", errno);
-        SBACC_FREE(blk);
-        blk = nullptr;
-        break;
-      case sbacc::WorkerInitResult::kCondFailed:
-        SBACC_TRACE(1, "[sbacc_ma_hdd_access] pthread_cond_init error. errno=%d", errno);
-        SBACC_FREE(blk);
-        blk = nullptr;
-        break;
-    }
   }
 
   for (int i = 0; i < n; ++i) {
     if (Bit(e.hddblockade, i) && !Bit(e.hddrepair, i)) {
-      CloseCopy(sfd, i);
+      sbacc_ma_close_hdd(sfd, i);
       continue;
     }
     if (!EnsureOpen(sfd, i, flags)) continue;
     if (blk != nullptr && sbacc::WorkerStart(blk, sbacc_ma_hddset_thread, &blk->param[i])) continue;
     if (sbacc_l_hddset(sfd, i, offset, buf, len) != 0) {
       SBACC_TRACE(1, "[sbacc_ma_hdd_access] sbacc_l_hddset error. path=%s", sfd->sfe.hddname[i]);
-      CloseCopy(sfd, i);
+      sbacc_ma_close_hdd(sfd, i);
     }
   }
 
   if (blk != nullptr) {
     sbacc::WorkerWait(blk);
     for (int i = 0; i < n; ++i) {
-      if (blk->thread_retcode[i] != 0) CloseCopy(sfd, i);
+      if (blk->thread_retcode[i] != 0) sbacc_ma_close_hdd(sfd, i);
     }
-    sbacc::WorkerDestroy(blk);
-    SBACC_FREE(blk);
+    sbacc::WorkerBlockRelease(blk);
   }
 }
 

@@ -17,20 +17,8 @@ namespace {
 
 using sbacc::CurrentEnv;
 
-int ConfiguredCopies(const SBACC_FILE_DISCRIPTER* sfd) {
-  int n = sfd->sfe.hddcount;
-  return n < 0 ? 0 : (n > SBACC_HDD_MAX ? SBACC_HDD_MAX : n);
-}
-
-void CloseCopy(SBACC_FILE_DISCRIPTER* sfd, int i) {
-  if (sfd->fd[i] != -1) {
-    CurrentEnv()->Close(sfd->fd[i]);
-    sfd->fd[i] = -1;
-  }
-}
-
 void CloseAll(SBACC_FILE_DISCRIPTER* sfd) {
-  for (int i = 0; i < SBACC_HDD_MAX; ++i) CloseCopy(sfd, i);
+  for (int i = 0; i < SBACC_HDD_MAX; ++i) sbacc_ma_close_hdd(sfd, i);
 }
 
 // Opens copy i in the calling thread (no worker, or none could be started).
@@ -47,27 +35,11 @@ void OpenInline(SBACC_FILE_DISCRIPTER* sfd, int i, int openprm) {
 
 // Opens every copy that has a path and is not fenced off, one worker each.
 void OpenCopies(SBACC_FILE_DISCRIPTER* sfd, uint32_t blockade, int openprm) {
-  const int n = ConfiguredCopies(sfd);
-  auto* blk = static_cast<SBACC_HDDSET_THREAD_PARAM*>(SBACC_CALLOC(1, sizeof(SBACC_HDDSET_THREAD_PARAM)));
-  if (blk == nullptr) {
-    SBACC_TRACE(1, "[sbacc_ma_open] calloc error. errno=%d", errno);
-  } else {
+  const int n = sbacc_ma_copies(sfd);
+  auto* blk = sbacc::WorkerBlockCreate<SBACC_HDDSET_THREAD_PARAM>("sbacc_ma_open");
+  if (blk != nullptr) {
     blk->sfd = sfd;
     blk->openprm = openprm;
-    switch (sbacc::WorkerInit(blk)) {
-      case sbacc::WorkerInitResult::kOk:
-        break;
-      case sbacc::WorkerInitResult::kMutexFailed:
-        SBACC_TRACE(1, "[sbacc_ma_open] pthread_mutex_init error. errno=%d", errno);
-        SBACC_FREE(blk);
-        blk = nullptr;
-        break;
-      case sbacc::WorkerInitResult::kCondFailed:
-        SBACC_TRACE(1, "[sbacc_ma_open] pthread_cond_init error. errno=%d", errno);
-        SBACC_FREE(blk);
-        blk = nullptr;
-        break;
-    }
   }
   for (int i = 0; i < n; ++i) {
     sfd->fd[i] = -1;
@@ -79,11 +51,7 @@ void OpenCopies(SBACC_FILE_DISCRIPTER* sfd, uint32_t blockade, int openprm) {
     }
     OpenInline(sfd, i, openprm);
   }
-  if (blk != nullptr) {
-    sbacc::WorkerWait(blk);
-    sbacc::WorkerDestroy(blk);
-    SBACC_FREE(blk);
-  }
+  sbacc::WorkerBlockRelease(blk);
 }
 
 bool AllBlockaded(const SBACC_MEM_LIST_ENTRY& e) {
@@ -114,14 +82,14 @@ void* sbacc_ma_open_thread(void* arg) {
 int sbacc_ma_detect_hdd(SBACC_FILE_DISCRIPTER* sfd, SBACC_HDD_HEADER* headers, int* hdd) {
   SBACC_TRACE(5, "[sbacc_ma_detect_hdd] [ENTER]");
   int k = *hdd;
-  const int n = ConfiguredCopies(sfd);
-  for (int i = 0; i < k; ++i) CloseCopy(sfd, i);  // open ones below k had invalid headers
+  const int n = sbacc_ma_copies(sfd);
+  for (int i = 0; i < k; ++i) sbacc_ma_close_hdd(sfd, i);  // open ones below k had invalid headers
   for (int j = k + 1; j < n; ++j) {
     if (sfd->fd[j] == -1) continue;
     const SBACC_HDD_HEADER& hj = headers[j];
     const SBACC_HDD_HEADER& hk = headers[k];
     if (!sbacc_l_header_valid(&hj)) {
-      CloseCopy(sfd, j);
+      sbacc_ma_close_hdd(sfd, j);
       continue;
     }
     if (hj.hddblockade == hk.hddblockade) continue;
@@ -131,11 +99,11 @@ int sbacc_ma_detect_hdd(SBACC_FILE_DISCRIPTER* sfd, SBACC_HDD_HEADER* headers, i
     bool j_wins = bits_j > bits_k;
     if (bits_j == bits_k) j_wins = hk.closetime < hj.closetime;  // a tie keeps the lower index
     if (j_wins) {
-      CloseCopy(sfd, k);
+      sbacc_ma_close_hdd(sfd, k);
       k = j;
       SBACC_TRACE(4, "[sbacc_ma_detect_hdd] update candidate HDD :HDD[%d]", j);
     } else {
-      CloseCopy(sfd, j);
+      sbacc_ma_close_hdd(sfd, j);
     }
   }
   *hdd = k;
@@ -211,14 +179,14 @@ int OpenArea(SBACC_FILE_DISCRIPTER* sfd, boolean_t* closeflag, boolean_t nvinit)
     return SBACC_E_ALLBLOCKADE;
   }
 
-  const int n = ConfiguredCopies(sfd);
+  const int n = sbacc_ma_copies(sfd);
   for (int i = 0; i < n; ++i) {
     if (sfd->fd[i] == -1) continue;
     SBACC_TRACE(5, "[sbacc_ma_open] sbacc_l_hddget_header[%d]", i);
     rc = sbacc_l_hddget_header(sfd, i, &headers[i]);
     if (rc != 0) {
       SBACC_TRACE(1, "[sbacc_ma_open] sbacc_l_hddget_header[%d] error. retcode=%d filename=%s", i, rc, name);
-      CloseCopy(sfd, i);
+      sbacc_ma_close_hdd(sfd, i);
     }
   }
 
@@ -267,7 +235,7 @@ int OpenArea(SBACC_FILE_DISCRIPTER* sfd, boolean_t* closeflag, boolean_t nvinit)
       if (rc != 0) {
         SBACC_TRACE(1, "[sbacc_ma_open] sbacc_l_hddini_header error. retcode=%d HDD[%d] filename=%s", rc, i,
                     name);
-        CloseCopy(sfd, i);
+        sbacc_ma_close_hdd(sfd, i);
         continue;
       }
       if (candidate < 0) {

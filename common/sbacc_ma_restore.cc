@@ -26,17 +26,6 @@ namespace {
 
 constexpr int kOpenFlags = O_RDWR;  // restore always works read-write
 
-// ctime text without its newline: a trace call writes one line.
-void TimeText(int64_t t, char out[32]) {
-  time_t tt = static_cast<time_t>(t);
-  if (ctime_r(&tt, out) == nullptr) {
-    strcpy(out, "?");
-    return;
-  }
-  const size_t n = strlen(out);
-  if (n > 0 && out[n - 1] == '\n') out[n - 1] = '\0';
-}
-
 void OpenInline(SBACC_FILE_DISCRIPTER* sfd, int i) {
   SBACC_TRACE(kTraceState, "[repair_for_restore] open[%d] sfn=(%s) openprm=%d", i, sfd->sfe.hddname[i], kOpenFlags);
   sfd->fd[i] = sbacc::CurrentEnv()->Open(sfd->sfe.hddname[i], kOpenFlags);
@@ -50,34 +39,14 @@ void OpenInline(SBACC_FILE_DISCRIPTER* sfd, int i) {
 // A worker block for the per-copy phases, or nullptr: the phase then runs in
 // the calling thread.
 SBACC_HDDSET_THREAD_PARAM* NewBlock(SBACC_FILE_DISCRIPTER* sfd) {
-  auto* blk = static_cast<SBACC_HDDSET_THREAD_PARAM*>(SBACC_CALLOC(1, sizeof(SBACC_HDDSET_THREAD_PARAM)));
-  if (blk == nullptr) {
-    SBACC_TRACE(kTraceError, "[repair_for_restore] calloc error. errno=%d", errno);
-    return nullptr;
-  }
-  switch (sbacc::WorkerInit(blk)) {
-    case sbacc::WorkerInitResult::kOk:
-      break;
-    case sbacc::WorkerInitResult::kMutexFailed:
-      SBACC_TRACE(kTraceError, "[repair_for_restore] pthread_mutex_init error. errno=%d", errno);
-      SBACC_FREE(blk);
-      return nullptr;
-    case sbacc::WorkerInitResult::kCondFailed:
-      SBACC_TRACE(kTraceError, "[repair_for_restore] pthread_cond_init error. errno=%d", errno);
-      SBACC_FREE(blk);
-      return nullptr;
-  }
+  auto* blk = sbacc::WorkerBlockCreate<SBACC_HDDSET_THREAD_PARAM>("repair_for_restore");
+  if (blk == nullptr) return nullptr;
   blk->sfd = sfd;
   blk->openprm = kOpenFlags;
   return blk;
 }
 
-void EndBlock(SBACC_HDDSET_THREAD_PARAM* blk) {
-  if (blk == nullptr) return;
-  sbacc::WorkerWait(blk);
-  sbacc::WorkerDestroy(blk);
-  SBACC_FREE(blk);
-}
+void EndBlock(SBACC_HDDSET_THREAD_PARAM* blk) { sbacc::WorkerBlockRelease(blk); }
 
 void OpenCopies(SBACC_FILE_DISCRIPTER* sfd) {
   SBACC_HDDSET_THREAD_PARAM* blk = NewBlock(sfd);
@@ -137,11 +106,6 @@ uint32_t NotOpen(const SBACC_FILE_DISCRIPTER* sfd) {
   return mask;
 }
 
-void CloseCopy(SBACC_FILE_DISCRIPTER* sfd, int i) {
-  if (sfd->fd[i] != -1) (void)sbacc::CurrentEnv()->Close(sfd->fd[i]);
-  sfd->fd[i] = -1;
-}
-
 // Copy i has a valid header: decide between it and the current source.
 void Compare(const SBACC_HDD_HEADER* hdr, int i, int* src, uint32_t* repair, const char* name) {
   const SBACC_HDD_HEADER& s = hdr[*src];
@@ -194,7 +158,7 @@ int RepairLocked(SBACC_FILE_DISCRIPTER* sfd, SBACC_DATA_REPAIR* rec, uint32_t* b
     if (rc != 0) {
       SBACC_TRACE(kTraceError, "[repair_for_restore] sbacc_l_hddget_header[%d] error. retcode=%d filename=%s", i, rc,
                   name);
-      CloseCopy(sfd, i);
+      sbacc_ma_close_hdd(sfd, i);
       blockade |= bit;
       SBACC_TRACE(kTraceMilestone, "[repair_for_restore] hddblockade(read failed) HDD[%d].%s blockade[0x%x]", i, name,
                   blockade);
@@ -227,7 +191,7 @@ int RepairLocked(SBACC_FILE_DISCRIPTER* sfd, SBACC_DATA_REPAIR* rec, uint32_t* b
       if (rc != 0) {
         SBACC_TRACE(kTraceError, "[repair_for_restore] sbacc_l_hddini_header error. retcode=%d HDD[%d] filename=%s", rc,
                     i, name);
-        CloseCopy(sfd, i);
+        sbacc_ma_close_hdd(sfd, i);
         blockade |= 1u << i;
         SBACC_TRACE(kTraceError, "[repair_for_restore] hddblockade(not open) HDD. hdd=%d filename=%s", i, name);
       }
@@ -291,7 +255,7 @@ int RepairLocked(SBACC_FILE_DISCRIPTER* sfd, SBACC_DATA_REPAIR* rec, uint32_t* b
   // Wraps instead of overflowing on a corrupt count.
   latest.opencnt = static_cast<int32_t>(static_cast<uint32_t>(latest.opencnt) + 1u);
   char when[32];
-  TimeText(latest.opentime, when);
+  sbacc::TimeText(latest.opentime, when);
   SBACC_TRACE(kTraceFlow, "[repair_for_restore] set open info. openflag=ON opencnt=%d opentime(%s)", latest.opencnt,
               when);
   rc = sbacc_ma_hddset_openinfo(sfd, &latest);

@@ -7,6 +7,7 @@
 
 #include "sbacc.h"
 #include "sbacc_alloc.h"
+#include "sbacc_env.h"
 #include "sbacc_l.h"
 #include "sbacc_ma.h"
 #include "sbacc_trace.h"
@@ -83,4 +84,14 @@ void sbacc_ma_free_sfd(SBACC_FILE_DISCRIPTER* sfd) {
   // The HDD descriptors are not closed here: whoever opened them closes them.
   if (sfd != nullptr) SBACC_FREE(sfd);
   SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_free_sfd] [LEAVE]");
+}
+
+int sbacc_ma_copies(const SBACC_FILE_DISCRIPTER* sfd) {
+  const int n = sfd->sfe.hddcount;
+  return n < 0 ? 0 : (n > SBACC_HDD_MAX ? SBACC_HDD_MAX : n);
+}
+
+void sbacc_ma_close_hdd(SBACC_FILE_DISCRIPTER* sfd, int hdd) {
+  if (sfd->fd[hdd] != -1) (void)sbacc::CurrentEnv()->Close(sfd->fd[hdd]);
+  sfd->fd[hdd] = -1;
 }

@@ -47,17 +47,6 @@ const data_repair_t kDataRepairTable[kTableRows] = {
     {kBitReboot, 2, "envfw_reboot"},
 };
 
-// ctime text without its newline: a trace call writes one line.
-void TimeText(int64_t t, char out[32]) {
-  time_t tt = static_cast<time_t>(t);
-  if (ctime_r(&tt, out) == nullptr) {
-    strcpy(out, "?");
-    return;
-  }
-  const size_t n = strlen(out);
-  if (n > 0 && out[n - 1] == '\n') out[n - 1] = '\0';
-}
-
 bool IsNoCopy(int rc) { return rc == SBACC_E_ALLBLOCKADE || rc == SBACC_E_NOCOPY; }
 
 // A repair run in the calling thread has failed.
@@ -90,23 +79,7 @@ bool Judge(const int* results, int filenum, int* result) {
 }
 
 SBACC_HDDRST_THREAD_PARAM* NewRestoreBlock() {
-  auto* blk = static_cast<SBACC_HDDRST_THREAD_PARAM*>(SBACC_CALLOC(1, sizeof(SBACC_HDDRST_THREAD_PARAM)));
-  if (blk == nullptr) {
-    SBACC_TRACE(kTraceError, "[sbacc_hdd_restore] calloc error. errno=%d", errno);
-    return nullptr;
-  }
-  switch (sbacc::WorkerInit(blk)) {
-    case sbacc::WorkerInitResult::kOk:
-      return blk;
-    case sbacc::WorkerInitResult::kMutexFailed:
-      SBACC_TRACE(kTraceError, "[sbacc_hdd_restore] pthread_mutex_init error. errno=%d", errno);
-      break;
-    case sbacc::WorkerInitResult::kCondFailed:
-      SBACC_TRACE(kTraceError, "[sbacc_hdd_restore] pthread_cond_init error. errno=%d", errno);
-      break;
-  }
-  SBACC_FREE(blk);
-  return nullptr;
+  return sbacc::WorkerBlockCreate<SBACC_HDDRST_THREAD_PARAM>("sbacc_hdd_restore");
 }
 
 // Parallel HDD repair.  The block has 64 slots, and the list has no limit, so
@@ -318,12 +291,12 @@ int DataRepair(const data_repair_t* table, const SBACC_DATA_REPAIR* recs, int fi
       SBACC_TRACE(kTraceState, "[sbacc_hdd_restore] [%s] data repair check. ", row->filename);
       char when[32];
       if (row->file_bit == kBitBackup0) {
-        TimeText(r.closetime, when);
+        sbacc::TimeText(r.closetime, when);
         SBACC_TRACE(kTraceState, "[sbacc_hdd_restore] [envfw_backup0] data_repair[%d] close_tiem(%s) ", r.data_repair,
                     when);
         close0 = r.closetime;
       } else if (row->file_bit == kBitBackup1) {
-        TimeText(r.closetime, when);
+        sbacc::TimeText(r.closetime, when);
         SBACC_TRACE(kTraceState, "[sbacc_hdd_restore] [envfw_backup1] data_repair[%d] close_tiem(%s) ", r.data_repair,
                     when);
         close1 = r.closetime;
@@ -388,8 +361,7 @@ int Restore(const data_repair_t* table) {
   SBACC_HDDRST_THREAD_PARAM* blk = NewRestoreBlock();
   if (blk != nullptr) {
     go_on = RepairParallel(blk, filenum, results, &rc) && Judge(results, filenum, &rc);
-    sbacc::WorkerDestroy(blk);
-    SBACC_FREE(blk);
+    sbacc::WorkerBlockRelease(blk);
   } else {
     go_on = RepairSerial(filenum, &rc);
   }

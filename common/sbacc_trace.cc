@@ -4,6 +4,8 @@
 #include "sbacc_trace.h"
 
 #include <pthread.h>
+#include <string.h>
+#include <time.h>
 
 namespace sbacc {
 
@@ -30,6 +32,16 @@ void TraceParamBlockNoArgs(const char* module, int line, const char* fn, int rc)
   TraceParamOpen(module, line, fn);
   MC_OutTrace(module, line, kTraceError, "[%s]   --", fn);
   TraceParamClose(module, line, fn, rc);
+}
+
+void TimeText(int64_t t, char out[32]) {
+  const time_t tt = static_cast<time_t>(t);
+  if (ctime_r(&tt, out) == nullptr) {
+    strcpy(out, "?");
+    return;
+  }
+  const size_t n = strlen(out);
+  if (n > 0 && out[n - 1] == '\n') out[n - 1] = '\0';
 }
 
 }  // namespace sbacc

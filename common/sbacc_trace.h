@@ -4,6 +4,8 @@
 #ifndef SBACC_TRACE_H
 #define SBACC_TRACE_H
 
+#include <stdint.h>
+
 #include "mc_logapi.h"
 
 #ifndef SBACC_MODULE
@@ -40,6 +42,9 @@ void TraceParamOpen(const char* module, int line, const char* fn);
 void TraceParamClose(const char* module, int line, const char* fn, int rc);
 // The form without a parameter list ("[fn]   --").
 void TraceParamBlockNoArgs(const char* module, int line, const char* fn, int rc);
+
+// ctime text of t without its newline, so a trace call stays one line.
+void TimeText(int64_t t, char out[32]);
 
 }  // namespace sbacc
 

@@ -8,9 +8,13 @@
 #ifndef SBACC_WORKER_H
 #define SBACC_WORKER_H
 
+#include <errno.h>
 #include <pthread.h>
+#include <stddef.h>
 
+#include "sbacc_alloc.h"
 #include "sbacc_env.h"
+#include "sbacc_trace.h"
 
 namespace sbacc {
 
@@ -66,6 +70,39 @@ template <class Block>
 void WorkerDestroy(Block* b) {
   pthread_cond_destroy(&b->thread_cond);
   pthread_mutex_destroy(&b->thread_mutex);
+}
+
+// Allocates a zeroed block of `bytes` (the block and any data behind it) and
+// sets up its mutex and condition.  nullptr, with the failed step traced under
+// the caller's name `fn`, means the caller's phase runs in the calling thread.
+template <class Block>
+Block* WorkerBlockCreate(const char* fn, size_t bytes = sizeof(Block)) {
+  auto* b = static_cast<Block*>(SBACC_CALLOC(1, bytes));
+  if (b == nullptr) {
+    SBACC_TRACE(1, "[%s] calloc error. errno=%d", fn, errno);
+    return nullptr;
+  }
+  switch (WorkerInit(b)) {
+    case WorkerInitResult::kOk:
+      return b;
+    case WorkerInitResult::kMutexFailed:
+      SBACC_TRACE(1, "[%s] pthread_mutex_init error. errno=%d", fn, errno);
+      break;
+    case WorkerInitResult::kCondFailed:
+      SBACC_TRACE(1, "[%s] pthread_cond_init error. errno=%d", fn, errno);
+      break;
+  }
+  SBACC_FREE(b);
+  return nullptr;
+}
+
+// Waits for every started worker, then tears the block down.  nullptr is fine.
+template <class Block>
+void WorkerBlockRelease(Block* b) {
+  if (b == nullptr) return;
+  WorkerWait(b);
+  WorkerDestroy(b);
+  SBACC_FREE(b);
 }
 
 }  // namespace sbacc
