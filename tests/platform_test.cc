@@ -334,7 +334,7 @@ TEST(Sanfwctl, RejectedRequestsTransferNothing) {
 }
 
 TEST(Sanfwctl, FaultInjection) {
-    struct Case { const char* var; const char* spec; int kind; long s, n; std::vector<int> fail; } cases[] = {
+    struct Case { const char* var; const char* value; int kind; long s, n; std::vector<int> fail; } cases[] = {
         {"SANFWCTL_FAIL_READ", "2:3", SANFWCTL_FAULT_READ, 0, 0, {3, 4, 5}},
         {"SANFWCTL_FAIL_WRITE", "0:1", SANFWCTL_FAULT_WRITE, 0, 0, {1}},
         {"SANFWCTL_FAIL_STATUS", "5:-1", SANFWCTL_FAULT_STATUS, 0, 0, {6, 7, 8}},
@@ -343,7 +343,7 @@ TEST(Sanfwctl, FaultInjection) {
         {nullptr, nullptr, SANFWCTL_FAULT_STATUS, 0, 0, {}}};
     for (const Case& c : cases) {
         Nv nv;
-        if (c.var) ::setenv(c.var, c.spec, 1);
+        if (c.var) ::setenv(c.var, c.value, 1);
         sanfwctl_reset();
         if (!c.var) sanfwctl_set_fault(c.kind, c.s, c.n);
         const bool wr = c.kind == SANFWCTL_FAULT_WRITE;
