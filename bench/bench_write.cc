@@ -89,6 +89,9 @@ void BM_Write(benchmark::State& state, int size, int copies, bool with_serial, b
   const off_t base = static_cast<off_t>(area.addr);
 
   std::vector<double> t[kPhases], cpu[kPhases];
+  // Per-iteration ratios: library and floor measured back to back, so a
+  // drift of the machine between iterations cancels out.
+  std::vector<double> r_design, r_phys, r_serial;
   // Summed thread start / wake-up delays of the two floors, for the mean per thread.
   int64_t spawn_delay = 0, wake_delay = 0;
   long spawned = 0, woken = 0;
@@ -148,6 +151,10 @@ void BM_Write(benchmark::State& state, int size, int copies, bool with_serial, b
       if (ph == kLib) lib_ns = ns;
     }
     ++rot;
+    const size_t n = t[kLib].size();
+    if (n > 0 && t[kDesign].size() == n) r_design.push_back(t[kLib].back() / t[kDesign].back());
+    if (n > 0 && t[kPhys].size() == n) r_phys.push_back(t[kLib].back() / t[kPhys].back());
+    if (n > 0 && t[kSerial].size() == n) r_serial.push_back(t[kSerial].back() / t[kLib].back());
     state.SetIterationTime(lib_ns / 1e9);
   }
   trace.reset();
@@ -166,15 +173,18 @@ void BM_Write(benchmark::State& state, int size, int copies, bool with_serial, b
   if (woken > 0) state.counters["phys_wake_delay_us"] = static_cast<double>(wake_delay) / woken / 1e3;
   state.counters["design_cpu_us"] = Median(cpu[kDesign]) / 1e3;
   if (Median(t[kDesign]) > 0) state.counters["vs_design"] = lib / Median(t[kDesign]);
+  if (!r_design.empty()) state.counters["vs_design_paired"] = Median(r_design);
   if (phys) {
     state.counters["phys_us"] = Median(t[kPhys]) / 1e3;
     state.counters["phys_cpu_us"] = Median(cpu[kPhys]) / 1e3;
     if (Median(t[kPhys]) > 0) state.counters["vs_phys"] = lib / Median(t[kPhys]);
+    if (!r_phys.empty()) state.counters["vs_phys_paired"] = Median(r_phys);
   }
   if (with_serial) {
     state.counters["serial_us"] = Median(t[kSerial]) / 1e3;
     state.counters["serial_cpu_us"] = Median(cpu[kSerial]) / 1e3;
     if (lib > 0) state.counters["serial_over_parallel"] = Median(t[kSerial]) / lib;
+    if (!r_serial.empty()) state.counters["serial_over_parallel_paired"] = Median(r_serial);
   }
   state.counters["samples"] = static_cast<double>(t[kLib].size());
 }
@@ -210,6 +220,7 @@ void BM_OpenClose(benchmark::State& state, int copies) {
   const std::vector<Piece> r_flag = {{flag, 1, base + 59}};
 
   std::vector<double> t[kOcPhases];
+  std::vector<double> r2, r3;  // per-iteration ratios
   unsigned rot = 0;
   for (auto _ : state) {
     double lib_ns = 0;
@@ -240,6 +251,11 @@ void BM_OpenClose(benchmark::State& state, int copies) {
       if (ph == kOcLib) lib_ns = ns;
     }
     ++rot;
+    const size_t n = t[kOcLib].size();
+    if (n > 0 && t[kOcFloor2].size() == n && t[kOcFloor3].size() == n) {
+      r2.push_back(t[kOcLib].back() / t[kOcFloor2].back());
+      r3.push_back(t[kOcLib].back() / t[kOcFloor3].back());
+    }
     state.SetIterationTime(lib_ns / 1e9);
   }
   const double lib = Median(t[kOcLib]);
@@ -249,6 +265,8 @@ void BM_OpenClose(benchmark::State& state, int copies) {
   state.counters["floor3_us"] = Median(t[kOcFloor3]) / 1e3;
   if (Median(t[kOcFloor2]) > 0) state.counters["vs_floor2"] = lib / Median(t[kOcFloor2]);
   if (Median(t[kOcFloor3]) > 0) state.counters["vs_floor3"] = lib / Median(t[kOcFloor3]);
+  if (!r2.empty()) state.counters["vs_floor2_paired"] = Median(r2);
+  if (!r3.empty()) state.counters["vs_floor3_paired"] = Median(r3);
   state.counters["samples"] = static_cast<double>(t[kOcLib].size());
 }
 
@@ -264,7 +282,7 @@ void RegisterWriteBenchmarks(const Budget& b) {
           ->UseManualTime()
           ->Unit(benchmark::kMicrosecond)
           // The configuration with targets gets more samples.
-          ->Iterations(size == 4096 && copies == 4 ? 3 * b.write_iters : b.write_iters);
+          ->Iterations(size == 4096 && copies == 4 ? 5 * b.write_iters : b.write_iters);
     }
   }
   // The same 4 KiB x 4 copies write with every trace level let through (the
