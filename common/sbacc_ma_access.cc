@@ -58,7 +58,11 @@ int AccessGet(SBACC_FILE_DISCRIPTER* sfd, const SBACC_MEM_LIST_ENTRY& e, int fla
 void AccessSet(SBACC_FILE_DISCRIPTER* sfd, const SBACC_MEM_LIST_ENTRY& e, int flags, int offset,
                const void* buf, int len) {
   const int n = sbacc_ma_copies(sfd);
-  auto* blk = sbacc::WorkerBlockCreate<SBACC_HDDSET_THREAD_PARAM>(
+  int in_use = 0;
+  for (int i = 0; i < n; ++i) in_use += !(Bit(e.hddblockade, i) && !Bit(e.hddrepair, i));
+  // A single copy gains nothing from a worker: it is written in the calling
+  // thread, which saves a thread start per round.
+  auto* blk = in_use < 2 ? nullptr : sbacc::WorkerBlockCreate<SBACC_HDDSET_THREAD_PARAM>(
       "sbacc_ma_hdd_access", sizeof(SBACC_HDDSET_THREAD_PARAM) + static_cast<size_t>(len));
   if (blk != nullptr) {
     for (int i = 0; i < n; ++i) {
