@@ -1,0 +1,339 @@
+// Concurrency: many threads with handles of their own on different areas and
+// on one area; readers in other processes while the start-up restore rebuilds
+// copies; four controllers contending for the repair lock of the same areas.
+// Every test is bounded by alarm(): a deadlock ends it with SIGALRM.
+#include <dirent.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "fault_env.h"
+#include "sbacc.h"
+#include "sbacc_alloc.h"
+#include "sbacc_core.h"
+#include "sbacc_l.h"
+#include "sbacc_ma.h"
+#include "sim.h"
+
+using sbacc_test::FaultEnv;
+using sbacc_test::Sim;
+using Bytes = std::vector<uint8_t>;
+
+namespace {
+
+constexpr uint64_t kSize = 8192;
+constexpr int kCap = static_cast<int>(kSize) - 128;
+
+Bytes Pattern(size_t n, int seed) {
+  Bytes v(n);
+  for (size_t i = 0; i < n; ++i) v[i] = static_cast<uint8_t>(seed * 41 + i * 7 + 5);
+  return v;
+}
+
+int Tasks() {
+  int n = 0;
+  if (DIR* d = opendir("/proc/self/task")) {
+    while (struct dirent* e = readdir(d)) n += e->d_name[0] != '.';
+    closedir(d);
+  }
+  return n;
+}
+
+class Concurrency : public ::testing::Test {
+ protected:
+  // Forks only once the library's detached workers of earlier calls have
+  // left: a child of a process with other threads alive inherits their locks.
+  pid_t Fork() {
+    for (int i = 0; i < 20000 && Tasks() > tasks_; ++i) usleep(100);
+    return fork();
+  }
+  int tasks_ = 0;
+
+  void SetUp() override {
+    tasks_ = Tasks();
+    if (getenv("TMPDIR") == nullptr && access("/dev/shm", W_OK) == 0) setenv("TMPDIR", "/dev/shm", 1);
+    setenv("SBACC_MEMSET_MAXRETRY", "1", 1);
+    setenv("SBACC_MEMGET_MAXRETRY", "1", 1);
+    alarm(90);
+  }
+  void TearDown() override { alarm(0); }
+};
+
+void* Open(const char* name, const char* mode) {
+  void* fp = nullptr;
+  boolean_t clean = B_FALSE;
+  const int rc = sbacc_open(name, mode, &fp, &clean);
+  return rc == 0 ? fp : nullptr;
+}
+
+// Four threads each own an area; four more share one area, each writing and
+// reading back its own slice through handles of its own.  Every read sees
+// what its thread wrote, and at the end every copy of every area holds the
+// last round of every thread.
+TEST_F(Concurrency, ManyThreadsWithTheirOwnHandles) {
+  Sim sim(3, 1 << 17);
+  std::vector<sbacc_test::AreaSpec> areas;
+  for (int a = 0; a < 5; ++a) areas.push_back({"a" + std::to_string(a), 0x1000 + a * kSize, kSize, 3});
+  sim.SetAreas(areas);
+  constexpr int kSlice = 1024, kRounds = 12;
+  // Sized first: handles that extend one area at the same time race on the
+  // stored size, which nothing serialises between handles.
+  void* fp = Open("a4", "w");
+  ASSERT_NE(nullptr, fp);
+  ASSERT_EQ(4 * kSlice, sbacc_write_size(4 * kSlice, fp));
+  ASSERT_EQ(0, sbacc_close(fp));
+  const int fds = sbacc_test::OpenFdCount();
+  const long blocks = sbacc::AllocLiveBlocks();
+
+  std::atomic<int> errors{0};
+  auto worker = [&](int t) {
+    const std::string area = t < 4 ? "a" + std::to_string(t) : "a4";
+    const int offset = t < 4 ? 0 : (t - 4) * kSlice;
+    for (int r = 0; r < kRounds; ++r) {
+      void* h = Open(area.c_str(), "w");
+      if (h == nullptr) {
+        ++errors;
+        continue;
+      }
+      const Bytes d = Pattern(kSlice, t * 100 + r);
+      if (sbacc_write(d.data(), kSlice, offset, h) != kSlice) ++errors;
+      Bytes got(kSlice);
+      if (sbacc_read(got.data(), kSlice, offset, h) != kSlice || got != d) ++errors;
+      if (sbacc_close(h) != 0) ++errors;
+      // A reader of its own on the same area sees the same.
+      void* rh = Open(area.c_str(), "r");
+      if (rh == nullptr || sbacc_read(got.data(), kSlice, offset, rh) != kSlice || got != d) ++errors;
+      if (rh != nullptr) sbacc_close(rh);
+    }
+  };
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t) threads.emplace_back(worker, t);
+  for (std::thread& th : threads) th.join();
+  EXPECT_EQ(0, errors.load());
+
+  for (int a = 0; a < 5; ++a) {
+    EXPECT_EQ(0u, sim.NvEntry(a).hddblockade) << "area " << a;
+    for (int c = 0; c < 3; ++c) {
+      if (a < 4) {
+        EXPECT_EQ(Pattern(kSlice, a * 100 + kRounds - 1), sim.Data(a, c, kSlice)) << "area " << a << " copy " << c;
+      } else {
+        for (int t = 4; t < 8; ++t) {
+          const Bytes d = sim.HddBytes(c, sim.Areas()[4].addr + 128 + (t - 4) * kSlice, kSlice);
+          EXPECT_EQ(Pattern(kSlice, t * 100 + kRounds - 1), d) << "slice of thread " << t << " copy " << c;
+        }
+      }
+      EXPECT_EQ(0, sim.Header(a, c).openflag);
+    }
+  }
+  EXPECT_EQ(fds, sbacc_test::OpenFdCount());
+  EXPECT_EQ(blocks, sbacc::AllocLiveBlocks());
+}
+
+// Reader processes open, read and close areas in a loop while this process
+// runs the start-up restore, which rebuilds a stale copy of each area.  A
+// reader may be refused, but whatever it reads must be the current data,
+// never the stale copy's.
+TEST_F(Concurrency, ReadersInOtherProcessesDuringTheRestore) {
+  constexpr int kAreas = 3, kReaders = 3, kLen = 6000;
+  Sim sim(2, 1 << 17);
+  std::vector<sbacc_test::AreaSpec> areas;
+  for (int a = 0; a < kAreas; ++a) areas.push_back({"r" + std::to_string(a), 0x1000 + a * kSize, kSize, 2});
+  sim.SetAreas(areas);
+  // Copy 0 misses the second write of every area and is fenced off: the
+  // restore must rebuild it from copy 1.
+  for (int a = 0; a < kAreas; ++a) {
+    const std::string name = "r" + std::to_string(a);
+    void* fp = Open(name.c_str(), "w");
+    ASSERT_NE(nullptr, fp);
+    const Bytes old_data = Pattern(kLen, a), new_data = Pattern(kLen, a + 50);
+    ASSERT_EQ(kLen, sbacc_write(old_data.data(), kLen, 0, fp));
+    {
+      FaultEnv env;
+      env.FailOp(FaultEnv::kWrite, sim.HddPath(0), 0, -1, EIO);
+      ASSERT_EQ(kLen, sbacc_write(new_data.data(), kLen, 0, fp));
+    }
+    ASSERT_EQ(0, sbacc_close(fp));
+    ASSERT_EQ(0x1u, sim.NvEntry(a).hddblockade);
+  }
+
+  // Shared with the readers: 0 = wait, 1 = read, 2 = stop; then per reader
+  // the reads that matched, were refused, returned the stale copy's bytes,
+  // and returned anything else.
+  auto* shared = static_cast<std::atomic<int>*>(
+      mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  ASSERT_NE(MAP_FAILED, static_cast<void*>(shared));
+  new (shared) std::atomic<int>[1 + 4 * kReaders]();
+  std::vector<pid_t> pids;
+  for (int r = 0; r < kReaders; ++r) {
+    const pid_t pid = Fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      alarm(60);
+      while (shared[0].load() == 0) usleep(100);
+      for (int i = 0; shared[0].load() == 1 || i < 5; ++i) {
+        const int a = (r + i) % kAreas;
+        const std::string name = "r" + std::to_string(a);
+        void* fp = Open(name.c_str(), "r");
+        Bytes got(kLen);
+        const int n = fp != nullptr ? sbacc_read(got.data(), kLen, 0, fp) : -1;
+        if (fp != nullptr) sbacc_close(fp);
+        std::atomic<int>* mine = shared + 1 + 4 * r;
+        if (n != kLen) {
+          ++mine[1];
+        } else if (got == Pattern(kLen, a + 50)) {
+          ++mine[0];
+        } else {
+          ++mine[got == Pattern(kLen, a) ? 2 : 3];
+        }
+      }
+      _exit(0);
+    }
+    pids.push_back(pid);
+  }
+  shared[0].store(1);
+  int rc;
+  {
+    // Slow disks, so the readers meet the restore half-way more often.
+    FaultEnv env;
+    env.DelayWrites("", 1500);
+    rc = sbacc_hdd_restore(0);
+  }
+  shared[0].store(2);
+  for (pid_t pid : pids) {
+    int status = 0;
+    ASSERT_EQ(pid, waitpid(pid, &status, 0));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "reader ended with status " << status;
+  }
+  EXPECT_EQ(0, rc);
+  long good = 0, refused = 0, stale = 0, other = 0;
+  for (int r = 0; r < kReaders; ++r) {
+    good += shared[1 + 4 * r].load();
+    refused += shared[2 + 4 * r].load();
+    stale += shared[3 + 4 * r].load();
+    other += shared[4 + 4 * r].load();
+  }
+  printf("readers during the restore: %ld current, %ld refused, %ld stale, %ld other\n", good, refused, stale, other);
+  EXPECT_EQ(0, stale) << "a reader got the stale copy's bytes";
+  EXPECT_EQ(0, other) << "a reader got bytes that are neither the current nor the stale data";
+  EXPECT_GT(good, 0);
+  for (int a = 0; a < kAreas; ++a) {
+    EXPECT_EQ(0u, sim.NvEntry(a).hddblockade);
+    for (int c = 0; c < 2; ++c) EXPECT_EQ(Pattern(kLen, a + 50), sim.Data(a, c, kLen)) << "area " << a << " copy " << c;
+  }
+  munmap(shared, 4096);
+}
+
+// Four processes, controllers 0 to 3 on one NV image, take and release the
+// repair lock of the same three areas over and over.  Every holder counts
+// itself in a shared slot per area while it holds the lock.
+//  - Without a master, the raise-then-look protocol alone must keep every
+//    slot at one holder at most.
+//  - Controller 0 as the master clears the other controller's byte whether
+//    that one is still asking or already holds the lock: the only overlap
+//    allowed is the master coming in on top of controller 1.
+class LockContention : public Concurrency, public ::testing::WithParamInterface<int> {};
+
+TEST_P(LockContention, AtMostOneHolder) {
+  const int master = GetParam();
+  setenv("SANFWCTL_MASTER", std::to_string(master).c_str(), 1);
+  setenv("SBACC_REPAIRLOCK_MAXRETRY", "3", 1);
+  constexpr int kAreas = 2, kProcs = 4, kRounds = 20;
+  Sim sim(1);
+  std::vector<sbacc_test::AreaSpec> areas;
+  for (int a = 0; a < kAreas; ++a) areas.push_back({"l" + std::to_string(a), 0x1000 + a * kSize, kSize, 1});
+  sim.SetAreas(areas);
+
+  // Per area: the current holders as a bit set of controller numbers; then
+  // per controller: locks taken, refusals, and overlaps seen (newcomer bit
+  // 4..7, holder bit 0..3).
+  auto* shared = static_cast<std::atomic<int>*>(
+      mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  ASSERT_NE(MAP_FAILED, static_cast<void*>(shared));
+  new (shared) std::atomic<int>[kAreas + 3 * kProcs + 64]();
+  std::atomic<int>* holders = shared;
+  std::atomic<int>* taken = shared + kAreas;
+  std::atomic<int>* refused = taken + kProcs;
+  std::atomic<int>* overlaps = refused + kProcs;
+  std::atomic<int>* go = overlaps + kProcs;
+
+  std::vector<pid_t> pids;
+  for (int cnt = 0; cnt < kProcs; ++cnt) {
+    const pid_t pid = Fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      alarm(80);
+      sbacc_reset_process_state();
+      sbacc_cntno = cnt;
+      while (go->load() == 0) usleep(50);
+      int bad = 0;
+      for (int r = 0; r < kRounds; ++r) {
+        const int a = (r + cnt) % kAreas;
+        SBACC_FILE_DISCRIPTER* sfd = nullptr;
+        if (sbacc_ma_alloc_sfd(("l" + std::to_string(a)).c_str(), SBACC_OPENMODE_INSPECT, &sfd) != 0) _exit(3);
+        const int rc = sbacc_ma_enter_repairlock(sfd);
+        if (rc == 0) {
+          const int before = holders[a].fetch_or(1 << cnt);
+          if (before != 0) {
+            overlaps[cnt].fetch_or(before);
+            ++bad;
+          }
+          ++taken[cnt];
+          usleep(5000);
+          holders[a].fetch_and(~(1 << cnt));
+          if (sbacc_ma_leave_repairlock(sfd) != 0) _exit(4);
+        } else if (rc == SBACC_E_REPAIR || rc == SBACC_E_UNSUPPORTED) {
+          ++refused[cnt];
+        } else {
+          _exit(5);
+        }
+        sbacc_ma_free_sfd(sfd);
+        usleep(static_cast<useconds_t>(100 * (cnt + 1)));
+      }
+      _exit(0);
+    }
+    pids.push_back(pid);
+  }
+  go->store(1);
+  for (pid_t pid : pids) {
+    int status = 0;
+    ASSERT_EQ(pid, waitpid(pid, &status, 0));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "contender ended with status " << status;
+  }
+  int total = 0;
+  for (int cnt = 0; cnt < kProcs; ++cnt) {
+    total += taken[cnt].load();
+    printf("controller %d: %d taken, %d refused, overlapped holders 0x%x\n", cnt, taken[cnt].load(),
+           refused[cnt].load(), overlaps[cnt].load());
+    if (cnt == master) {
+      // The master may come in on top of controller 1 only: it asks the
+      // status call about controllers 0 and 1 alone.
+      EXPECT_EQ(0, overlaps[cnt].load() & ~0x2);
+    } else {
+      EXPECT_EQ(0, overlaps[cnt].load()) << "controller " << cnt << " held the lock together with another";
+    }
+  }
+  EXPECT_GT(total, 0);
+  // Every byte is down again.
+  for (int a = 0; a < kAreas; ++a) {
+    const SBACC_MEM_LIST_ENTRY e = sim.NvEntry(a);
+    for (int n = 0; n < 4; ++n) EXPECT_EQ(0, e.hddrepairlock_cntno[n]) << "area " << a << " byte " << n;
+  }
+  munmap(shared, 4096);
+}
+
+INSTANTIATE_TEST_SUITE_P(Master, LockContention, ::testing::Values(9, 0),
+                         [](const ::testing::TestParamInfo<int>& p) {
+                           return p.param == 9 ? std::string("NoMaster") : "Controller" + std::to_string(p.param);
+                         });
+
+}  // namespace
