@@ -227,16 +227,30 @@ int RepairLocked(SBACC_FILE_DISCRIPTER* sfd, SBACC_DATA_REPAIR* rec, uint32_t* b
   // take the stale copy for a current one.
   const uint32_t stale = repair & ~(1u << src);
   auto stop = [&](int code) {
+    for (int i = 0; i < hddcount; ++i) {
+      if ((stale >> i) & 1u) (void)sbacc_ma_memset_hddrepair(sfd, i, B_FALSE);
+    }
     *blockade_out = NotOpen(sfd) | stale;
     return code;
   };
 
-  rc = sbacc_memset_hddblockade(sfd, blockade);
+  // The same holds for a power cut: stale copies are recorded as fenced off
+  // before anything else is written, and marked under repair so that the
+  // writes below still reach them and keep their files open.  Each one leaves
+  // the mask only when its rebuild has completed; a start-up cut short at any
+  // point never presents a stale copy as current to the next one.
+  for (int i = 0; i < hddcount; ++i) {
+    if (((stale >> i) & 1u) == 0) continue;
+    rc = sbacc_ma_memset_hddrepair(sfd, i, B_TRUE);
+    if (rc != 0) return stop(rc);
+  }
+  const uint32_t recorded = blockade | stale;
+  rc = sbacc_memset_hddblockade(sfd, recorded);
   if (rc != 0) {
     SBACC_TRACE(kTraceError, "[repair_for_restore] sbacc_memset_hddblockade error. retcode=%d", rc);
     return stop(rc);
   }
-  rc = sbacc_ma_hddset_hddblockade(sfd, blockade);
+  rc = sbacc_ma_hddset_hddblockade(sfd, recorded);
   if (rc != 0) {
     SBACC_TRACE(kTraceError, "[repair_for_restore] sbacc_ma_hddset_hddblockade error. retcode=%d", rc);
     return stop(rc);
@@ -273,6 +287,12 @@ int RepairLocked(SBACC_FILE_DISCRIPTER* sfd, SBACC_DATA_REPAIR* rec, uint32_t* b
   SBACC_TRACE(kTraceFlow, "[repair_for_restore] hdd repair exec. src_hdd=%d repair=0x%x hddblockade hdd=0x%x filename=%s",
               src, repair, blockade, name);
   RebuildCopies(sfd, src, repair);
+  // A rebuild that never got going (source fenced off, no buffer) leaves the
+  // mark set above; none may outlive the repair.  Rebuilt copies are already
+  // clear, so this is a no-op for them.
+  for (int i = 0; i < hddcount; ++i) {
+    if ((stale >> i) & 1u) (void)sbacc_ma_memset_hddrepair(sfd, i, B_FALSE);
+  }
 
   // A copy ends either open and current or closed and fenced off.
   blockade = 0;
