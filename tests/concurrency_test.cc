@@ -32,7 +32,6 @@ using Bytes = std::vector<uint8_t>;
 namespace {
 
 constexpr uint64_t kSize = 8192;
-constexpr int kCap = static_cast<int>(kSize) - 128;
 
 Bytes Pattern(size_t n, int seed) {
   Bytes v(n);
