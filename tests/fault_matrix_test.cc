@@ -393,6 +393,7 @@ class Stage {
     TouchNv();
     fds_ = sbacc_test::OpenFdCount();
     blocks_ = sbacc::AllocLiveBlocks();
+    bytes_ = sbacc::AllocTrackedTotal();
     if (NeedsHandle(op)) fp_ = OpenOrFail("w");
   }
   int Run() { return RunOp(op_, fp_); }
@@ -405,6 +406,7 @@ class Stage {
     sbacc_reset_process_state();
     EXPECT_EQ(fds_, sbacc_test::OpenFdCount()) << "descriptor leaked";
     EXPECT_EQ(blocks_, sbacc::AllocLiveBlocks()) << "block leaked";
+    EXPECT_EQ(bytes_, sbacc::AllocTrackedTotal()) << "tracked bytes leaked";
   }
   // Every HDD image and the NV image, for comparing two runs.
   std::vector<uint8_t> Images() const {
@@ -423,6 +425,7 @@ class Stage {
   void* fp_ = nullptr;
   int fds_ = 0;
   long blocks_ = 0;
+  int bytes_ = 0;
 };
 
 // Every NV read, or every NV write, fails from the start of the operation:
