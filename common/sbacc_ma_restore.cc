@@ -110,6 +110,23 @@ uint32_t NotOpen(const SBACC_FILE_DISCRIPTER* sfd) {
 void Compare(const SBACC_HDD_HEADER* hdr, int i, int* src, uint32_t* repair, const char* name) {
   const SBACC_HDD_HEADER& s = hdr[*src];
   const SBACC_HDD_HEADER& h = hdr[i];
+  // A copy whose own header records it as fenced off is one that a start-up
+  // cut short had marked stale and not yet rebuilt (only a copy under rebuild
+  // receives a mask with its own bit): it never outranks one that does not.
+  const bool s_stale = ((s.hddblockade >> *src) & 1u) != 0;
+  const bool h_stale = ((h.hddblockade >> i) & 1u) != 0;
+  if (s_stale != h_stale) {
+    if (s_stale) {
+      *repair |= 1u << *src;
+      SBACC_TRACE(kTraceMilestone, "[repair_for_restore] update candidate HDD[%d](latest->[%d]). %s repair[0x%x]", *src,
+                  i, name, *repair);
+      *src = i;
+    } else {
+      *repair |= 1u << i;
+      SBACC_TRACE(kTraceMilestone, "[repair_for_restore] update candidate HDD[%d]. %s repair[0x%x]", i, name, *repair);
+    }
+    return;
+  }
   if (s.hddblockade == h.hddblockade) {
     // Same history: only the later close matters, and nothing is stale.
     if (h.closetime > s.closetime) {
