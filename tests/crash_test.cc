@@ -282,9 +282,9 @@ class CrashTest : public ::testing::TestWithParam<std::tuple<int, int>> {
   }
 
   void Configure(Sim& sim, int copies) {
-    std::vector<sbacc_test::AreaSpec> specs;
-    for (int a = 0; a < kAreaCount; ++a) specs.push_back({kAreas[a], 0x1000 + a * kSize, kSize, copies});
-    sim.SetAreas(specs);
+    std::vector<sbacc_test::AreaSpec> list;
+    for (int a = 0; a < kAreaCount; ++a) list.push_back({kAreas[a], 0x1000 + a * kSize, kSize, copies});
+    sim.SetAreas(list);
   }
 
   Images Capture(const Sim& sim, int copies) {
