@@ -238,6 +238,57 @@ void ExpectCopiesAgree(const Sim& sim, uint32_t usable, int copies, bool strict)
   }
 }
 
+// One run of an operation on a fresh copy of a snapshot: the area list and
+// images in place, a handle opened when the operation needs one, the handle
+// closed afterwards, and the descriptors and blocks counted around it all.
+class Stage {
+ public:
+  Stage(const Snapshot& snap, Op op, int copies) : op_(op), sim_(copies, kHddBytes) {
+    sim_.SetAreas({{"area", kAddr, kSize, copies}});
+    Put(sim_, snap);
+    TouchNv();
+    fds_ = sbacc_test::OpenFdCount();
+    blocks_ = sbacc::AllocLiveBlocks();
+    bytes_ = sbacc::AllocTrackedTotal();
+    if (NeedsHandle(op)) fp_ = OpenOrFail("w");
+  }
+  bool Ready() const { return !NeedsHandle(op_) || fp_ != nullptr; }
+  int Run() { return RunOp(op_, fp_); }
+  // Closes what the operation left open.
+  void Close() {
+    if (fp_ != nullptr) {
+      EXPECT_EQ(0, sbacc_close(fp_));
+    }
+    fp_ = nullptr;
+  }
+  // Closes, drops the process state and checks nothing leaked.
+  void Finish() {
+    Close();
+    sbacc_reset_process_state();
+    EXPECT_EQ(fds_, sbacc_test::OpenFdCount()) << "descriptor leaked";
+    EXPECT_EQ(blocks_, sbacc::AllocLiveBlocks()) << "block leaked";
+    EXPECT_EQ(bytes_, sbacc::AllocTrackedTotal()) << "tracked bytes leaked";
+  }
+  // Every HDD image and the NV image, for comparing two runs.
+  std::vector<uint8_t> Images() const {
+    std::vector<uint8_t> all = sim_.NvBytes(0, kNvBytes);
+    for (int i = 0; i < sim_.Areas()[0].copies; ++i) {
+      const auto h = sim_.HddBytes(i, 0, kHddBytes);
+      all.insert(all.end(), h.begin(), h.end());
+    }
+    return all;
+  }
+  Sim& sim() { return sim_; }
+
+ private:
+  Op op_;
+  Sim sim_;
+  void* fp_ = nullptr;
+  int fds_ = 0;
+  long blocks_ = 0;
+  int bytes_ = 0;
+};
+
 struct Case {
   Op op;
   int copies;
@@ -261,17 +312,10 @@ class HddFaults : public FaultMatrix, public ::testing::WithParamInterface<int> 
 
   void Check(const Snapshot& snap, const Case& c) {
     SCOPED_TRACE(c.Name());
-    Sim sim(c.copies, kHddBytes);
-    sim.SetAreas({{"area", kAddr, kSize, c.copies}});
-    Put(sim, snap);
-    TouchNv();
-    const int fds = sbacc_test::OpenFdCount();
-    const long blocks = sbacc::AllocLiveBlocks();
-    const int bytes = sbacc::AllocTrackedTotal();
+    Stage st(snap, c.op, c.copies);
+    if (!st.Ready()) return;
+    Sim& sim = st.sim();
     const uint32_t all = Mask(c.copies);
-
-    void* fp = NeedsHandle(c.op) ? OpenOrFail("w") : nullptr;
-    if (NeedsHandle(c.op) && fp == nullptr) return;
     int rc;
     uint32_t touched = 0;
     {
@@ -288,15 +332,13 @@ class HddFaults : public FaultMatrix, public ::testing::WithParamInterface<int> 
           env.FailOp(eop, sim.HddPath(i), c.win.start, c.win.count, EIO);
         }
       }
-      rc = RunOp(c.op, fp);
+      rc = st.Run();
       for (int i = 0; i < c.copies; ++i) {
         if (c.victim >= 0 && c.victim != i) continue;
         if (env.Calls(eop, sim.HddPath(i)) > c.win.start) touched |= 1u << i;
       }
     }
-    if (fp != nullptr) {
-      EXPECT_EQ(0, sbacc_close(fp));
-    }
+    st.Close();
     ++cases_;
 
     const SBACC_MEM_LIST_ENTRY nv = sim.NvEntry(0);
@@ -351,10 +393,7 @@ class HddFaults : public FaultMatrix, public ::testing::WithParamInterface<int> 
       EXPECT_EQ(static_cast<int>(want.size()), sim.Header(0, first).filesize);
       EXPECT_EQ(want, sim.Data(0, first, want.size()));
     }
-    sbacc_reset_process_state();  // the area list a start-up call keeps for the process
-    EXPECT_EQ(fds, sbacc_test::OpenFdCount()) << "descriptor leaked";
-    EXPECT_EQ(blocks, sbacc::AllocLiveBlocks()) << "block leaked";
-    EXPECT_EQ(bytes, sbacc::AllocTrackedTotal()) << "tracked bytes leaked";
+    st.Finish();
   }
   long cases_ = 0;
   int failed_ = 0;
@@ -381,52 +420,6 @@ TEST_P(HddFaults, EveryCallOnEveryCopy) {
 
 INSTANTIATE_TEST_SUITE_P(Ops, HddFaults, ::testing::Range(0, static_cast<int>(kOpCount)),
                          [](const ::testing::TestParamInfo<int>& p) { return std::string(kOpName[p.param]); });
-
-// One run of an operation on a fresh copy of a snapshot: the area list and
-// images in place, a handle opened when the operation needs one, the handle
-// closed afterwards, and the descriptors and blocks counted around it all.
-class Stage {
- public:
-  Stage(const Snapshot& snap, Op op, int copies) : op_(op), sim_(copies, kHddBytes) {
-    sim_.SetAreas({{"area", kAddr, kSize, copies}});
-    Put(sim_, snap);
-    TouchNv();
-    fds_ = sbacc_test::OpenFdCount();
-    blocks_ = sbacc::AllocLiveBlocks();
-    bytes_ = sbacc::AllocTrackedTotal();
-    if (NeedsHandle(op)) fp_ = OpenOrFail("w");
-  }
-  int Run() { return RunOp(op_, fp_); }
-  // Closes what the operation left open and checks nothing leaked.
-  void Finish() {
-    if (fp_ != nullptr) {
-      EXPECT_EQ(0, sbacc_close(fp_));
-    }
-    fp_ = nullptr;
-    sbacc_reset_process_state();
-    EXPECT_EQ(fds_, sbacc_test::OpenFdCount()) << "descriptor leaked";
-    EXPECT_EQ(blocks_, sbacc::AllocLiveBlocks()) << "block leaked";
-    EXPECT_EQ(bytes_, sbacc::AllocTrackedTotal()) << "tracked bytes leaked";
-  }
-  // Every HDD image and the NV image, for comparing two runs.
-  std::vector<uint8_t> Images() const {
-    std::vector<uint8_t> all = sim_.NvBytes(0, kNvBytes);
-    for (int i = 0; i < sim_.Areas()[0].copies; ++i) {
-      const auto h = sim_.HddBytes(i, 0, kHddBytes);
-      all.insert(all.end(), h.begin(), h.end());
-    }
-    return all;
-  }
-  Sim& sim() { return sim_; }
-
- private:
-  Op op_;
-  Sim sim_;
-  void* fp_ = nullptr;
-  int fds_ = 0;
-  long blocks_ = 0;
-  int bytes_ = 0;
-};
 
 // Every NV read, or every NV write, fails from the start of the operation:
 // the first transfer that fails gives up after exactly r + 1 attempts, each
