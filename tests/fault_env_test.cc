@@ -1,4 +1,6 @@
-// The fault-injecting Env itself, on real files.
+// The fault-injecting Env the reliability suite stands on, on a real file: each
+// row arms rules, then the same script of calls runs on file "a"; every call's
+// result (-errno on failure), the file's bytes and the time taken are checked.
 #include "fault_env.h"
 
 #include <errno.h>
@@ -6,11 +8,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <fstream>
-#include <string>
-#include <thread>
+#include <functional>
 #include <vector>
 
 #include "sim.h"
@@ -20,123 +20,84 @@ namespace {
 using sbacc_test::FaultEnv;
 using Bytes = std::vector<uint8_t>;
 
-class FaultEnvTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    std::ofstream(a_).flush();
-    std::ofstream(b_).flush();
-  }
-  static Bytes Contents(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  }
-  sbacc_test::TempDir dir_;
-  std::string a_ = dir_.File("a"), b_ = dir_.File("b");
-  FaultEnv env_;
+struct EnvCase {
+  const char* name;
+  std::function<void(FaultEnv&, const std::string& a)> arm;
+  // write "AB" at 0, write "CD" at 2, read 4, fsync, seek, open, start a thread,
+  // mutex init, Writes(), Calls(kWrite, a)
+  std::vector<long> want;
+  Bytes file;
+  bool raw_fd = false;  // "a" opened by the test and named by another path: resolved through /proc
+  int min_ms = 0;       // the script takes that long, and under 1 s more (sleeps are not slept)
 };
+void PrintTo(const EnvCase& c, std::ostream* os) { *os << c.name; }
 
-TEST_F(FaultEnvTest, FailsChosenCallsOfOnePathWithErrno) {
-  EXPECT_EQ(sbacc::CurrentEnv(), &env_);
-  env_.FailOp(FaultEnv::kWrite, a_, 1, 2, ENOSPC);
-  const int fa = env_.Open(a_.c_str(), O_RDWR);
-  const int fb = ::open(b_.c_str(), O_RDWR | O_CLOEXEC);  // not opened through the Env: found by path
-  const ssize_t want[] = {1, -1, -1, 1};
-  for (int i = 0; i < 4; ++i) {
-    const char c = static_cast<char>('1' + i);
-    EXPECT_EQ(env_.WriteAt(fa, &c, 1, i), want[i]) << "write " << i + 1;
-    if (want[i] < 0) {
-      EXPECT_EQ(errno, ENOSPC);
-    }
-    EXPECT_EQ(env_.WriteAt(fb, &c, 1, i), 1);
-  }
-  EXPECT_EQ(Contents(a_), Bytes({'1', 0, 0, '4'}));
-  EXPECT_EQ(env_.Calls(FaultEnv::kWrite, a_), 4);
-  EXPECT_EQ(env_.Writes(), 8);
-  env_.FailOp(FaultEnv::kFsync, "", 0, -1, EIO);  // any path, for ever
-  EXPECT_EQ(env_.Fsync(fa) + env_.Fsync(fb), -2);
-  EXPECT_EQ(env_.Close(fa) + env_.Close(fb), 0);
-}
+using E = FaultEnv;
+// clang-format off
+const Bytes kABCD = {'A', 'B', 'C', 'D'};
+const EnvCase kCases[] = {
+    {"none", [](E&, auto&) {}, {2, 2, 4, 0, 0, 0, 0, 0, 2, 2}, kABCD},
+    {"second_write_of_path", [](E& e, auto& a) { e.FailOp(E::kWrite, a, 1, 1, ENOSPC); },
+     {2, -ENOSPC, 2, 0, 0, 0, 0, 0, 2, 2}, {'A', 'B'}, true},
+    {"other_path", [](E& e, auto& a) { e.FailOp(E::kWrite, a + "x", 0, -1, EIO); }, {2, 2, 4, 0, 0, 0, 0, 0, 2, 2}, kABCD},
+    {"fsync_any_path", [](E& e, auto&) { e.FailOp(E::kFsync, "", 0, -1, EIO); }, {2, 2, 4, -EIO, 0, 0, 0, 0, 2, 2}, kABCD},
+    {"read_then_seek_then_open", [](E& e, auto& a) {
+       e.FailOp(E::kRead, a, 0, 1, EIO), e.FailOp(E::kSeek, a, 0, 1, EIO), e.FailOp(E::kOpen, a, 0, 1, EACCES);
+     }, {2, 2, -EIO, 0, -EIO, -EACCES, 0, 0, 2, 2}, kABCD},
+    {"short_first_write", [](E& e, auto& a) { e.ShortOp(E::kWrite, a, 0, 1, 1); }, {1, 2, 4, 0, 0, 0, 0, 0, 2, 2},
+     {'A', 0, 'C', 'D'}},
+    {"short_read", [](E& e, auto& a) { e.ShortOp(E::kRead, a, 0, 1, 3); }, {2, 2, 1, 0, 0, 0, 0, 0, 2, 2}, kABCD},
+    {"power_cut_after_one_write", [](E& e, auto&) { e.PowerCutAfterWrites(1); },
+     {2, -EIO, -EIO, -EIO, -EIO, -EIO, 0, 0, 2, 2}, {'A', 'B'}},
+    {"thread_and_mutex", [](E& e, auto&) { e.FailThreadStart(0, 1), e.FailMutexInit(0, -1); },
+     {2, 2, 4, 0, 0, 0, EAGAIN, ENOMEM, 2, 2}, kABCD},
+    {"delayed_writes", [](E& e, auto& a) { e.DelayWrites(a, 40000); }, {2, 2, 4, 0, 0, 0, 0, 0, 2, 2}, kABCD, false, 80},
+};
+// clang-format on
 
-TEST_F(FaultEnvTest, ShortTransfersMoveExactlyLenMinusK) {
-  const int fd = env_.Open(a_.c_str(), O_RDWR);
-  env_.ShortOp(FaultEnv::kWrite, a_, 0, 1, 3);
-  EXPECT_EQ(env_.WriteAt(fd, "0123456789", 10, 0), 7);
-  EXPECT_EQ(Contents(a_), Bytes({'0', '1', '2', '3', '4', '5', '6'}));
-  EXPECT_EQ(env_.WriteAt(fd, "ab", 2, 7), 2);  // only the first write was cut
-  env_.ShortOp(FaultEnv::kRead, a_, 0, 1, 4);
-  char buf[9] = {};
-  EXPECT_EQ(env_.ReadAt(fd, buf, 9, 0), 5);
-  EXPECT_EQ(env_.ReadAt(fd, buf, 9, 0), 9);
-  env_.Close(fd);
-}
+class FaultEnvTest : public ::testing::TestWithParam<EnvCase> {};
 
-TEST_F(FaultEnvTest, PowerCutKeepsOnlyTheFirstNWrites) {
-  const int fds_before = sbacc_test::OpenFdCount();
-  const int fa = env_.Open(a_.c_str(), O_RDWR);
-  const int fb = env_.Open(b_.c_str(), O_RDWR);
-  env_.PowerCutAfterWrites(2);
-  EXPECT_EQ(env_.WriteAt(fa, "A", 1, 0), 1);
-  EXPECT_EQ(env_.WriteAt(fb, "B", 1, 0), 1);
-  EXPECT_FALSE(env_.PowerIsCut());
-  EXPECT_EQ(env_.WriteAt(fa, "C", 1, 1), -1);
-  EXPECT_EQ(env_.WriteAt(fb, "D", 1, 1), -1);
-  EXPECT_TRUE(env_.PowerIsCut());
-  char c;
-  EXPECT_EQ(env_.ReadAt(fa, &c, 1, 0), -1);
-  EXPECT_EQ(env_.Seek(fa, 0), -1);
-  EXPECT_EQ(env_.Fsync(fb), -1);
-  EXPECT_EQ(env_.Open(a_.c_str(), O_RDONLY), -1);
-  EXPECT_EQ(errno, EIO);
-  EXPECT_EQ(env_.Close(fa) + env_.Close(fb), 0);
-  EXPECT_EQ(sbacc_test::OpenFdCount(), fds_before);
-  EXPECT_EQ(Contents(a_), Bytes({'A'}));
-  EXPECT_EQ(Contents(b_), Bytes({'B'}));
-  EXPECT_EQ(env_.Writes(), 4);
-}
-
-TEST_F(FaultEnvTest, CountsAcrossThreadsAndDelaysOnePath) {
-  env_.FailOp(FaultEnv::kWrite, "", 0, 10, EIO);  // the first ten writes, whichever thread makes them
-  std::atomic<int> failed{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&, t] {
-      const int fd = env_.Open((t % 2 ? a_ : b_).c_str(), O_RDWR);
-      for (int i = 0; i < 50; ++i) failed += env_.WriteAt(fd, "x", 1, t * 50 + i) < 0;
-      env_.Close(fd);
-    });
-  }
-  for (auto& th : threads) th.join();
-  EXPECT_EQ(failed.load(), 10);
-  EXPECT_EQ(env_.Calls(FaultEnv::kWrite, a_) + env_.Calls(FaultEnv::kWrite, b_), 200);
-
-  env_.DelayWrites(a_, 50000);
-  const int fa = env_.Open(a_.c_str(), O_RDWR);
+TEST_P(FaultEnvTest, ScriptResultsAndFile) {
+  const EnvCase& c = GetParam();
+  sbacc_test::TempDir dir;
+  const std::string a = dir.File("a");
+  std::ofstream(a).flush();
+  const int fds = sbacc_test::OpenFdCount();
+  E e;
+  ASSERT_EQ(sbacc::CurrentEnv(), &e);
+  e.SetNow(1234);
+  const int fd = c.raw_fd ? ::open(a.c_str(), O_RDWR | O_CLOEXEC) : e.Open(a.c_str(), O_RDWR);
+  c.arm(e, c.raw_fd ? dir.path() + "/./a" : a);
   const auto t0 = std::chrono::steady_clock::now();
-  EXPECT_EQ(env_.WriteAt(fa, "x", 1, 0), 1);
-  EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(50));
-  env_.Close(fa);
+  auto r = [](long n) { return n < 0 ? -errno : n; };
+  char buf[4];
+  pthread_mutex_t m;
+  auto reopen = [&]() -> long {
+    const int f = e.Open(a.c_str(), O_RDONLY);
+    return f < 0 ? -errno : e.Close(f);
+  };
+  auto mutex = [&]() -> long {
+    const int rc = e.MutexInit(&m);
+    return rc ? rc : pthread_mutex_destroy(&m);
+  };
+  auto quit = +[](void*) -> void* { return pthread_detach(pthread_self()), nullptr; };
+  std::vector<long> got = {r(e.WriteAt(fd, "AB", 2, 0)), r(e.WriteAt(fd, "CD", 2, 2)), r(e.ReadAt(fd, buf, 4, 0))};
+  got.insert(got.end(), {r(e.Fsync(fd)), r(e.Seek(fd, 0)), reopen(), e.StartThread(quit, nullptr), mutex()});
+  got.insert(got.end(), {e.Writes(), e.Calls(E::kWrite, a)});
+  e.SleepMicros(5000000);
+  const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0).count();
+  EXPECT_EQ(got, c.want);
+  EXPECT_GE(ms, c.min_ms);
+  EXPECT_LT(ms, c.min_ms + 1000);
+  EXPECT_EQ(e.Sleeps(), std::vector<unsigned>{5000000u});
+  EXPECT_EQ(e.Now(), 1234);
+  EXPECT_EQ(e.Close(fd), 0);
+  EXPECT_EQ(sbacc_test::OpenFdCount(), fds);
+  std::ifstream in(a, std::ios::binary);
+  EXPECT_EQ(Bytes(std::istreambuf_iterator<char>(in), {}), c.file);
 }
 
-std::atomic<int> g_ran{0};
-void* Detached(void*) {
-  pthread_detach(pthread_self());
-  g_ran.fetch_add(1);
-  return nullptr;
-}
-
-TEST_F(FaultEnvTest, ThreadStartSleepAndClock) {
-  env_.FailThreadStart(1, 1);
-  EXPECT_EQ(env_.StartThread(&Detached, nullptr), 0);
-  EXPECT_EQ(env_.StartThread(&Detached, nullptr), EAGAIN);
-  EXPECT_EQ(env_.StartThread(&Detached, nullptr), 0);
-  while (g_ran.load() < 2) usleep(1000);
-  const auto t0 = std::chrono::steady_clock::now();
-  env_.SleepMicros(5000000);
-  env_.SleepMicros(100000);
-  EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(1)) << "slept for real";
-  EXPECT_EQ(env_.Sleeps(), std::vector<unsigned>({5000000u, 100000u}));
-  env_.SetNow(1234);
-  EXPECT_EQ(env_.Now(), 1234);
-}
+INSTANTIATE_TEST_SUITE_P(Rules, FaultEnvTest, ::testing::ValuesIn(kCases),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
