@@ -21,7 +21,7 @@ if [ ! -x "$build/tests/sbacc_tests" ]; then
   cmake --build "$build" --target sbacc_tests
 fi
 tests=$build/tests/sbacc_tests
-filter='EngineTest.*:*CopiesTest.*:*WriteStepFailure.*:*LatestCopyRule.*:RestoreTest.*:*VerdictTest.*'
+filter='EngineTest.*:*CopiesTest.*:RestoreTest.*:*VerdictTest.*'
 filter+=':DataRepair*:FaultMatrix.NvTransfersFailing:FaultMatrix.AllocationFailingAtEverySite'
 filter+=':Ops/HddFaults.EveryCallOnEveryCopy/write:Ops/HddFaults.EveryCallOnEveryCopy/restore'
 logs=$(mktemp -d)

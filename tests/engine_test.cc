@@ -100,6 +100,40 @@ TEST_P(CopiesTest, GapIsZeroFilledInChunksOnEveryCopy) {
 
 INSTANTIATE_TEST_SUITE_P(Copies, CopiesTest, ::testing::Values(1, 2, 8));
 
+// The data capacity is the area less its header, to the byte; an offset near
+// INT_MAX must not wrap past the check; growing after a shrink zero-fills
+// from the smaller size.  An unknown name touches no file.
+TEST_F(EngineTest, CapacityEdgesAndUnknownName) {
+  Sim& sim = Area(2);
+  void* fp = Open("w");
+  const int cap = static_cast<int>(kSize) - 128;
+  const Bytes d = Pattern(16, 3);
+  EXPECT_EQ(16, sbacc_write(d.data(), 16, cap - 16, fp));
+  EXPECT_EQ(SBACC_E_NOSPACE, sbacc_write(d.data(), 16, cap - 15, fp));
+  EXPECT_EQ(SBACC_E_NOSPACE, sbacc_write(d.data(), 16, 0x7ffffff8, fp));
+  EXPECT_EQ(SBACC_E_NOSPACE, sbacc_write_size(cap + 1, fp));
+  EXPECT_EQ(0, sbacc_write_size(0, fp));
+  EXPECT_EQ(cap, sbacc_write_size(cap, fp));
+  Bytes got(16, 0xEE);
+  EXPECT_EQ(16, sbacc_read(got.data(), 16, cap - 16, fp));
+  EXPECT_EQ(Bytes(16, 0), got);
+  for (int i = 0; i < 2; ++i) {
+    const Bytes all = sim.Data(0, i, static_cast<size_t>(cap));
+    EXPECT_EQ(Bytes(16, 0), Bytes(all.end() - 16, all.end())) << "copy " << i;
+  }
+  ASSERT_EQ(0, sbacc_close(fp));
+
+  const Bytes nv = sim.NvBytes(0, 8192), hdd = sim.HddBytes(0, 0, 1 << 14);
+  FaultEnv env;
+  void* other = reinterpret_cast<void*>(0x1234);
+  boolean_t clean = B_FALSE;
+  EXPECT_EQ(SBACC_E_PARAM, sbacc_open("nosuch", "w", &other, &clean));
+  EXPECT_EQ(reinterpret_cast<void*>(0x1234), other);
+  EXPECT_EQ(0, env.Calls(FaultEnv::kOpen));
+  EXPECT_EQ(nv, sim.NvBytes(0, 8192));
+  EXPECT_EQ(hdd, sim.HddBytes(0, 0, 1 << 14));
+}
+
 // A header whose size is negative sends no transfer into the header: read
 // and write are refused until a resize mends it.
 TEST_F(EngineTest, NegativeSizeIsRefusedUntilAResizeMendsIt) {
