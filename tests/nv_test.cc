@@ -1,14 +1,19 @@
-// NV record primitives: exact NV bytes, retry loop, initialisation order.
+// NV record primitives (exact bytes, the magic written last, the retry loop),
+// the repair lock bytes per controller with master precedence, and the repair
+// set-up.  At most one holder across processes: Master/LockContention.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include <climits>
 #include <functional>
+#include <string>
 #include <vector>
 
 #include "fault_env.h"
 #include "sanfwctl.h"
+#include "sbacc.h"
+#include "sbacc_core.h"
 #include "sbacc_l.h"
 #include "sbacc_ma.h"
 #include "sim.h"
@@ -16,30 +21,27 @@
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-constexpr uint64_t kRec3 = 4480;  // record of the area with index 3
+constexpr uint64_t kRec3 = SBACC_NV_BASE + 3 * 128;  // record of the area with index 3
 
 class NvTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    unsetenv("SBACC_MEMSET_MAXRETRY");
-    unsetenv("SBACC_MEMGET_MAXRETRY");
+    for (const char* v : {"SBACC_MEMSET_MAXRETRY", "SBACC_MEMGET_MAXRETRY", "SBACC_REPAIRLOCK_MAXRETRY"}) unsetenv(v);
     sim_.SetAreas({{"a0", 0x1000, 4096, 1}, {"a1", 0x2000, 4096, 1}, {"a2", 0x3000, 4096, 1}, {"a3", 0x4000, 4096, 2}});
     Alloc();
-    uint8_t b;  // first use makes the stand-in create its full-size image
-    ASSERT_EQ(sbacc_memget_hddrepair(sfd_, &b), 0);
   }
   void TearDown() override { sbacc_ma_free_sfd(sfd_); }
-  void Alloc() {
+  void Alloc() {  // tunables are read when a descriptor is built
     sbacc_ma_free_sfd(sfd_);
     sfd_ = nullptr;
     ASSERT_EQ(sbacc_ma_alloc_sfd("a3", SBACC_OPENMODE_WRITE, &sfd_), 0);
-    ASSERT_EQ(sfd_->sfe.index, 3);
   }
-  // Calls S+1 .. S+N of that kind, counted from now, fail.
-  static void FailNv(int kind, long s, long n) { sanfwctl_set_fault(kind, sanfwctl_call_count(kind) + s, n); }
+  Bytes Lock(int area = 3) const { return sim_.NvBytes(SBACC_NV_BASE + 128 * area + kMemRepairlock, 4); }
+  void SetLock(const Bytes& b, int area = 3) { sim_.PutNvBytes(SBACC_NV_BASE + 128 * area + kMemRepairlock, b.data(), 4); }
+  static long Calls(int kind) { return sanfwctl_call_count(kind); }
 
   sbacc_test::Sim sim_;
-  sbacc_test::FaultEnv env_;
+  sbacc_test::FaultEnv env_;  // records the pauses instead of sleeping
   sbacc_test::TraceCapture trace_;
   SBACC_FILE_DISCRIPTER* sfd_ = nullptr;
 };
@@ -53,27 +55,22 @@ TEST_F(NvTest, InitialisationWritesExactRecordMagicLast) {
   EXPECT_EQ(sim_.NvBytes(kRec3 - 128, 384), want);
   EXPECT_EQ(sbacc_memget_check_entry(sfd_, &e), 0);
 
-  FailNv(SANFWCTL_FAULT_WRITE, 1, -1);  // the body lands, the magic never does
-  EXPECT_EQ(sbacc_l_memini_entry(sfd_, &e), -162);
+  sanfwctl_set_fault(SANFWCTL_FAULT_WRITE, Calls(SANFWCTL_FAULT_WRITE) + 1, -1);  // the body lands, the magic never
+  EXPECT_EQ(sbacc_l_memini_entry(sfd_, &e), SBACC_E_NVWRITE);
   EXPECT_EQ(sim_.NvBytes(kRec3, 8), Bytes({0, 0, 0, 0, 3, 0, 0, 0}));
   EXPECT_TRUE(trace_.Has("[sbacc_l_memini_entry] sbacc_memset_magic error. retcode=-162"));
-  EXPECT_EQ(sbacc_memget_check_entry(sfd_, &e), -104);
+  EXPECT_EQ(sbacc_memget_check_entry(sfd_, &e), SBACC_E_NOTINIT);
   EXPECT_TRUE(trace_.Has("[sbacc_memget_check_entry] NV is not initialized"));
 }
 
 TEST_F(NvTest, AccessorsTouchExactlyTheirBytes) {
-  const struct {
-    std::function<int(SBACC_FILE_DISCRIPTER*)> call;
-    uint64_t pos;
-    Bytes bytes;
-  } cases[] = {
+  const struct { std::function<int(SBACC_FILE_DISCRIPTER*)> call; uint64_t pos; Bytes bytes; } cases[] = {
       {[](auto* s) { return sbacc_memset_magic(s); }, 4480, {'S', 'B', 'N', 'M'}},
       {[](auto* s) { return sbacc_memset_hddblockade(s, 0x80000005u); }, 4524, {5, 0, 0, 0x80}},
       {[](auto* s) { return sbacc_memset_latesthdd(s, 0x0102u); }, 4528, {2, 1, 0, 0}},
       {[](auto* s) { return sbacc_memset_hddrepair(s, 0x81); }, 4532, {0x81}},
       {[](auto* s) { return sbacc_memset_hddrepairlock(s, 0, 1); }, 4536, {1}},
-      {[](auto* s) { return sbacc_memset_hddrepairlock(s, 2, 1); }, 4538, {1}},
-  };
+      {[](auto* s) { return sbacc_memset_hddrepairlock(s, 2, 1); }, 4538, {1}}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.pos);
     Bytes want(130, 0xEE);  // one guard byte on each side of the record
@@ -83,67 +80,132 @@ TEST_F(NvTest, AccessorsTouchExactlyTheirBytes) {
     EXPECT_EQ(sim_.NvBytes(kRec3 - 1, 130), want);
   }
   const Bytes before = sim_.NvBytes(kRec3, 128);
-  for (int cntno : {-1, 4, INT_MAX}) EXPECT_EQ(sbacc_memset_hddrepairlock(sfd_, cntno, 0x11), -102);
+  for (int cntno : {-1, 4, INT_MAX}) EXPECT_EQ(sbacc_memset_hddrepairlock(sfd_, cntno, 0x11), SBACC_E_PARAM);
   EXPECT_EQ(sim_.NvBytes(kRec3, 128), before);
 
-  Bytes rec(128);
+  Bytes rec(128);  // and each getter reads its own bytes
   for (int i = 0; i < 128; ++i) rec[i] = static_cast<uint8_t>(i + 0x80);
   sim_.PutNvBytes(kRec3, rec.data(), rec.size());
   uint32_t mask = 0;
-  uint8_t repair = 0, locks[4] = {}, raw[128];
+  uint8_t repair = 0, raw[128];
+  Bytes locks(4);
   SBACC_MEM_LIST_ENTRY e;
   ASSERT_EQ(sbacc_memget_hddblockade(sfd_, &mask) | sbacc_memget_hddrepair(sfd_, &repair) |
-                sbacc_memget_hddrepairlock_all(sfd_, locks) | sbacc_memget_entry(sfd_, &e),
-            0);
+                sbacc_memget_hddrepairlock_all(sfd_, locks.data()) | sbacc_memget_entry(sfd_, &e), 0);
   EXPECT_EQ(mask, 0xafaeadacu);
   EXPECT_EQ(repair, 0xb4);
-  EXPECT_EQ(Bytes(locks, locks + 4), Bytes({0xb8, 0xb9, 0xba, 0xbb}));
+  EXPECT_EQ(locks, Bytes({0xb8, 0xb9, 0xba, 0xbb}));
   sbacc_l_encode_entry(&e, raw);
   EXPECT_EQ(Bytes(raw, raw + 128), rec);
 }
 
-struct RetryCase {
-  const char* name;
-  bool write;
-  const char* tunable;  // value of the matching variable, nullptr = unset
-  long failures;        // -1 = every call
-  int rc;
-  long attempts;
-};
-void PrintTo(const RetryCase& c, std::ostream* os) { *os << c.name; }
-
-class NvRetryTest : public NvTest, public ::testing::WithParamInterface<RetryCase> {};
-
-TEST_P(NvRetryTest, AttemptsAndSleeps) {
-  const RetryCase& c = GetParam();
-  if (c.tunable != nullptr) setenv(c.write ? "SBACC_MEMSET_MAXRETRY" : "SBACC_MEMGET_MAXRETRY", c.tunable, 1);
-  Alloc();
-  const int kind = c.write ? SANFWCTL_FAULT_WRITE : SANFWCTL_FAULT_READ;
-  FailNv(kind, 0, c.failures);
-  const long before = sanfwctl_call_count(kind);
-  uint8_t v = 0x5a;
-  EXPECT_EQ(c.write ? sbacc_memset_hddrepair(sfd_, v) : sbacc_memget_hddrepair(sfd_, &v), c.rc);
-  EXPECT_EQ(sanfwctl_call_count(kind) - before, c.attempts);
-  const long failed = c.rc == 0 ? c.attempts - 1 : c.attempts;
-  EXPECT_EQ(env_.Sleeps(), std::vector<unsigned>(failed, 100000u));
-  EXPECT_EQ(trace_.CountContaining(c.write ? "[sbacc_l_memset] Ezosanfwctl_write_nv error. ret="
-                                           : "[sbacc_l_memget] Ezosanfwctl_read_nv error. ret="),
-            failed);
-  EXPECT_EQ(trace_.Count(c.write ? "[sbacc_l_memset] memset error." : "[sbacc_l_memget] memget error."), c.rc != 0);
-  EXPECT_EQ(sim_.NvBytes(4532, 1)[0], c.write && c.rc == 0 ? 0x5a : 0);
+// r + 1 attempts (r = 5 unless set), each failed one followed by a 100 ms
+// pause; one that gets through in time succeeds.  Retry counts from the
+// environment with every transfer failing: FaultMatrix.NvTransfersFailing.
+TEST_F(NvTest, RetriesWithTheDefaultCountAndRecovery) {
+  const struct { bool write; long failures; int rc; long attempts; } cases[] = {
+      {false, -1, SBACC_E_NVREAD, 6}, {false, 2, 0, 3}, {true, 2, 0, 3}};
+  for (const auto& c : cases) {
+    const int kind = c.write ? SANFWCTL_FAULT_WRITE : SANFWCTL_FAULT_READ;
+    const long before = Calls(kind);
+    sanfwctl_set_fault(kind, before, c.failures);
+    env_.ResetCounters();
+    uint8_t v = 0x5a;
+    EXPECT_EQ(c.write ? sbacc_memset_hddrepair(sfd_, v) : sbacc_memget_hddrepair(sfd_, &v), c.rc);
+    EXPECT_EQ(Calls(kind) - before, c.attempts);
+    EXPECT_EQ(env_.Sleeps(), std::vector<unsigned>(c.rc == 0 ? c.attempts - 1 : c.attempts, 100000u));
+    EXPECT_EQ(sim_.NvBytes(4532, 1)[0], c.write ? 0x5a : 0);
+    sanfwctl_set_fault(kind, 0, 0);
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(Nv, NvRetryTest,
-                         ::testing::Values(RetryCase{"read_r1_always", false, "1", -1, -161, 2},
-                                           RetryCase{"read_default_always", false, nullptr, -1, -161, 6},
-                                           RetryCase{"read_twice_then_ok", false, nullptr, 2, 0, 3},
-                                           RetryCase{"write_r3_always", true, "3", -1, -162, 4},
-                                           RetryCase{"write_twice_then_ok", true, "2", 2, 0, 3}),
-                         [](const auto& info) { return std::string(info.param.name); });
 
 TEST(BitCount, CountsThe32BitPattern) {
   const int cases[][2] = {{0, 0}, {0x13, 3}, {-1, 32}, {INT_MIN, 1}, {INT_MIN | 0xff, 9}};
   for (const auto& c : cases) EXPECT_EQ(sbacc_l_bitcount(c[0]), c[1]) << c[0];
+}
+
+// Own byte raised; on contention lowered again and, unless this controller
+// is the master (which clears the other's byte and retries at once), a 100 ms
+// pause; a raised byte of controller 2 or 3 cannot be judged; a failed status
+// call is a plain back-off; a number outside 0..3 writes nothing.
+TEST_F(NvTest, RepairLockEnterTakesOrGivesUp) {
+  const struct {
+    const char* name;
+    int own;
+    Bytes before;
+    int master, status_failures, maxretry, rc, sleeps, status_calls;
+    Bytes after;
+  } cases[] = {
+      {"Free", 0, {0, 0, 0, 0}, 1, 0, 3, 0, 0, 0, {1, 0, 0, 0}},
+      {"HeldByOtherNotMaster", 0, {0, 1, 0, 0}, 1, 0, 3, SBACC_E_REPAIR, 3, 3, {0, 1, 0, 0}},
+      {"RetryLimitFromEnv", 0, {0, 1, 0, 0}, 1, 0, 1, SBACC_E_REPAIR, 1, 1, {0, 1, 0, 0}},
+      {"MasterClearsOther", 0, {0, 1, 0, 0}, 0, 0, 3, 0, 0, 1, {1, 0, 0, 0}},
+      {"Master1Clears0", 1, {1, 0, 0, 0}, 1, 0, 3, 0, 0, 1, {0, 1, 0, 0}},
+      {"Controller2Raised", 0, {0, 0, 1, 0}, 0, 0, 3, SBACC_E_UNSUPPORTED, 0, 0, {0, 0, 1, 0}},
+      {"Controller3AfterNonMaster0", 1, {1, 0, 0, 1}, 0, 0, 3, SBACC_E_UNSUPPORTED, 0, 1, {1, 0, 0, 1}},
+      {"StatusFailureIsABackoff", 0, {0, 1, 0, 0}, 0, 1, 3, 0, 1, 2, {1, 0, 0, 0}},
+      {"StatusAlwaysFails", 0, {0, 1, 0, 0}, 0, -1, 3, SBACC_E_REPAIR, 3, 3, {0, 1, 0, 0}},
+      {"ControllerNumber4", 4, {0, 1, 0, 0}, 4, 0, 3, SBACC_E_PARAM, 0, 0, {0, 1, 0, 0}},
+      {"ControllerNumberNegative", -1, {0, 0, 0, 0}, 0, 0, 3, SBACC_E_PARAM, 0, 0, {0, 0, 0, 0}}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    setenv("SBACC_REPAIRLOCK_MAXRETRY", std::to_string(c.maxretry).c_str(), 1);
+    Alloc();
+    setenv("SANFWCTL_MASTER", std::to_string(c.master).c_str(), 1);
+    SetLock(c.before);
+    sbacc_cntno = c.own;
+    const long status = Calls(SANFWCTL_FAULT_STATUS), writes = Calls(SANFWCTL_FAULT_WRITE);
+    sanfwctl_set_fault(SANFWCTL_FAULT_STATUS, status, c.status_failures);
+    env_.ResetCounters();
+    EXPECT_EQ(c.rc, sbacc_ma_enter_repairlock(sfd_));
+    EXPECT_EQ(c.after, Lock());
+    EXPECT_EQ(std::vector<unsigned>(c.sleeps, 100000u), env_.Sleeps());
+    EXPECT_EQ(c.status_calls, Calls(SANFWCTL_FAULT_STATUS) - status);
+    EXPECT_TRUE(c.rc != SBACC_E_PARAM || writes == Calls(SANFWCTL_FAULT_WRITE));
+    sanfwctl_set_fault(SANFWCTL_FAULT_STATUS, 0, 0);
+  }
+}
+
+TEST_F(NvTest, RepairLockLeaveWritesOwnByteOnly) {
+  SetLock({1, 0, 1, 1});
+  EXPECT_EQ(0, sbacc_ma_leave_repairlock(sfd_));
+  EXPECT_EQ(0, sbacc_ma_leave_repairlock(sfd_));  // already 0: written again
+  EXPECT_EQ((Bytes{0, 0, 1, 1}), Lock());
+  const long writes = Calls(SANFWCTL_FAULT_WRITE);
+  sbacc_cntno = 4;
+  EXPECT_EQ(SBACC_E_PARAM, sbacc_ma_leave_repairlock(sfd_));
+  EXPECT_EQ(writes, Calls(SANFWCTL_FAULT_WRITE));
+}
+
+// The set-up clears this controller's byte of every area once; the flag only
+// rises, and once up (by either call) the set-up is refused without a write.
+// A bad number fails at the first area; with no area nothing refuses it.
+TEST_F(NvTest, RepairInitClearsOwnBytesOnceOnly) {
+  SetLock({1, 1, 0, 0}, 0);
+  SetLock({0, 1, 1, 0}, 3);
+  EXPECT_EQ(B_FALSE, sbacc_repair_flag(B_FALSE));
+  EXPECT_EQ(0, sbacc_repair_init(1));
+  EXPECT_EQ((Bytes{1, 0, 0, 0}), Lock(0));
+  EXPECT_EQ((Bytes{0, 0, 1, 0}), Lock(3));
+  EXPECT_EQ(B_TRUE, sbacc_repair_flag(B_FALSE));
+  SetLock({0, 1, 0, 0}, 0);
+  long writes = Calls(SANFWCTL_FAULT_WRITE);
+  EXPECT_EQ(SBACC_E_NOTALLOWED, sbacc_repair_init(1));
+  EXPECT_EQ(SBACC_E_NOTALLOWED, sbacc_repair_init(1));
+  EXPECT_EQ(writes, Calls(SANFWCTL_FAULT_WRITE));
+  EXPECT_EQ(2, trace_.Count("[sbacc_repair_init]   retcode: -101"));
+  sbacc_reset_process_state();
+  EXPECT_EQ(B_TRUE, sbacc_repair_flag(B_TRUE));
+  EXPECT_EQ(SBACC_E_NOTALLOWED, sbacc_repair_init(0));
+  sbacc_reset_process_state();
+  writes = Calls(SANFWCTL_FAULT_WRITE);
+  EXPECT_EQ(SBACC_E_PARAM, sbacc_repair_init(7));
+  EXPECT_EQ(B_FALSE, sbacc_repair_flag(B_FALSE));
+  sbacc_reset_process_state();
+  sim_.SetFilelistText("# no area\n");
+  EXPECT_EQ(0, sbacc_repair_init(7));
+  EXPECT_EQ(B_TRUE, sbacc_repair_flag(B_FALSE));
+  EXPECT_EQ(writes, Calls(SANFWCTL_FAULT_WRITE));
 }
 
 }  // namespace
