@@ -166,20 +166,10 @@ TEST_F(NvTest, RepairLockEnterTakesOrGivesUp) {
   }
 }
 
-TEST_F(NvTest, RepairLockLeaveWritesOwnByteOnly) {
-  SetLock({1, 0, 1, 1});
-  EXPECT_EQ(0, sbacc_ma_leave_repairlock(sfd_));
-  EXPECT_EQ(0, sbacc_ma_leave_repairlock(sfd_));  // already 0: written again
-  EXPECT_EQ((Bytes{0, 0, 1, 1}), Lock());
-  const long writes = Calls(SANFWCTL_FAULT_WRITE);
-  sbacc_cntno = 4;
-  EXPECT_EQ(SBACC_E_PARAM, sbacc_ma_leave_repairlock(sfd_));
-  EXPECT_EQ(writes, Calls(SANFWCTL_FAULT_WRITE));
-}
-
-// The set-up clears this controller's byte of every area once; the flag only
-// rises, and once up (by either call) the set-up is refused without a write.
-// A bad number fails at the first area; with no area nothing refuses it.
+// The set-up leaves the lock (clears this controller's byte, and only that)
+// in every area once; the flag only rises, and once up (by either call) the
+// set-up is refused without a write.  A bad number fails at the first area
+// without a write; with no area nothing refuses it.
 TEST_F(NvTest, RepairInitClearsOwnBytesOnceOnly) {
   SetLock({1, 1, 0, 0}, 0);
   SetLock({0, 1, 1, 0}, 3);

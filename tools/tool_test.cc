@@ -1,5 +1,5 @@
 // The sbacc tool driven as a program on a simulated controller of its own:
-// exit statuses, output, the --json shape, verify and repair, bad input.
+// exit statuses, output, status --json, verify and repair, bad input.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <spawn.h>
@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
-#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -19,7 +18,6 @@ extern char** environ;
 namespace {
 
 using Args = std::vector<std::string>;
-using Keys = std::set<std::string>;
 constexpr int kAreaSize = 1024;  // every area of the simulated controller
 
 struct Result {
@@ -31,12 +29,6 @@ std::string Slurp(const std::string& path) {
   std::ostringstream s;
   s << std::ifstream(path, std::ios::binary).rdbuf();
   return s.str();
-}
-
-Keys KeysOf(const nlohmann::json& j) {
-  Keys k;
-  for (auto it = j.begin(); it != j.end(); ++it) k.insert(it.key());
-  return k;
 }
 
 class ToolTest : public ::testing::Test {
@@ -108,17 +100,10 @@ TEST_F(ToolTest, DataCommandsAndLibraryErrors) {
 TEST_F(ToolTest, StatusFollowsAPulledAndReplacedDisk) {
   ASSERT_EQ(Run({"init"}).status, 0);
   nlohmann::json s = Status("envfw_backup1", 0);
-  EXPECT_EQ(KeysOf(s), (Keys{"areas", "ok"}));
   ASSERT_EQ(s["areas"].size(), 1u);
   const nlohmann::json& a = s["areas"][0];
-  EXPECT_EQ(KeysOf(a), (Keys{"index", "name", "address", "size", "capacity", "verdict", "usable", "nv", "copies"}));
   EXPECT_EQ((std::vector<int>{a["index"], a["address"], a["capacity"]}), (std::vector<int>{1, kAreaSize, kAreaSize - 128}));
-  EXPECT_EQ(KeysOf(a["nv"]), (Keys{"readable", "error", "valid", "hddcount", "hddblockade", "latesthdd", "hddrepair",
-                                   "write_on_repair", "repairlock"}));
   ASSERT_EQ(a["copies"].size(), 2u);
-  EXPECT_EQ(KeysOf(a["copies"][1]), (Keys{"copy", "path", "state", "error", "header"}));
-  EXPECT_EQ(KeysOf(a["copies"][1]["header"]), (Keys{"valid", "filesize", "hddblockade", "openflag", "opencnt", "opentime",
-                                                    "opentime_local", "closetime", "closetime_local", "write"}));
   EXPECT_EQ(a["copies"][1]["state"], "healthy");
 
   ASSERT_EQ(Run({"sim", "pull", dir_, "1"}).status, 0);
