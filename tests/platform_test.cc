@@ -146,12 +146,12 @@ int nv_io(bool write, void* buf, uint64_t off, uint64_t len) {
 // Records straddle a page boundary, so an unlocked reader sees a mix.  Two
 // threads per process: threads share the descriptor and its flock.
 TEST(Sanfwctl, ReadModifyWriteAcrossProcessesAndThreads) {
+  constexpr uint64_t off = 4096 - 64;
   for (uint64_t len : {128, 64 * 1024}) {
     sbacc_test::Sim sim(0);
-    const uint64_t off = 4096 - 64;
     std::vector<unsigned char> first(len);
     ASSERT_EQ(0, nv_io(false, first.data(), off, len));  // the children inherit this descriptor
-    auto rmw = [len, off](int id) {
+    auto rmw = [len](int id) {
       std::vector<unsigned char> buf(len);
       auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(300);
       for (int i = 0; std::chrono::steady_clock::now() < end; ++i) {
