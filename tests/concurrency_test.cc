@@ -26,18 +26,13 @@
 #include "sim.h"
 
 using sbacc_test::FaultEnv;
+using sbacc_test::Pattern;
 using sbacc_test::Sim;
 using Bytes = std::vector<uint8_t>;
 
 namespace {
 
 constexpr uint64_t kSize = 8192;
-
-Bytes Pattern(size_t n, int seed) {
-  Bytes v(n);
-  for (size_t i = 0; i < n; ++i) v[i] = static_cast<uint8_t>(seed * 41 + i * 7 + 5);
-  return v;
-}
 
 int Tasks() {
   int n = 0;

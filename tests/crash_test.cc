@@ -31,6 +31,7 @@
 #include "sim.h"
 
 using sbacc_test::FaultEnv;
+using sbacc_test::Pattern;
 using sbacc_test::Sim;
 using Bytes = std::vector<uint8_t>;
 
@@ -52,11 +53,6 @@ const std::map<std::string, unsigned> kBit = {{"envfw_backup0", 0x1}, {"envfw_ba
                                               {"envfw_verid", 0x10},  {"envfw_verback", 0x20},
                                               {"envfw_reboot", 0x800}};
 
-Bytes Pattern(size_t n, int seed) {
-  Bytes v(n);
-  for (size_t i = 0; i < n; ++i) v[i] = static_cast<uint8_t>(seed * 37 + i * 11 + 3);
-  return v;
-}
 Bytes Text(const char* s) { return Bytes(s, s + strlen(s)); }
 Bytes Int(int32_t v) {
   Bytes b(4);

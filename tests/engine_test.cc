@@ -15,18 +15,13 @@
 #include "sim.h"
 
 using sbacc_test::FaultEnv;
+using sbacc_test::Pattern;
 using sbacc_test::Sim;
 using Bytes = std::vector<uint8_t>;
 
 namespace {
 
 constexpr uint64_t kAddr = 0x1000, kSize = 8192;
-
-Bytes Pattern(size_t n, uint8_t seed) {
-  Bytes v(n);
-  for (size_t i = 0; i < n; ++i) v[i] = static_cast<uint8_t>(seed + i * 7);
-  return v;
-}
 
 void* Open(const char* mode, boolean_t* clean = nullptr) {
   void* fp = nullptr;

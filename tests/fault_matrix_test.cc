@@ -28,6 +28,7 @@
 #include "sim.h"
 
 using sbacc_test::FaultEnv;
+using sbacc_test::Pattern;
 using sbacc_test::Sim;
 
 namespace {
@@ -55,12 +56,6 @@ struct Window {
   long start, count;
 };
 constexpr Window kWindows[] = {{"first", 0, 1}, {"every", 0, -1}, {"after_first", 1, -1}};
-
-std::vector<uint8_t> Pattern(size_t n, int seed) {
-  std::vector<uint8_t> v(n);
-  for (size_t i = 0; i < n; ++i) v[i] = static_cast<uint8_t>(seed * 29 + i * 13 + 1);
-  return v;
-}
 
 // What a successful operation leaves in the area.
 std::vector<uint8_t> Expected(Op op, const std::vector<uint8_t>& base) {

@@ -34,11 +34,7 @@ SBACC_HDD_HEADER Hdr(const std::string& name, uint32_t word, int64_t closetime, 
   return h;
 }
 
-std::vector<uint8_t> Pattern(int seed) {
-  std::vector<uint8_t> v(kFill);
-  for (int k = 0; k < kFill; ++k) v[k] = static_cast<uint8_t>(seed * 31 + k * 7);
-  return v;
-}
+std::vector<uint8_t> Pattern(int seed) { return sbacc_test::Pattern(kFill, seed); }
 
 // The NV image at full size up front: NV reads past a short image fail.
 void FullNv(Sim& sim) {

@@ -12,6 +12,14 @@
 
 namespace sbacc_test {
 
+// Test data that differs for every seed (mod 256) and never repeats within
+// 256 bytes, so a misplaced or stale byte shows.
+inline std::vector<uint8_t> Pattern(size_t n, int seed) {
+  std::vector<uint8_t> v(n);
+  for (size_t i = 0; i < n; ++i) v[i] = static_cast<uint8_t>(seed * 37 + i * 11 + 3);
+  return v;
+}
+
 // A temporary directory removed with everything in it.
 class TempDir {
  public:
