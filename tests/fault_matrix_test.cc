@@ -8,13 +8,12 @@
 // otherwise returns the code that operation gives when no copy is left.
 // Each case starts from a snapshot of the same HDD and NV images.
 #include <stdlib.h>
-#include <string.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <functional>
-#include <optional>
+#include <bit>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -33,22 +32,32 @@ using sbacc_test::Sim;
 
 namespace {
 
-constexpr uint64_t kAddr = 0x800;
-constexpr uint64_t kSize = 4096;
-constexpr uint64_t kHddBytes = 16 * 1024;
-constexpr uint64_t kNvBytes = 8 * 1024;
+constexpr uint64_t kAddr = 0x800, kSize = 4096, kHddBytes = 16 * 1024, kNvBytes = 8 * 1024;
 constexpr time_t kNow = 1700000000;
 constexpr int kBaseLen = 300;
 
 enum Op { kOpenW, kOpenR, kRead, kWrite, kWriteGap, kResize, kClose, kRestore, kNvInit, kRepairCopy, kOpCount };
-const char* const kOpName[] = {"open_w", "open_r", "read", "write", "write_gap",
-                               "resize", "close",  "restore", "nv_init", "repair_copy"};
+struct OpInfo {
+  const char* name;
+  int ok;        // result on success
+  bool handle;   // runs on an area the case opened for writing
+  bool startup;  // the start-up restore, which records its own verdict
+};
+constexpr OpInfo kOps[] = {{"open_w", 0, false, false},  {"open_r", 0, false, false},    {"read", 100, true, false},
+                           {"write", 64, true, false},   {"write_gap", 40, true, false}, {"resize", 1500, true, false},
+                           {"close", 0, true, false},    {"restore", 0, false, true},    {"nv_init", 0, false, true},
+                           {"repair_copy", 0, false, true}};
 
-// The system calls a copy sees, plus short transfers.
-enum Sys { kSysOpen, kSysSeek, kSysRead, kSysWrite, kSysFsync, kSysShortRead, kSysShortWrite, kSysCount };
-const char* const kSysName[] = {"open", "seek", "read", "write", "fsync", "short_read", "short_write"};
-
-bool Writes(Sys s) { return s == kSysWrite || s == kSysFsync || s == kSysShortWrite; }
+// The system calls a copy sees, plus short transfers (one byte short).
+struct SysInfo {
+  const char* name;
+  FaultEnv::Op op;
+  bool writes, cut;
+};
+constexpr SysInfo kSys[] = {{"open", FaultEnv::kOpen, false, false},   {"seek", FaultEnv::kSeek, false, false},
+                            {"read", FaultEnv::kRead, false, false},   {"write", FaultEnv::kWrite, true, false},
+                            {"fsync", FaultEnv::kFsync, true, false},  {"short_read", FaultEnv::kRead, false, true},
+                            {"short_write", FaultEnv::kWrite, true, true}};
 
 // Windows of calls that fail, counted per copy from the start of the operation.
 struct Window {
@@ -57,76 +66,39 @@ struct Window {
 };
 constexpr Window kWindows[] = {{"first", 0, 1}, {"every", 0, -1}, {"after_first", 1, -1}};
 
+// The area's data at the start, what kWrite puts at 100 and kWriteGap at 2000.
+const std::vector<uint8_t> kBase = Pattern(kBaseLen, 1), kPut = Pattern(64, 7), kGapPut = Pattern(40, 8);
+
 // What a successful operation leaves in the area.
-std::vector<uint8_t> Expected(Op op, const std::vector<uint8_t>& base) {
-  std::vector<uint8_t> d = base;
-  if (op == kWrite) {
-    const auto b = Pattern(64, 7);
-    std::copy(b.begin(), b.end(), d.begin() + 100);
-  } else if (op == kWriteGap) {
-    d.resize(2000, 0);  // 1700 zero bytes: a full and a partial gap chunk
-    const auto b = Pattern(40, 8);
-    d.insert(d.end(), b.begin(), b.end());
-  } else if (op == kResize) {
-    d.resize(1500, 0);
-  }
+std::vector<uint8_t> Expected(Op op) {
+  std::vector<uint8_t> d = kBase;
+  if (op == kWrite) std::copy(kPut.begin(), kPut.end(), d.begin() + 100);
+  if (op == kWriteGap || op == kResize) d.resize(op == kResize ? 1500 : 2000, 0);  // gap: a full and a partial chunk
+  if (op == kWriteGap) d.insert(d.end(), kGapPut.begin(), kGapPut.end());
   return d;
 }
 
-int SuccessCode(Op op) {
-  switch (op) {
-    case kRead: return 100;
-    case kWrite: return 64;
-    case kWriteGap: return 40;
-    case kResize: return 1500;
-    default: return 0;
-  }
-}
-
 // The result when every copy the operation needs has failed.
-int AllFailCode(Op op, Sys s, const Window& w) {
-  switch (op) {
-    case kOpenW:
-      // Header reads fail the open itself; writes fail the open record.  The
-      // first seek on a copy is its header read, the later ones its writes.
-      return (Writes(s) || (s == kSysSeek && w.start > 0)) ? SBACC_E_NOCOPY : SBACC_E_ALLBLOCKADE;
-    case kNvInit:  // its opens come after the restore has used the first calls
-      return Writes(s) ? SBACC_E_NOCOPY : SBACC_E_ALLBLOCKADE;
-    case kOpenR: return SBACC_E_ALLBLOCKADE;
-    case kClose:       // the close never fails
-    case kRestore:     // an area without a usable copy is no failure of the restore
-    case kRepairCopy: return 0;
-    default: return SBACC_E_NOCOPY;
+int AllFailCode(Op op, const SysInfo& s, const Window& w) {
+  // Header reads fail an open itself; writes fail the open record.  The first
+  // seek on a copy is its header read, the later ones its writes (nv_init's
+  // opens come after the restore has used the first calls).
+  const bool writes = s.writes || (op == kOpenW && s.op == FaultEnv::kSeek && w.start > 0);
+  if (op == kOpenW || op == kNvInit) return writes ? SBACC_E_NOCOPY : SBACC_E_ALLBLOCKADE;
+  if (op == kOpenR) return SBACC_E_ALLBLOCKADE;
+  // The close never fails; an area without a usable copy is no failure of the restore.
+  return op == kClose || kOps[op].startup ? 0 : SBACC_E_NOCOPY;
+}
+
+// A starting state, or what a run left: the NV image, then every HDD image.
+using Snapshot = std::vector<uint8_t>;
+Snapshot Images(const Sim& sim) {
+  Snapshot all = sim.NvBytes(0, kNvBytes);
+  for (int i = 0; i < sim.Areas()[0].copies; ++i) {
+    const auto h = sim.HddBytes(i, 0, kHddBytes);
+    all.insert(all.end(), h.begin(), h.end());
   }
-}
-
-bool NeedsHandle(Op op) { return op == kRead || op == kWrite || op == kWriteGap || op == kResize || op == kClose; }
-
-// HDD and NV images of one starting state.
-struct Snapshot {
-  std::vector<std::vector<uint8_t>> hdd;
-  std::vector<uint8_t> nv;
-};
-
-Snapshot Take(const Sim& sim, int copies) {
-  Snapshot s;
-  for (int i = 0; i < copies; ++i) s.hdd.push_back(sim.HddBytes(i, 0, kHddBytes));
-  s.nv = sim.NvBytes(0, kNvBytes);
-  return s;
-}
-
-void Put(Sim& sim, const Snapshot& s) {
-  for (size_t i = 0; i < s.hdd.size(); ++i) sim.PutHddBytes(static_cast<int>(i), 0, s.hdd[i].data(), kHddBytes);
-  sim.PutNvBytes(0, s.nv.data(), s.nv.size());
-}
-
-// Opens the NV image now, so its descriptor is there before a case counts
-// descriptors.
-void TouchNv() {
-  uint8_t b = 0;
-  cpfw_nv_region_t region = 2;
-  cpfw_ioctl_nv_access req{reinterpret_cast<uintptr_t>(&b), 0, 1};
-  Ezosanfwctl_read_nv(-1, &region, &req, 1);
+  return all;
 }
 
 void* OpenOrFail(const char* mode) {
@@ -137,41 +109,9 @@ void* OpenOrFail(const char* mode) {
   return rc == 0 ? fp : nullptr;
 }
 
-// Runs op on an area opened by the caller when the op needs a handle; the
-// handle is consumed by kClose.
-int RunOp(Op op, void*& fp) {
-  static const auto b64 = Pattern(64, 7), b40 = Pattern(40, 8);
-  switch (op) {
-    case kOpenW:
-    case kOpenR: {
-      void* h = nullptr;
-      boolean_t clean = B_FALSE;
-      const int rc = sbacc_open("area", op == kOpenW ? "w" : "r", &h, &clean);
-      if (rc == 0) fp = h;
-      return rc;
-    }
-    case kRead: {
-      std::vector<uint8_t> got(100);
-      const int rc = sbacc_read(got.data(), 100, 50, fp);
-      const auto base = Pattern(kBaseLen, 1);
-      if (rc == 100) {
-        EXPECT_EQ(std::vector<uint8_t>(base.begin() + 50, base.begin() + 150), got);
-      }
-      return rc;
-    }
-    case kWrite: return sbacc_write(b64.data(), 64, 100, fp);
-    case kWriteGap: return sbacc_write(b40.data(), 40, 2000, fp);
-    case kResize: return sbacc_write_size(1500, fp);
-    case kClose: {
-      const int rc = sbacc_close(fp);
-      fp = nullptr;
-      return rc;
-    }
-    case kRestore:
-    case kRepairCopy: return sbacc_hdd_restore(0);
-    case kNvInit: return sbacc_nv_init(0);
-    default: return -1;
-  }
+void SetRetries(int r) {
+  setenv("SBACC_MEMSET_MAXRETRY", std::to_string(r).c_str(), 1);
+  setenv("SBACC_MEMGET_MAXRETRY", std::to_string(r).c_str(), 1);
 }
 
 // Common environment of every test here: fast NV retries, a small NV image,
@@ -180,8 +120,7 @@ class FaultMatrix : public ::testing::Test {
  protected:
   void SetUp() override {
     if (getenv("TMPDIR") == nullptr && access("/dev/shm", W_OK) == 0) setenv("TMPDIR", "/dev/shm", 1);
-    setenv("SBACC_MEMSET_MAXRETRY", "1", 1);
-    setenv("SBACC_MEMGET_MAXRETRY", "1", 1);
+    SetRetries(1);
     setenv("SBACC_REPAIRLOCK_MAXRETRY", "1", 1);
     setenv("SANFWCTL_NV_SIZE", std::to_string(kNvBytes).c_str(), 1);
     setenv("SANFWCTL_MASTER", "0", 1);
@@ -196,37 +135,32 @@ class FaultMatrix : public ::testing::Test {
     FaultEnv env;
     env.SetNow(kNow - 100);
     void* fp = OpenOrFail("w");
-    const auto base = Pattern(kBaseLen, 1);
-    EXPECT_EQ(kBaseLen, sbacc_write(base.data(), kBaseLen, 0, fp));
+    EXPECT_EQ(kBaseLen, sbacc_write(kBase.data(), kBaseLen, 0, fp));
     if (op == kRepairCopy && copies > 1) {
       env.FailOp(FaultEnv::kWrite, sim.HddPath(copies - 1), 0, -1, EIO);
-      const auto fresh = Pattern(kBaseLen, 2);
-      EXPECT_EQ(kBaseLen, sbacc_write(fresh.data(), kBaseLen, 0, fp));
+      EXPECT_EQ(kBaseLen, sbacc_write(Pattern(kBaseLen, 2).data(), kBaseLen, 0, fp));
       env.ClearRules();
     }
     EXPECT_EQ(0, sbacc_close(fp));
-    return Take(sim, copies);
+    return Images(sim);
   }
 };
 
-uint32_t Mask(int copies) { return (1u << copies) - 1u; }
-
-// The verify comparison over every usable copy against the first one: data up
-// to the larger filesize, and the header (strict: every byte; otherwise the
-// fields that describe the data, leaving out the open and close stamps).
-void ExpectCopiesAgree(const Sim& sim, uint32_t usable, int copies, bool strict) {
+// Every copy outside the NV mask carries that mask and agrees with the first
+// one: data up to the larger filesize, and the header (strict: every byte;
+// otherwise the fields that describe the data, not the open/close stamps).
+void ExpectCopiesAgree(const Sim& sim, uint32_t mask, int copies, bool strict) {
   auto header = [&](int i) {
     std::vector<uint8_t> h = sim.HddBytes(i, kAddr, 128);
     if (!strict) std::fill(h.begin() + kHdrOpenflag, h.begin() + kHdrWriteflag, 0);
     return h;
   };
-  int ref = -1;
-  for (int i = 0; i < copies; ++i) {
+  const uint32_t usable = ((1u << copies) - 1u) & ~mask;
+  const int ref = std::countr_zero(usable);
+  for (int i = ref; i < copies; ++i) {
     if ((usable >> i & 1u) == 0) continue;
-    if (ref < 0) {
-      ref = i;
-      continue;
-    }
+    EXPECT_EQ(mask, sim.Header(0, i).hddblockade) << "header of copy " << i;
+    if (i == ref) continue;
     EXPECT_EQ(header(ref), header(i)) << "header of copy " << i << " against copy " << ref;
     const size_t n = static_cast<size_t>(std::max(sim.Header(0, ref).filesize, sim.Header(0, i).filesize));
     EXPECT_EQ(sim.Data(0, ref, n), sim.Data(0, i, n)) << "data of copy " << i << " against copy " << ref;
@@ -240,23 +174,44 @@ class Stage {
  public:
   Stage(const Snapshot& snap, Op op, int copies) : op_(op), sim_(copies, kHddBytes) {
     sim_.SetAreas({{"area", kAddr, kSize, copies}});
-    Put(sim_, snap);
-    TouchNv();
+    sim_.PutNvBytes(0, snap.data(), kNvBytes);
+    for (int i = 0; i < copies; ++i) sim_.PutHddBytes(i, 0, snap.data() + kNvBytes + i * kHddBytes, kHddBytes);
+    // Opens the NV image now, so its descriptor is there before the count.
+    uint8_t b = 0;
+    cpfw_nv_region_t region = 2;
+    cpfw_ioctl_nv_access req{reinterpret_cast<uintptr_t>(&b), 0, 1};
+    Ezosanfwctl_read_nv(-1, &region, &req, 1);
     fds_ = sbacc_test::OpenFdCount();
     blocks_ = sbacc::AllocLiveBlocks();
     bytes_ = sbacc::AllocTrackedTotal();
-    if (NeedsHandle(op)) fp_ = OpenOrFail("w");
+    if (kOps[op].handle) fp_ = OpenOrFail("w");
   }
-  bool Ready() const { return !NeedsHandle(op_) || fp_ != nullptr; }
-  int Run() { return RunOp(op_, fp_); }
-  // Closes what the operation left open.
-  void Close() {
-    if (fp_ != nullptr) {
-      EXPECT_EQ(0, sbacc_close(fp_));
+  bool Ready() const { return !kOps[op_].handle || fp_ != nullptr; }
+  // Runs the operation; kClose consumes the handle, an open leaves one.
+  int Run() {
+    void* h = nullptr;
+    boolean_t clean = B_FALSE;
+    std::vector<uint8_t> got(100);
+    int rc;
+    switch (op_) {
+      case kOpenW:
+      case kOpenR:
+        if ((rc = sbacc_open("area", op_ == kOpenW ? "w" : "r", &h, &clean)) == 0) fp_ = h;
+        return rc;
+      case kRead:
+        if ((rc = sbacc_read(got.data(), 100, 50, fp_)) == 100) {
+          EXPECT_EQ(std::vector<uint8_t>(kBase.begin() + 50, kBase.begin() + 150), got);
+        }
+        return rc;
+      case kWrite: return sbacc_write(kPut.data(), 64, 100, fp_);
+      case kWriteGap: return sbacc_write(kGapPut.data(), 40, 2000, fp_);
+      case kResize: return sbacc_write_size(1500, fp_);
+      case kClose: return sbacc_close(std::exchange(fp_, nullptr));
+      case kNvInit: return sbacc_nv_init(0);
+      default: return sbacc_hdd_restore(0);  // kRestore, kRepairCopy
     }
-    fp_ = nullptr;
   }
-  // Closes, drops the process state and checks nothing leaked.
+  void Close() { EXPECT_EQ(0, fp_ == nullptr ? 0 : sbacc_close(std::exchange(fp_, nullptr))); }
   void Finish() {
     Close();
     sbacc_reset_process_state();
@@ -264,90 +219,52 @@ class Stage {
     EXPECT_EQ(blocks_, sbacc::AllocLiveBlocks()) << "block leaked";
     EXPECT_EQ(bytes_, sbacc::AllocTrackedTotal()) << "tracked bytes leaked";
   }
-  // Every HDD image and the NV image, for comparing two runs.
-  std::vector<uint8_t> Images() const {
-    std::vector<uint8_t> all = sim_.NvBytes(0, kNvBytes);
-    for (int i = 0; i < sim_.Areas()[0].copies; ++i) {
-      const auto h = sim_.HddBytes(i, 0, kHddBytes);
-      all.insert(all.end(), h.begin(), h.end());
-    }
-    return all;
-  }
   Sim& sim() { return sim_; }
 
  private:
   Op op_;
   Sim sim_;
   void* fp_ = nullptr;
-  int fds_ = 0;
+  int fds_ = 0, bytes_ = 0;
   long blocks_ = 0;
-  int bytes_ = 0;
 };
 
-struct Case {
-  Op op;
-  int copies;
-  Sys sys;
-  Window win;
-  int victim;  // copy index, or -1 for every copy
-  std::string Name() const {
-    return std::string(kOpName[op]) + "/" + std::to_string(copies) + " copies/" + kSysName[sys] + "/" + win.name +
-           "/" + (victim < 0 ? std::string("all") : "copy " + std::to_string(victim));
-  }
-};
+class HddFaults : public FaultMatrix, public ::testing::WithParamInterface<int> {};
 
-class HddFaults : public FaultMatrix, public ::testing::WithParamInterface<int> {
- protected:
-  // Returns false when the case failed.
-  bool RunCase(const Snapshot& snap, const Case& c) {
-    const int parts = ::testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count();
-    Check(snap, c);
-    return ::testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count() == parts;
-  }
-
-  void Check(const Snapshot& snap, const Case& c) {
-    SCOPED_TRACE(c.Name());
-    Stage st(snap, c.op, c.copies);
+TEST_P(HddFaults, EveryCallOnEveryCopy) {
+  const Op op = static_cast<Op>(GetParam());
+  long cases = 0;
+  // `victims`: the copies whose calls of s in window w fail.
+  auto check = [&](const Snapshot& snap, int copies, const SysInfo& s, const Window& w, uint32_t victims) {
+    Stage st(snap, op, copies);
     if (!st.Ready()) return;
     Sim& sim = st.sim();
-    const uint32_t all = Mask(c.copies);
+    const uint32_t all = (1u << copies) - 1u;
     int rc;
     uint32_t touched = 0;
     {
       FaultEnv env;
       env.SetNow(kNow);
-      static const FaultEnv::Op kEnvOp[] = {FaultEnv::kOpen,  FaultEnv::kSeek, FaultEnv::kRead, FaultEnv::kWrite,
-                                            FaultEnv::kFsync, FaultEnv::kRead, FaultEnv::kWrite};
-      const FaultEnv::Op eop = kEnvOp[c.sys];
-      for (int i = 0; i < c.copies; ++i) {
-        if (c.victim >= 0 && c.victim != i) continue;
-        if (c.sys == kSysShortRead || c.sys == kSysShortWrite) {
-          env.ShortOp(eop, sim.HddPath(i), c.win.start, c.win.count, 1);
-        } else {
-          env.FailOp(eop, sim.HddPath(i), c.win.start, c.win.count, EIO);
-        }
+      for (int i = 0; i < copies; ++i) {
+        if ((victims >> i & 1u) != 0 && s.cut) env.ShortOp(s.op, sim.HddPath(i), w.start, w.count, 1);
+        if ((victims >> i & 1u) != 0 && !s.cut) env.FailOp(s.op, sim.HddPath(i), w.start, w.count, EIO);
       }
       rc = st.Run();
-      for (int i = 0; i < c.copies; ++i) {
-        if (c.victim >= 0 && c.victim != i) continue;
-        if (env.Calls(eop, sim.HddPath(i)) > c.win.start) touched |= 1u << i;
+      for (int i = 0; i < copies; ++i) {
+        if ((victims >> i & 1u) != 0 && env.Calls(s.op, sim.HddPath(i)) > w.start) touched |= 1u << i;
       }
     }
     st.Close();
-    ++cases_;
-
+    ++cases;
     const SBACC_MEM_LIST_ENTRY nv = sim.NvEntry(0);
-    const uint32_t victims = c.victim < 0 ? all : 1u << c.victim;
-    const bool startup = c.op == kRestore || c.op == kNvInit || c.op == kRepairCopy;
-    const uint32_t stale = (c.op == kRepairCopy && c.copies > 1) ? 1u << (c.copies - 1) : 0;
+    const uint32_t stale = (op == kRepairCopy && copies > 1) ? 1u << (copies - 1) : 0;
     const uint32_t usable = all & ~nv.hddblockade;
-
-    if (!startup) {
+    if (!kOps[op].startup) {
       // A copy that saw a failing call is fenced, no other one; a read-only
       // open records nothing, yet fails when no copy could be read.
-      const uint32_t fenced = c.op == kOpenR ? 0 : touched;
+      const uint32_t fenced = op == kOpenR ? 0 : touched;
       EXPECT_EQ(fenced, nv.hddblockade) << "touched 0x" << std::hex << touched;
-      EXPECT_EQ(touched == all ? AllFailCode(c.op, c.sys, c.win) : SuccessCode(c.op), rc);
+      EXPECT_EQ(touched == all ? AllFailCode(op, s, w) : kOps[op].ok, rc);
       // latesthdd names the copies still in use when the last ones failed;
       // which of them failed last depends on the order of the calls.
       if (fenced == all) {
@@ -362,59 +279,48 @@ class HddFaults : public FaultMatrix, public ::testing::WithParamInterface<int> 
       // failing writes or cannot be opened ends fenced, a copy that saw no
       // failure is never fenced (the stale one aside), nothing is left under
       // repair.
-      if ((Writes(c.sys) || c.sys == kSysOpen) && c.win.count < 0) {
+      if ((s.writes || s.op == FaultEnv::kOpen) && w.count < 0) {
         EXPECT_EQ(touched, nv.hddblockade & touched) << "touched 0x" << std::hex << touched;
       }
       EXPECT_EQ(0u, nv.hddblockade & ~victims & ~stale) << "fenced without a fault";
       EXPECT_EQ(0, nv.hddrepair);
-      const int code = c.op == kNvInit ? AllFailCode(c.op, c.sys, c.win) : 0;
-      EXPECT_EQ(usable == 0 ? code : 0, rc);
+      EXPECT_EQ(usable == 0 && op == kNvInit ? AllFailCode(op, s, w) : 0, rc);
     }
-    for (int i = 0; i < c.copies; ++i) {
-      if ((usable >> i & 1u) == 0) continue;
-      EXPECT_EQ(nv.hddblockade, sim.Header(0, i).hddblockade) << "header of copy " << i;
-    }
-    ExpectCopiesAgree(sim, usable, c.copies, !startup);
-    if (usable != 0 && (rc >= 0 || c.op == kOpenR)) {
-      int first = 0;
-      while ((usable >> first & 1u) == 0) ++first;
-      std::vector<uint8_t> want = Expected(c.op, Pattern(kBaseLen, 1));
-      if (stale != 0) {
-        // Every fresh copy fenced: the start-up trusts the headers it can
-        // read and serves the stale copy; NV's record of which copies were
-        // current is not consulted.  A limit of the design.
-        want = usable == stale ? Pattern(kBaseLen, 1) : Pattern(kBaseLen, 2);
-      }
+    ExpectCopiesAgree(sim, nv.hddblockade, copies, !kOps[op].startup);
+    if (usable != 0 && (rc >= 0 || op == kOpenR)) {
+      const int first = std::countr_zero(usable);
+      // With every fresh copy fenced the start-up trusts the headers it can
+      // read and serves the stale copy; NV's record of which copies were
+      // current is not consulted.  A limit of the design.
+      const std::vector<uint8_t> want = stale == 0 ? Expected(op) : Pattern(kBaseLen, usable == stale ? 1 : 2);
       EXPECT_EQ(static_cast<int>(want.size()), sim.Header(0, first).filesize);
       EXPECT_EQ(want, sim.Data(0, first, want.size()));
     }
     st.Finish();
-  }
-  long cases_ = 0;
-  int failed_ = 0;
-};
-
-TEST_P(HddFaults, EveryCallOnEveryCopy) {
-  const Op op = static_cast<Op>(GetParam());
+  };
+  auto parts = [] { return ::testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count(); };
+  int failed = 0;
   for (int copies : {1, 2, 8}) {
     const Snapshot snap = Baseline(op, copies);
-    std::vector<int> victims;
-    for (int i = 0; copies > 1 && i < copies; ++i) victims.push_back(i);
-    victims.push_back(-1);
-    for (int sys = 0; sys < kSysCount; ++sys) {
+    for (const SysInfo& s : kSys) {
       for (const Window& w : kWindows) {
-        for (int victim : victims) {
-          if (!RunCase(snap, Case{op, copies, static_cast<Sys>(sys), w, victim}) && ++failed_ >= 12) return;
+        // Each copy alone (when there are several), then every copy.
+        for (int victim = copies > 1 ? 0 : copies; victim <= copies; ++victim) {
+          SCOPED_TRACE(std::string(kOps[op].name) + "/" + std::to_string(copies) + " copies/" + s.name + "/" + w.name +
+                       "/" + (victim == copies ? std::string("all") : "copy " + std::to_string(victim)));
+          const int before = parts();
+          check(snap, copies, s, w, victim == copies ? (1u << copies) - 1u : 1u << victim);
+          if (parts() != before && ++failed >= 12) return;
         }
       }
     }
   }
-  RecordProperty("cases", static_cast<int>(cases_));
-  printf("%s: %ld fault cases\n", kOpName[op], cases_);
+  RecordProperty("cases", static_cast<int>(cases));
+  printf("%s: %ld fault cases\n", kOps[op].name, cases);
 }
 
 INSTANTIATE_TEST_SUITE_P(Ops, HddFaults, ::testing::Range(0, static_cast<int>(kOpCount)),
-                         [](const ::testing::TestParamInfo<int>& p) { return std::string(kOpName[p.param]); });
+                         [](const ::testing::TestParamInfo<int>& p) { return std::string(kOps[p.param].name); });
 
 // Every NV read, or every NV write, fails from the start of the operation:
 // the first transfer that fails gives up after exactly r + 1 attempts, each
@@ -425,14 +331,13 @@ INSTANTIATE_TEST_SUITE_P(Ops, HddFaults, ::testing::Range(0, static_cast<int>(kO
 TEST_F(FaultMatrix, NvTransfersFailing) {
   long cases = 0;
   for (int retries : {1, 2}) {
-    setenv("SBACC_MEMSET_MAXRETRY", std::to_string(retries).c_str(), 1);
-    setenv("SBACC_MEMGET_MAXRETRY", std::to_string(retries).c_str(), 1);
+    SetRetries(retries);
     for (int o = 0; o < kOpCount; ++o) {
       const Op op = static_cast<Op>(o);
       const Snapshot snap = Baseline(op, 2);
       for (int kind : {SANFWCTL_FAULT_READ, SANFWCTL_FAULT_WRITE}) {
         for (bool hdd_fault : {false, true}) {
-          SCOPED_TRACE(std::string(kOpName[op]) + (kind == SANFWCTL_FAULT_READ ? "/NV reads" : "/NV writes") +
+          SCOPED_TRACE(std::string(kOps[op].name) + (kind == SANFWCTL_FAULT_READ ? "/NV reads" : "/NV writes") +
                        (hdd_fault ? " + HDD writes of copy 0" : "") + "/retries " + std::to_string(retries));
           Stage st(snap, op, 2);
           int rc;
@@ -449,17 +354,14 @@ TEST_F(FaultMatrix, NvTransfersFailing) {
             sleeps = env.SleepCount();
             for (unsigned us : env.Sleeps()) EXPECT_EQ(100000u, us);
           }
-          const int code = kind == SANFWCTL_FAULT_READ ? SBACC_E_NVREAD : SBACC_E_NVWRITE;
           EXPECT_EQ(0, calls % (retries + 1)) << calls << " calls";
           EXPECT_EQ(calls, sleeps);
-          if (op == kClose) {
-            EXPECT_EQ(0, rc);
-          } else if (calls == 0) {
-            EXPECT_EQ(SuccessCode(op), rc);
+          if (op == kClose || calls == 0) {
+            EXPECT_EQ(kOps[op].ok, rc);
           } else {
-            EXPECT_EQ(code, rc);
+            EXPECT_EQ(kind == SANFWCTL_FAULT_READ ? SBACC_E_NVREAD : SBACC_E_NVWRITE, rc);
             // The start-up goes on to close its areas after the failure.
-            if (op != kRestore && op != kNvInit && op != kRepairCopy) {
+            if (!kOps[op].startup) {
               EXPECT_EQ(retries + 1, calls);
             }
           }
@@ -478,49 +380,39 @@ TEST_F(FaultMatrix, NvTransfersFailing) {
 // operation runs copy by copy (area by area) in the calling thread and leaves
 // exactly the bytes the threaded run leaves.
 TEST_F(FaultMatrix, ThreadsAndLocksFailing) {
+  static const char* const kFault[] = {"none", "thread start", "mutex init", "cond init"};
   long cases = 0;
   for (int o = 0; o < kOpCount; ++o) {
     const Op op = static_cast<Op>(o);
     for (int copies : {2, 8}) {
       const Snapshot snap = Baseline(op, copies);
-      std::vector<uint8_t> reference;
+      Snapshot reference;
       int reference_rc = 0;
       for (int fault = 0; fault < 4; ++fault) {
-        static const char* const kFault[] = {"none", "thread start", "mutex init", "cond init"};
-        SCOPED_TRACE(std::string(kOpName[op]) + "/" + std::to_string(copies) + " copies/" + kFault[fault]);
-        std::optional<Stage> staged;
-        {
-          FaultEnv clock;  // setting up opens the area, which stamps the time
-          clock.SetNow(kNow);
-          staged.emplace(snap, op, copies);
-        }
-        Stage& st = *staged;
-        int rc;
-        long starts;
-        {
-          FaultEnv env;
-          env.SetNow(kNow);
-          if (fault == 1) env.FailThreadStart(0, -1);
-          if (fault == 2) env.FailMutexInit(0, -1);
-          if (fault == 3) env.FailCondInit(0, -1);
-          rc = st.Run();
-          starts = env.ThreadStarts();
-        }
-        {
-          FaultEnv clock;  // the close stamps the time too: keep it fixed
-          clock.SetNow(kNow);
-          st.Finish();
-        }
+        SCOPED_TRACE(std::string(kOps[op].name) + "/" + std::to_string(copies) + " copies/" + kFault[fault]);
+        FaultEnv env;  // the set-up open and the close stamp the time too: keep it fixed
+        env.SetNow(kNow);
+        Stage st(snap, op, copies);
+        auto arm = [&](int f) {  // f = 0 disarms all three
+          env.FailThreadStart(0, f == 1 ? -1 : 0);
+          env.FailMutexInit(0, f == 2 ? -1 : 0);
+          env.FailCondInit(0, f == 3 ? -1 : 0);
+        };
+        env.ResetCounters();  // count the thread starts of the operation alone
+        arm(fault);
+        const int rc = st.Run();
+        const long starts = env.ThreadStarts();
+        arm(0);
+        st.Finish();
         if (fault == 0) {
-          reference = st.Images();
+          reference = Images(st.sim());
           reference_rc = rc;
-          EXPECT_EQ(SuccessCode(op), rc);
+          EXPECT_EQ(kOps[op].ok, rc);
         } else {
           EXPECT_EQ(reference_rc, rc);
-          const std::vector<uint8_t> images = st.Images();
-          size_t at = 0;
-          while (at < images.size() && at < reference.size() && images[at] == reference[at]) ++at;
-          EXPECT_TRUE(reference == images) << "bytes differ from the threaded run at image byte " << at;
+          const Snapshot images = Images(st.sim());
+          const auto at = std::mismatch(images.begin(), images.end(), reference.begin(), reference.end()).first;
+          EXPECT_TRUE(reference == images) << "differs from the threaded run at image byte " << at - images.begin();
           if (fault != 1) {
             EXPECT_EQ(0, starts) << "a thread started without its block";
           }
@@ -533,60 +425,49 @@ TEST_F(FaultMatrix, ThreadsAndLocksFailing) {
   printf("thread faults: %ld cases\n", cases);
 }
 
-// Allocations an operation makes: the countdown of AllocFailNth left after
-// the operation, read by allocating until the armed failure comes.
-long CountAllocations(const std::function<void()>& run) {
-  constexpr long kArm = 100000;
-  sbacc::AllocFailNth(kArm);
-  run();
-  long probes = 0;
-  for (;;) {
-    ++probes;
-    void* p = sbacc_calloc_debug(1, 8, const_cast<char*>("probe"), __LINE__, sbacc::AllocTrackSwitch());
-    if (p == nullptr) break;
-    sbacc_free_debug(p, const_cast<char*>("probe"), __LINE__, sbacc::AllocTrackSwitch());
-  }
-  sbacc::AllocFailNth(0);
-  return kArm - probes;
-}
-
 // Allocation n fails, for every n the operation reaches: the result is
 // success or one of the library's codes, nothing leaks, nothing is left
 // under repair, and a success leaves the expected data.
 TEST_F(FaultMatrix, AllocationFailingAtEverySite) {
-  static const int kCodes[] = {SBACC_E_NOMEM, SBACC_E_NOSPACE, SBACC_E_PARAM, SBACC_E_NOCOPY,
+  static const int kCodes[] = {SBACC_E_NOMEM,       SBACC_E_NOSPACE, SBACC_E_PARAM,   SBACC_E_NOCOPY,
                                SBACC_E_ALLBLOCKADE, SBACC_E_HDDREAD, SBACC_E_HDDWRITE};
   long cases = 0;
   for (int o = 0; o < kOpCount; ++o) {
     const Op op = static_cast<Op>(o);
     const Snapshot snap = Baseline(op, 2);
-    long sites;
+    // The allocations op makes: the countdown it leaves, read by allocating
+    // until the armed failure comes.
+    constexpr long kArm = 100000;
+    long sites = kArm - 1;
     {
       Stage st(snap, op, 2);
-      sites = CountAllocations([&] { EXPECT_EQ(SuccessCode(op), st.Run()); });
+      sbacc::AllocFailNth(kArm);
+      EXPECT_EQ(kOps[op].ok, st.Run());
+      char* const tag = const_cast<char*>("probe");
+      for (void* p; (p = sbacc_calloc_debug(1, 8, tag, __LINE__, sbacc::AllocTrackSwitch())) != nullptr; --sites) {
+        sbacc_free_debug(p, tag, __LINE__, sbacc::AllocTrackSwitch());
+      }
+      sbacc::AllocFailNth(0);
       st.Finish();
     }
-    printf("%s: %ld allocations\n", kOpName[op], sites);
+    printf("%s: %ld allocations\n", kOps[op].name, sites);
     for (long n = 1; n <= sites + 1; ++n) {
-      SCOPED_TRACE(std::string(kOpName[op]) + "/allocation " + std::to_string(n) + " of " + std::to_string(sites));
+      SCOPED_TRACE(std::string(kOps[op].name) + "/allocation " + std::to_string(n) + " of " + std::to_string(sites));
       Stage st(snap, op, 2);
       sbacc::AllocFailNth(n);
       const int rc = st.Run();
       sbacc::AllocFailNth(0);
-      if (rc < 0) {
+      // Past the last site the operation must succeed.
+      if (rc < 0 && n <= sites) {
         EXPECT_NE(std::end(kCodes), std::find(std::begin(kCodes), std::end(kCodes), rc)) << rc;
       } else {
-        EXPECT_EQ(SuccessCode(op), rc);
-      }
-      if (n == sites + 1) {
-        EXPECT_EQ(SuccessCode(op), rc);
+        EXPECT_EQ(kOps[op].ok, rc);
       }
       const SBACC_MEM_LIST_ENTRY nv = st.sim().NvEntry(0);
       EXPECT_EQ(0, nv.hddrepair);
-      if (rc == SuccessCode(op) && op != kRepairCopy && op != kOpenR) {
+      if (rc == kOps[op].ok && op != kRepairCopy && op != kOpenR) {
         EXPECT_EQ(0u, nv.hddblockade);
-        const auto want = Expected(op, Pattern(kBaseLen, 1));
-        EXPECT_EQ(want, st.sim().Data(0, 1, want.size()));
+        EXPECT_EQ(Expected(op), st.sim().Data(0, 1, Expected(op).size()));
       }
       st.Finish();
       ++cases;
