@@ -2,7 +2,6 @@
 // on one area; readers in other processes while the start-up restore rebuilds
 // copies; four controllers contending for the repair lock of the same areas.
 // Every test is bounded by alarm(): a deadlock ends it with SIGALRM.
-#include <dirent.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
@@ -10,7 +9,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -34,13 +35,27 @@ namespace {
 
 constexpr uint64_t kSize = 8192;
 
-int Tasks() {
-  int n = 0;
-  if (DIR* d = opendir("/proc/self/task")) {
-    while (struct dirent* e = readdir(d)) n += e->d_name[0] != '.';
-    closedir(d);
+int Tasks() { return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/task"), {})); }
+
+// Areas <prefix>0.. side by side, each on HDDs 0 .. copies-1.
+void SetAreas(Sim& sim, const std::string& prefix, int n, int copies) {
+  std::vector<sbacc_test::AreaSpec> areas;
+  for (int a = 0; a < n; ++a) areas.push_back({prefix + std::to_string(a), 0x1000 + a * kSize, kSize, copies});
+  sim.SetAreas(areas);
+}
+
+// Counters shared with forked children.
+std::atomic<int>* SharedInts(int n) {
+  void* p = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  return p == MAP_FAILED ? nullptr : new (p) std::atomic<int>[n]();
+}
+
+void Reap(const std::vector<pid_t>& pids) {
+  for (pid_t pid : pids) {
+    int status = 0;
+    ASSERT_EQ(pid, waitpid(pid, &status, 0));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child ended with status " << status;
   }
-  return n;
 }
 
 class Concurrency : public ::testing::Test {
@@ -63,11 +78,10 @@ class Concurrency : public ::testing::Test {
   void TearDown() override { alarm(0); }
 };
 
-void* Open(const char* name, const char* mode) {
+void* Open(const std::string& name, const char* mode) {
   void* fp = nullptr;
   boolean_t clean = B_FALSE;
-  const int rc = sbacc_open(name, mode, &fp, &clean);
-  return rc == 0 ? fp : nullptr;
+  return sbacc_open(name.c_str(), mode, &fp, &clean) == 0 ? fp : nullptr;
 }
 
 // Four threads each own an area; four more share one area, each writing and
@@ -76,9 +90,7 @@ void* Open(const char* name, const char* mode) {
 // last round of every thread.
 TEST_F(Concurrency, ManyThreadsWithTheirOwnHandles) {
   Sim sim(3, 1 << 17);
-  std::vector<sbacc_test::AreaSpec> areas;
-  for (int a = 0; a < 5; ++a) areas.push_back({"a" + std::to_string(a), 0x1000 + a * kSize, kSize, 3});
-  sim.SetAreas(areas);
+  SetAreas(sim, "a", 5, 3);
   constexpr int kSlice = 1024, kRounds = 12;
   // Sized first: handles that extend one area at the same time race on the
   // stored size, which nothing serialises between handles.
@@ -89,24 +101,25 @@ TEST_F(Concurrency, ManyThreadsWithTheirOwnHandles) {
   const int fds = sbacc_test::OpenFdCount();
   const long blocks = sbacc::AllocLiveBlocks();
 
+  // Thread t works on area min(t, 4) at this offset.
+  auto offset = [](int t) { return std::max(t - 4, 0) * kSlice; };
   std::atomic<int> errors{0};
   auto worker = [&](int t) {
-    const std::string area = t < 4 ? "a" + std::to_string(t) : "a4";
-    const int offset = t < 4 ? 0 : (t - 4) * kSlice;
+    const std::string area = "a" + std::to_string(std::min(t, 4));
     for (int r = 0; r < kRounds; ++r) {
-      void* h = Open(area.c_str(), "w");
+      void* h = Open(area, "w");
       if (h == nullptr) {
         ++errors;
         continue;
       }
       const Bytes d = Pattern(kSlice, t * 100 + r);
-      if (sbacc_write(d.data(), kSlice, offset, h) != kSlice) ++errors;
+      if (sbacc_write(d.data(), kSlice, offset(t), h) != kSlice) ++errors;
       Bytes got(kSlice);
-      if (sbacc_read(got.data(), kSlice, offset, h) != kSlice || got != d) ++errors;
+      if (sbacc_read(got.data(), kSlice, offset(t), h) != kSlice || got != d) ++errors;
       if (sbacc_close(h) != 0) ++errors;
       // A reader of its own on the same area sees the same.
-      void* rh = Open(area.c_str(), "r");
-      if (rh == nullptr || sbacc_read(got.data(), kSlice, offset, rh) != kSlice || got != d) ++errors;
+      void* rh = Open(area, "r");
+      if (rh == nullptr || sbacc_read(got.data(), kSlice, offset(t), rh) != kSlice || got != d) ++errors;
       if (rh != nullptr) sbacc_close(rh);
     }
   };
@@ -115,19 +128,15 @@ TEST_F(Concurrency, ManyThreadsWithTheirOwnHandles) {
   for (std::thread& th : threads) th.join();
   EXPECT_EQ(0, errors.load());
 
+  for (int t = 0; t < 8; ++t) {
+    for (int c = 0; c < 3; ++c) {
+      const Bytes d = sim.HddBytes(c, sim.Areas()[std::min(t, 4)].addr + 128 + offset(t), kSlice);
+      EXPECT_EQ(Pattern(kSlice, t * 100 + kRounds - 1), d) << "slice of thread " << t << " copy " << c;
+    }
+  }
   for (int a = 0; a < 5; ++a) {
     EXPECT_EQ(0u, sim.NvEntry(a).hddblockade) << "area " << a;
-    for (int c = 0; c < 3; ++c) {
-      if (a < 4) {
-        EXPECT_EQ(Pattern(kSlice, a * 100 + kRounds - 1), sim.Data(a, c, kSlice)) << "area " << a << " copy " << c;
-      } else {
-        for (int t = 4; t < 8; ++t) {
-          const Bytes d = sim.HddBytes(c, sim.Areas()[4].addr + 128 + (t - 4) * kSlice, kSlice);
-          EXPECT_EQ(Pattern(kSlice, t * 100 + kRounds - 1), d) << "slice of thread " << t << " copy " << c;
-        }
-      }
-      EXPECT_EQ(0, sim.Header(a, c).openflag);
-    }
+    for (int c = 0; c < 3; ++c) EXPECT_EQ(0, sim.Header(a, c).openflag) << "area " << a << " copy " << c;
   }
   EXPECT_EQ(fds, sbacc_test::OpenFdCount());
   EXPECT_EQ(blocks, sbacc::AllocLiveBlocks());
@@ -140,14 +149,11 @@ TEST_F(Concurrency, ManyThreadsWithTheirOwnHandles) {
 TEST_F(Concurrency, ReadersInOtherProcessesDuringTheRestore) {
   constexpr int kAreas = 3, kReaders = 3, kLen = 6000;
   Sim sim(2, 1 << 17);
-  std::vector<sbacc_test::AreaSpec> areas;
-  for (int a = 0; a < kAreas; ++a) areas.push_back({"r" + std::to_string(a), 0x1000 + a * kSize, kSize, 2});
-  sim.SetAreas(areas);
+  SetAreas(sim, "r", kAreas, 2);
   // Copy 0 misses the second write of every area and is fenced off: the
   // restore must rebuild it from copy 1.
   for (int a = 0; a < kAreas; ++a) {
-    const std::string name = "r" + std::to_string(a);
-    void* fp = Open(name.c_str(), "w");
+    void* fp = Open("r" + std::to_string(a), "w");
     ASSERT_NE(nullptr, fp);
     const Bytes old_data = Pattern(kLen, a), new_data = Pattern(kLen, a + 50);
     ASSERT_EQ(kLen, sbacc_write(old_data.data(), kLen, 0, fp));
@@ -163,10 +169,8 @@ TEST_F(Concurrency, ReadersInOtherProcessesDuringTheRestore) {
   // Shared with the readers: 0 = wait, 1 = read, 2 = stop; then per reader
   // the reads that matched, were refused, returned the stale copy's bytes,
   // and returned anything else.
-  auto* shared = static_cast<std::atomic<int>*>(
-      mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-  ASSERT_NE(MAP_FAILED, static_cast<void*>(shared));
-  new (shared) std::atomic<int>[1 + 4 * kReaders]();
+  std::atomic<int>* shared = SharedInts(1 + 4 * kReaders);
+  ASSERT_NE(nullptr, shared);
   std::vector<pid_t> pids;
   for (int r = 0; r < kReaders; ++r) {
     const pid_t pid = Fork();
@@ -176,19 +180,11 @@ TEST_F(Concurrency, ReadersInOtherProcessesDuringTheRestore) {
       while (shared[0].load() == 0) usleep(100);
       for (int i = 0; shared[0].load() == 1 || i < 5; ++i) {
         const int a = (r + i) % kAreas;
-        const std::string name = "r" + std::to_string(a);
-        void* fp = Open(name.c_str(), "r");
+        void* fp = Open("r" + std::to_string(a), "r");
         Bytes got(kLen);
         const int n = fp != nullptr ? sbacc_read(got.data(), kLen, 0, fp) : -1;
         if (fp != nullptr) sbacc_close(fp);
-        std::atomic<int>* mine = shared + 1 + 4 * r;
-        if (n != kLen) {
-          ++mine[1];
-        } else if (got == Pattern(kLen, a + 50)) {
-          ++mine[0];
-        } else {
-          ++mine[got == Pattern(kLen, a) ? 2 : 3];
-        }
+        ++shared[1 + 4 * r + (n != kLen ? 1 : got == Pattern(kLen, a + 50) ? 0 : got == Pattern(kLen, a) ? 2 : 3)];
       }
       _exit(0);
     }
@@ -203,23 +199,14 @@ TEST_F(Concurrency, ReadersInOtherProcessesDuringTheRestore) {
     rc = sbacc_hdd_restore(0);
   }
   shared[0].store(2);
-  for (pid_t pid : pids) {
-    int status = 0;
-    ASSERT_EQ(pid, waitpid(pid, &status, 0));
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "reader ended with status " << status;
-  }
+  Reap(pids);
   EXPECT_EQ(0, rc);
-  long good = 0, refused = 0, stale = 0, other = 0;
-  for (int r = 0; r < kReaders; ++r) {
-    good += shared[1 + 4 * r].load();
-    refused += shared[2 + 4 * r].load();
-    stale += shared[3 + 4 * r].load();
-    other += shared[4 + 4 * r].load();
-  }
-  printf("readers during the restore: %ld current, %ld refused, %ld stale, %ld other\n", good, refused, stale, other);
-  EXPECT_EQ(0, stale) << "a reader got the stale copy's bytes";
-  EXPECT_EQ(0, other) << "a reader got bytes that are neither the current nor the stale data";
-  EXPECT_GT(good, 0);
+  long sum[4] = {};  // current, refused, stale, other
+  for (int r = 0; r < 4 * kReaders; ++r) sum[r % 4] += shared[1 + r].load();
+  printf("readers during the restore: %ld current, %ld refused, %ld stale, %ld other\n", sum[0], sum[1], sum[2], sum[3]);
+  EXPECT_EQ(0, sum[2]) << "a reader got the stale copy's bytes";
+  EXPECT_EQ(0, sum[3]) << "a reader got bytes that are neither the current nor the stale data";
+  EXPECT_GT(sum[0], 0);
   for (int a = 0; a < kAreas; ++a) {
     EXPECT_EQ(0u, sim.NvEntry(a).hddblockade);
     for (int c = 0; c < 2; ++c) EXPECT_EQ(Pattern(kLen, a + 50), sim.Data(a, c, kLen)) << "area " << a << " copy " << c;
@@ -228,7 +215,7 @@ TEST_F(Concurrency, ReadersInOtherProcessesDuringTheRestore) {
 }
 
 // Four processes, controllers 0 to 3 on one NV image, take and release the
-// repair lock of the same three areas over and over.  Every holder counts
+// repair lock of the same two areas over and over.  Every holder counts
 // itself in a shared slot per area while it holds the lock.
 //  - Without a master, the raise-then-look protocol alone must keep every
 //    slot at one holder at most.
@@ -246,17 +233,12 @@ TEST_P(LockContention, AtMostOneHolder) {
   setenv("SBACC_REPAIRLOCK_MAXRETRY", "3", 1);
   constexpr int kAreas = 2, kProcs = 4, kRounds = 20;
   Sim sim(1);
-  std::vector<sbacc_test::AreaSpec> areas;
-  for (int a = 0; a < kAreas; ++a) areas.push_back({"l" + std::to_string(a), 0x1000 + a * kSize, kSize, 1});
-  sim.SetAreas(areas);
+  SetAreas(sim, "l", kAreas, 1);
 
   // Per area: the current holders as a bit set of controller numbers; then
-  // per controller: locks taken, refusals, and overlaps seen (newcomer bit
-  // 4..7, holder bit 0..3).
-  auto* shared = static_cast<std::atomic<int>*>(
-      mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-  ASSERT_NE(MAP_FAILED, static_cast<void*>(shared));
-  new (shared) std::atomic<int>[kAreas + 3 * kProcs + 64]();
+  // per controller: locks taken, refusals, and the holders it came in on.
+  std::atomic<int>* shared = SharedInts(kAreas + 3 * kProcs + 1);
+  ASSERT_NE(nullptr, shared);
   std::atomic<int>* holders = shared;
   std::atomic<int>* taken = shared + kAreas;
   std::atomic<int>* refused = taken + kProcs;
@@ -272,26 +254,21 @@ TEST_P(LockContention, AtMostOneHolder) {
       sbacc_reset_process_state();
       sbacc_cntno = cnt;
       while (go->load() == 0) usleep(50);
-      int bad = 0;
       for (int r = 0; r < kRounds; ++r) {
         const int a = (r + cnt) % kAreas;
         SBACC_FILE_DISCRIPTER* sfd = nullptr;
         if (sbacc_ma_alloc_sfd(("l" + std::to_string(a)).c_str(), SBACC_OPENMODE_INSPECT, &sfd) != 0) _exit(3);
         const int rc = sbacc_ma_enter_repairlock(sfd);
         if (rc == 0) {
-          const int before = holders[a].fetch_or(1 << cnt);
-          if (before != 0) {
-            overlaps[cnt].fetch_or(before);
-            ++bad;
-          }
+          overlaps[cnt].fetch_or(holders[a].fetch_or(1 << cnt));
           ++taken[cnt];
           usleep(5000);
           holders[a].fetch_and(~(1 << cnt));
           if (sbacc_ma_leave_repairlock(sfd) != 0) _exit(4);
-        } else if (rc == SBACC_E_REPAIR || rc == SBACC_E_UNSUPPORTED) {
-          ++refused[cnt];
-        } else {
+        } else if (rc != SBACC_E_REPAIR && rc != SBACC_E_UNSUPPORTED) {
           _exit(5);
+        } else {
+          ++refused[cnt];
         }
         sbacc_ma_free_sfd(sfd);
         usleep(static_cast<useconds_t>(100 * (cnt + 1)));
@@ -301,11 +278,7 @@ TEST_P(LockContention, AtMostOneHolder) {
     pids.push_back(pid);
   }
   go->store(1);
-  for (pid_t pid : pids) {
-    int status = 0;
-    ASSERT_EQ(pid, waitpid(pid, &status, 0));
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "contender ended with status " << status;
-  }
+  Reap(pids);
   int total = 0;
   for (int cnt = 0; cnt < kProcs; ++cnt) {
     total += taken[cnt].load();
@@ -314,8 +287,7 @@ TEST_P(LockContention, AtMostOneHolder) {
     // With a master, anyone may come in on top of controller 1 once its byte
     // was cleared; controller 1 itself can only meet the master (which one
     // counted itself in first depends on timing), since 2 and 3 stay visible.
-    int allowed = 0;
-    if (master == 0) allowed = cnt == 1 ? 0x1 : 0x2;
+    const int allowed = master != 0 ? 0 : cnt == 1 ? 0x1 : 0x2;
     EXPECT_EQ(0, overlaps[cnt].load() & ~allowed) << "controller " << cnt << " held the lock together with another";
   }
   EXPECT_GT(total, 0);

@@ -1,6 +1,5 @@
 #include "sim.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
@@ -20,11 +19,8 @@ namespace sbacc_test {
 
 TempDir::TempDir() {
   const char* base = getenv("TMPDIR");
-  std::string tmpl = std::string(base != nullptr ? base : "/tmp") + "/sbacc-test-XXXXXX";
-  std::vector<char> buf(tmpl.begin(), tmpl.end());
-  buf.push_back('\0');
-  if (mkdtemp(buf.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-  path_ = buf.data();
+  path_ = std::string(base != nullptr ? base : "/tmp") + "/sbacc-test-XXXXXX";
+  if (mkdtemp(path_.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
 }
 
 TempDir::~TempDir() {
@@ -35,31 +31,26 @@ TempDir::~TempDir() {
 namespace {
 
 void WriteAt(const std::string& path, uint64_t pos, const void* data, size_t len) {
-  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-  if (fd < 0) throw std::runtime_error("open " + path);
-  ssize_t n = ::pwrite(fd, data, len, static_cast<off_t>(pos));
-  ::close(fd);
-  if (n != static_cast<ssize_t>(len)) throw std::runtime_error("pwrite " + path);
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+  const ssize_t n = fd < 0 ? -1 : ::pwrite(fd, data, len, static_cast<off_t>(pos));
+  if (fd >= 0) ::close(fd);
+  if (n != static_cast<ssize_t>(len)) throw std::runtime_error("write " + path);
 }
 
+// Zero-padded past the end (or when the file is missing).
 std::vector<uint8_t> ReadAt(const std::string& path, uint64_t pos, size_t len) {
   std::vector<uint8_t> out(len, 0);
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return out;
-  ssize_t n = ::pread(fd, out.data(), len, static_cast<off_t>(pos));
-  (void)n;
-  ::close(fd);
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd >= 0) {
+    if (::pread(fd, out.data(), len, static_cast<off_t>(pos)) < 0) out.assign(len, 0);
+    ::close(fd);
+  }
   return out;
 }
 
 void MakeFile(const std::string& path, uint64_t bytes) {
-  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) throw std::runtime_error("create " + path);
-  if (::ftruncate(fd, static_cast<off_t>(bytes)) != 0) {
-    ::close(fd);
-    throw std::runtime_error("ftruncate " + path);
-  }
-  ::close(fd);
+  std::ofstream(path, std::ios::binary | std::ios::trunc).flush();
+  std::filesystem::resize_file(path, bytes);  // throws when the file could not be made
 }
 
 }  // namespace
@@ -71,9 +62,7 @@ Sim::Sim(int hdds, uint64_t hdd_bytes) : hdds_(hdds), hdd_bytes_(hdd_bytes) {
   MakeFile(NvPath(), 1 << 20);
   setenv("SBACC_FILELIST", dir_.File("filelist.ini").c_str(), 1);
   setenv("SANFWCTL_NV_IMAGE", NvPath().c_str(), 1);
-  unsetenv("SANFWCTL_FAIL_READ");
-  unsetenv("SANFWCTL_FAIL_WRITE");
-  unsetenv("SANFWCTL_FAIL_STATUS");
+  for (const char* v : {"SANFWCTL_FAIL_READ", "SANFWCTL_FAIL_WRITE", "SANFWCTL_FAIL_STATUS"}) unsetenv(v);
   sanfwctl_reset();
   MC_TestReloadEnv();
   sbacc_reset_process_state();
@@ -99,19 +88,14 @@ void Sim::SetAreas(const std::vector<AreaSpec>& areas) {
 }
 
 void Sim::SetFilelistText(const std::string& text) {
-  std::ofstream out(dir_.File("filelist.ini"), std::ios::binary | std::ios::trunc);
-  out << text;
+  std::ofstream(dir_.File("filelist.ini"), std::ios::binary | std::ios::trunc) << text;
 }
 
 std::string Sim::HddPath(int i) const { return dir_.File("hdd" + std::to_string(i) + ".img"); }
 
-std::vector<uint8_t> Sim::HddBytes(int hdd, uint64_t pos, size_t len) const {
-  return ReadAt(HddPath(hdd), pos, len);
-}
+std::vector<uint8_t> Sim::HddBytes(int hdd, uint64_t pos, size_t len) const { return ReadAt(HddPath(hdd), pos, len); }
 
-void Sim::PutHddBytes(int hdd, uint64_t pos, const void* data, size_t len) {
-  WriteAt(HddPath(hdd), pos, data, len);
-}
+void Sim::PutHddBytes(int hdd, uint64_t pos, const void* data, size_t len) { WriteAt(HddPath(hdd), pos, data, len); }
 
 std::vector<uint8_t> Sim::NvBytes(uint64_t pos, size_t len) const { return ReadAt(NvPath(), pos, len); }
 
@@ -150,8 +134,6 @@ std::vector<uint8_t> Sim::Data(int area, int hdd, size_t len) const {
 void Sim::RemoveHdd(int hdd) { ::unlink(HddPath(hdd).c_str()); }
 
 void Sim::RecreateHdd(int hdd) { MakeFile(HddPath(hdd), hdd_bytes_); }
-
-// ---- Trace capture --------------------------------------------------------------
 
 namespace {
 std::mutex g_trace_mu;
@@ -197,11 +179,6 @@ int TraceCapture::CountContaining(const std::string& part) const {
   return n;
 }
 
-void TraceCapture::Clear() {
-  std::lock_guard<std::mutex> lock(g_trace_mu);
-  if (g_trace_lines != nullptr) g_trace_lines->clear();
-}
-
 std::string TraceCapture::Dump() const {
   std::string out;
   for (const Line& l : Lines()) out += "L" + std::to_string(l.level) + " " + l.text + "\n";
@@ -209,14 +186,9 @@ std::string TraceCapture::Dump() const {
 }
 
 int OpenFdCount() {
-  int n = 0;
-  DIR* d = opendir("/proc/self/fd");
-  if (d == nullptr) return -1;
-  while (struct dirent* e = readdir(d)) {
-    if (e->d_name[0] != '.') ++n;
-  }
-  closedir(d);
-  return n - 1;  // the directory stream itself
+  // The iterator's own descriptor is open while it counts.
+  const auto n = std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+  return static_cast<int>(n) - 1;
 }
 
 }  // namespace sbacc_test

@@ -42,17 +42,14 @@ struct AreaSpec {
 };
 
 // A controller: `hdds` HDD image files of `hdd_bytes` each, an area list and
-// an NV image, all under one temporary directory, wired up through the
-// environment (SBACC_FILELIST, SANFWCTL_NV_IMAGE) with the library's
-// process state and the stand-ins reset.
+// an NV image in one temporary directory, wired up through the environment,
+// with the library's process state and the stand-ins reset.
 class Sim {
  public:
   explicit Sim(int hdds = 2, uint64_t hdd_bytes = 1 << 20);
   ~Sim();
 
-  // Writes the area list from specs (one line each) and returns it.
-  void SetAreas(const std::vector<AreaSpec>& areas);
-  // Writes the area list file verbatim.
+  void SetAreas(const std::vector<AreaSpec>& areas);  // one list line per spec
   void SetFilelistText(const std::string& text);
 
   std::string HddPath(int i) const;
@@ -74,9 +71,8 @@ class Sim {
   // Data bytes of an area's copy (from data offset 0).
   std::vector<uint8_t> Data(int area, int hdd, size_t len) const;
 
-  // Removes / recreates (empty, full size) an HDD image file.
   void RemoveHdd(int hdd);
-  void RecreateHdd(int hdd);
+  void RecreateHdd(int hdd);  // empty, full size
 
  private:
   TempDir dir_;
@@ -96,11 +92,9 @@ class TraceCapture {
   TraceCapture();
   ~TraceCapture();
   std::vector<Line> Lines() const;
-  // Lines whose text equals / contains the string.
   int Count(const std::string& exact) const;
   int CountContaining(const std::string& part) const;
   bool Has(const std::string& exact) const { return Count(exact) > 0; }
-  void Clear();
   std::string Dump() const;  // for failure messages
 };
 
