@@ -49,7 +49,7 @@ class Sim {
   explicit Sim(int hdds = 2, uint64_t hdd_bytes = 1 << 20);
   ~Sim();
 
-  void SetAreas(const std::vector<AreaSpec>& areas);  // one list line per spec
+  void SetAreas(const std::vector<AreaSpec>& areas);  // one list line per area
   void SetFilelistText(const std::string& text);
 
   std::string HddPath(int i) const;
