@@ -4,23 +4,20 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "common.h"
+#include "rig.h"
 #include "sbacc_alloc.h"
 #include "sbacc_l.h"
 
 namespace {
 
-void Check(bool ok) {
-  if (!ok) abort();
-}
+using sbacc_fuzz::Check;
 
 bool Terminated(const char* s, size_t cap) { return memchr(s, '\0', cap) != nullptr; }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  sbacc_fuzz::Dir();
-  sbacc_fuzz::WriteFile(sbacc_fuzz::ListPath(), data, size);
+  sbacc_fuzz::TheRig().sim.SetFilelistText(std::string(reinterpret_cast<const char*>(data), size));
   const long blocks = sbacc::AllocLiveBlocks();
 
   const int lines = sbacc_l_get_filelist_entry_num();

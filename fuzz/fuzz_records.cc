@@ -3,44 +3,16 @@
 // that make the magic and version valid more often), then a read-mode and a
 // write-mode open, a read, a write, the close, and the start-up restore or
 // the NV initialisation.  Whatever the records say, no call may crash, leak
-// a descriptor or a block, or touch area "b" beyond its own copies.
-#include <dirent.h>
-#include <stdlib.h>
+// a descriptor or a block, or return anything but success or a library code.
 #include <string.h>
 
 #include <vector>
 
-#include "common.h"
-#include "sbacc.h"
+#include "rig.h"
 #include "sbacc_alloc.h"
 #include "sbacc_l.h"
 
 namespace {
-
-void Check(bool ok) {
-  if (!ok) abort();
-}
-
-int OpenFds() {
-  int n = 0;
-  DIR* d = opendir("/proc/self/fd");
-  if (d == nullptr) return -1;
-  while (struct dirent* e = readdir(d)) n += e->d_name[0] != '.';
-  closedir(d);
-  return n;
-}
-
-bool Known(int rc) {
-  switch (rc) {
-    case SBACC_E_UNSUPPORTED: case SBACC_E_NOTALLOWED: case SBACC_E_PARAM: case SBACC_E_NOTINIT:
-    case SBACC_E_NOSPACE: case SBACC_E_REPAIR: case SBACC_E_NOCOPY: case SBACC_E_NOMEM:
-    case SBACC_E_ALLBLOCKADE: case SBACC_E_HDDREAD: case SBACC_E_HDDWRITE: case SBACC_E_HDDSEEK:
-    case SBACC_E_NVREAD: case SBACC_E_NVWRITE:
-      return true;
-    default:
-      return rc >= 0;
-  }
-}
 
 // The bytes of one record from the input, zero-padded.
 std::vector<uint8_t> Take(const uint8_t*& p, const uint8_t* end, size_t n) {
@@ -60,8 +32,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const uint8_t knobs = data[1];
   const uint8_t* p = data + 2;
   const uint8_t* end = data + size;
-  FreshSetup();
-  UseThreads((flags & 0xe0) == 0xe0);
+  Rig& rig = TheRig();
+  rig.Fresh((flags & 0xe0) == 0xe0);
 
   for (int i = 0; i < kCopies; ++i) {
     std::vector<uint8_t> h = Take(p, end, SBACC_HEADER_SIZE);
@@ -69,7 +41,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       memcpy(h.data(), SBACC_HDD_MAGIC, 4);
       sbacc_l_put_le32(h.data() + kHdrVersion, SBACC_RECORD_VERSION);
     }
-    PutBytes(HddPath(i), kAreaAddr, h.data(), h.size());
+    rig.sim.PutHddBytes(i, kAreaAddr, h.data(), h.size());
   }
   std::vector<uint8_t> nv = Take(p, end, SBACC_NV_ENTRY_SIZE);
   if (flags & 0x4) {
@@ -77,14 +49,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     sbacc_l_put_le32(nv.data() + kMemVersion, SBACC_RECORD_VERSION);
   }
   if (flags & 0x8) sbacc_l_put_le32(nv.data() + kMemHddcount, kCopies);
-  PutBytes(NvPath(), SBACC_NV_BASE, nv.data(), nv.size());
+  rig.sim.PutNvBytes(SBACC_NV_BASE, nv.data(), nv.size());
   // Whatever is left: the area's first data bytes on both copies.
   std::vector<uint8_t> rest(p, end);
   if (rest.size() > kAreaSize - SBACC_HEADER_SIZE) rest.resize(kAreaSize - SBACC_HEADER_SIZE);
-  for (int i = 0; i < kCopies && !rest.empty(); ++i) PutBytes(HddPath(i), kAreaAddr + 128, rest.data(), rest.size());
-  const std::vector<uint8_t> b_before(16);  // area "b" was never used: its header stays zero unless opened
+  for (int i = 0; i < kCopies && !rest.empty(); ++i) rig.sim.PutHddBytes(i, kAreaAddr + 128, rest.data(), rest.size());
 
-  const int fds = OpenFds();
+  const int fds = sbacc_test::OpenFdCount();
   const long blocks = sbacc::AllocLiveBlocks();
   const int offset = (knobs & 0x3f) * 61;
   std::vector<uint8_t> buf(512);
@@ -114,9 +85,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   } else if (flags & 0x10) {
     Check(Known(sbacc_hdd_restore(0)));
   }
-  WaitForWorkers();
-  ResetLibrary();
-  Check(OpenFds() == fds);
+  rig.Finish();
+  Check(sbacc_test::OpenFdCount() == fds);
   Check(sbacc::AllocLiveBlocks() == blocks);
   return 0;
 }

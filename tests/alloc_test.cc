@@ -1,8 +1,7 @@
-// Tracked allocator: trace lines with owners and running total, the record's
-// name field, the failure hook, untracked mode, the total under threads.
+// Tracked allocator: trace lines with owners and running total, the failure
+// hook, untracked mode, the total under threads.
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <string.h>
 
 #include <string>
 #include <thread>
@@ -34,17 +33,6 @@ TEST(Alloc, TrackedBlocksTraceOwnersTotalAndName) {
         "***** FREE(FREE_SIZE =40 TOTAL_SIZE =" + std::to_string(t0) + " THREADNO =" + Self() +
             " FILE =cc_zz LINE =30 (THREADNO =" + owner + " FILE =cc_l LINE =10))"}) {
     EXPECT_EQ(tc.Count(line), 1) << line << "\n" << tc.Dump();
-  }
-  // The name: from the file name's fourth character, cut to 15, zero-padded;
-  // a file name under three characters is not read past.
-  const char* names[][2] = {{"../x/sbacc_very_long_module", "cc_very_long_mo"}, {"../x/abcd", "d"}, {"../x/ab", ""}};
-  for (const auto& [path, name] : names) {
-    std::string buf = path;
-    void* b = sbacc_calloc_debug(1, 4, buf.data(), 1, 1);
-    char want[16] = {};
-    strncpy(want, name, 15);
-    EXPECT_EQ(memcmp(static_cast<char*>(b) - 32 + 12, want, 16), 0) << path;
-    sbacc_free_debug(b, buf.data(), 2, 1);
   }
 }
 

@@ -1,6 +1,6 @@
 // Concurrency: many threads with handles of their own on different areas and
-// on one area; readers in other processes while the start-up restore rebuilds
-// copies; four controllers contending for the repair lock of the same areas.
+// on one area; four controllers contending for the repair lock of the same
+// areas.
 // Every test is bounded by alarm(): a deadlock ends it with SIGALRM.
 #include <signal.h>
 #include <stdlib.h>
@@ -140,78 +140,6 @@ TEST_F(Concurrency, ManyThreadsWithTheirOwnHandles) {
   }
   EXPECT_EQ(fds, sbacc_test::OpenFdCount());
   EXPECT_EQ(blocks, sbacc::AllocLiveBlocks());
-}
-
-// Reader processes open, read and close areas in a loop while this process
-// runs the start-up restore, which rebuilds a stale copy of each area.  A
-// reader may be refused, but whatever it reads must be the current data,
-// never the stale copy's.
-TEST_F(Concurrency, ReadersInOtherProcessesDuringTheRestore) {
-  constexpr int kAreas = 3, kReaders = 3, kLen = 6000;
-  Sim sim(2, 1 << 17);
-  SetAreas(sim, "r", kAreas, 2);
-  // Copy 0 misses the second write of every area and is fenced off: the
-  // restore must rebuild it from copy 1.
-  for (int a = 0; a < kAreas; ++a) {
-    void* fp = Open("r" + std::to_string(a), "w");
-    ASSERT_NE(nullptr, fp);
-    const Bytes old_data = Pattern(kLen, a), new_data = Pattern(kLen, a + 50);
-    ASSERT_EQ(kLen, sbacc_write(old_data.data(), kLen, 0, fp));
-    {
-      FaultEnv env;
-      env.FailOp(FaultEnv::kWrite, sim.HddPath(0), 0, -1, EIO);
-      ASSERT_EQ(kLen, sbacc_write(new_data.data(), kLen, 0, fp));
-    }
-    ASSERT_EQ(0, sbacc_close(fp));
-    ASSERT_EQ(0x1u, sim.NvEntry(a).hddblockade);
-  }
-
-  // Shared with the readers: 0 = wait, 1 = read, 2 = stop; then per reader
-  // the reads that matched, were refused, returned the stale copy's bytes,
-  // and returned anything else.
-  std::atomic<int>* shared = SharedInts(1 + 4 * kReaders);
-  ASSERT_NE(nullptr, shared);
-  std::vector<pid_t> pids;
-  for (int r = 0; r < kReaders; ++r) {
-    const pid_t pid = Fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-      alarm(60);
-      while (shared[0].load() == 0) usleep(100);
-      for (int i = 0; shared[0].load() == 1 || i < 5; ++i) {
-        const int a = (r + i) % kAreas;
-        void* fp = Open("r" + std::to_string(a), "r");
-        Bytes got(kLen);
-        const int n = fp != nullptr ? sbacc_read(got.data(), kLen, 0, fp) : -1;
-        if (fp != nullptr) sbacc_close(fp);
-        ++shared[1 + 4 * r + (n != kLen ? 1 : got == Pattern(kLen, a + 50) ? 0 : got == Pattern(kLen, a) ? 2 : 3)];
-      }
-      _exit(0);
-    }
-    pids.push_back(pid);
-  }
-  shared[0].store(1);
-  int rc;
-  {
-    // Slow disks, so the readers meet the restore half-way more often.
-    FaultEnv env;
-    env.DelayWrites("", 1500);
-    rc = sbacc_hdd_restore(0);
-  }
-  shared[0].store(2);
-  Reap(pids);
-  EXPECT_EQ(0, rc);
-  long sum[4] = {};  // current, refused, stale, other
-  for (int r = 0; r < 4 * kReaders; ++r) sum[r % 4] += shared[1 + r].load();
-  printf("readers during the restore: %ld current, %ld refused, %ld stale, %ld other\n", sum[0], sum[1], sum[2], sum[3]);
-  EXPECT_EQ(0, sum[2]) << "a reader got the stale copy's bytes";
-  EXPECT_EQ(0, sum[3]) << "a reader got bytes that are neither the current nor the stale data";
-  EXPECT_GT(sum[0], 0);
-  for (int a = 0; a < kAreas; ++a) {
-    EXPECT_EQ(0u, sim.NvEntry(a).hddblockade);
-    for (int c = 0; c < 2; ++c) EXPECT_EQ(Pattern(kLen, a + 50), sim.Data(a, c, kLen)) << "area " << a << " copy " << c;
-  }
-  munmap(shared, 4096);
 }
 
 // Four processes, controllers 0 to 3 on one NV image, take and release the

@@ -24,11 +24,6 @@ const char* const kNames[kAreas] = {"envfw_backup0", "envfw_backup1", "envfw_sys
                                     "envfw_verid",   "envfw_verback", "envfw_reboot"};
 constexpr uint64_t kSize = 1024;
 
-Bytes Seq(size_t n, int seed) {
-  Bytes v(n);
-  for (size_t k = 0; k < n; ++k) v[k] = static_cast<uint8_t>(seed * 37 + k * 3);
-  return v;
-}
 // `now` written from offset 0 over `old`: a write never shortens an area.
 Bytes Overlay(Bytes old, const Bytes& now) {
   if (old.size() < now.size()) old.resize(now.size());
@@ -50,21 +45,12 @@ TEST(DataRepairTest, LeavesTheSetConsistent) {
   std::vector<sbacc_test::AreaSpec> specs;
   for (int a = 0; a < kAreas; ++a) specs.push_back({kNames[a], kSize * a, kSize, 1});
   sim.SetAreas(specs);
-  const uint8_t zero = 0;
-  sim.PutNvBytes((1 << 20) - 1, &zero, 1);  // full size: NV reads past a short image fail
   // Area a holds `data` in its one copy, closed at `closetime` or left open.
   auto put = [&](int a, const Bytes& data, bool open, int64_t closetime) {
-    SBACC_MEM_LIST_ENTRY e{};
-    memcpy(e.magic, SBACC_MEM_MAGIC, 4);
-    e.version = 3, e.hddcount = 1;
-    sim.PutNvEntry(a, e);
-    SBACC_HDD_HEADER h{};
-    memcpy(h.magic, SBACC_HDD_MAGIC, 4);
-    strcpy(h.filename, kNames[a]);
-    h.version = 3, h.areasize = kSize, h.filesize = static_cast<int32_t>(data.size());
+    sim.PutNvEntry(a, sbacc_test::ValidEntry(kNames[a], 1));
+    SBACC_HDD_HEADER h = sbacc_test::ValidHeader(kNames[a], kSize, static_cast<int32_t>(data.size()));
     h.openflag = open ? 1 : 0, h.closetime = closetime;
-    sim.PutHeader(a, 0, h);
-    if (!data.empty()) sim.PutHddBytes(0, kSize * a + 128, data.data(), data.size());
+    sim.PutCopy(a, 0, h, data);
   };
   const long blocks = sbacc::AllocLiveBlocks();
   const Bytes kPlus1 = {0x06, 0x03, 0x02, 0x01};
@@ -94,7 +80,7 @@ TEST(DataRepairTest, LeavesTheSetConsistent) {
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
     sim.RecreateHdd(0);
-    Bytes before[kAreas] = {Seq(c.b0_len, 1), Seq(c.b1_len, 2), {}, {}, kVeridBytes,
+    Bytes before[kAreas] = {sbacc_test::Pattern(c.b0_len, 1), sbacc_test::Pattern(c.b1_len, 2), {}, {}, kVeridBytes,
                             Bytes(kVerback6.begin(), kVerback6.begin() + c.verback_len), kRebootBytes};
     for (int a = 0; a < kAreas; ++a) {
       put(a, before[a], (c.flagged >> a & 1) != 0, a == kB0 ? c.close0 : a == kB1 ? c.close1 : 50);

@@ -1,12 +1,16 @@
-// NV record primitives (exact bytes, the magic written last, the retry loop),
-// the repair lock bytes per controller with master precedence, and the repair
-// set-up.  At most one holder across processes: Master/LockContention.
+// The storage layer: header and NV record bytes as they land (little-endian,
+// at their offsets, the magic last), positions beyond 4 GiB, the tunables a
+// descriptor takes from the environment, the repair lock bytes per controller
+// with master precedence, and the repair set-up.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <climits>
 #include <functional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -20,45 +24,96 @@
 
 namespace {
 
+using sbacc_test::FaultEnv;
 using Bytes = std::vector<uint8_t>;
 constexpr uint64_t kRec3 = SBACC_NV_BASE + 3 * 128;  // record of the area with index 3
+constexpr uint64_t kAt = (4ull << 30) + 4096;        // area a3's header in its HDD files
+
+Bytes Hex(const std::string& text) {
+  std::istringstream in(text);
+  Bytes out;
+  for (unsigned b; in >> std::hex >> b;) out.push_back(static_cast<uint8_t>(b));
+  return out;
+}
 
 class NvTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    for (const char* v : {"SBACC_MEMSET_MAXRETRY", "SBACC_MEMGET_MAXRETRY", "SBACC_REPAIRLOCK_MAXRETRY"}) unsetenv(v);
-    sim_.SetAreas({{"a0", 0x1000, 4096, 1}, {"a1", 0x2000, 4096, 1}, {"a2", 0x3000, 4096, 1}, {"a3", 0x4000, 4096, 2}});
+    for (int i = 0; sbacc_env_list[i].name != nullptr; ++i) unsetenv(sbacc_env_list[i].name);
+    sim_.SetAreas({{"a0", 0x1000, 4096, 1}, {"a1", 0x2000, 4096, 1}, {"a2", 0x3000, 4096, 1}, {"a3", kAt, 8192, 2}});
     Alloc();
   }
-  void TearDown() override { sbacc_ma_free_sfd(sfd_); }
-  void Alloc() {  // tunables are read when a descriptor is built
+  void TearDown() override { Free(); }
+  void Alloc(int mode = SBACC_OPENMODE_WRITE) {  // tunables are read when a descriptor is built
+    Free();
+    ASSERT_EQ(sbacc_ma_alloc_sfd("a3", mode, &sfd_), 0);
+  }
+  void Free() {
+    if (sfd_ == nullptr) return;
+    for (int& fd : sfd_->fd) fd >= 0 && ::close(fd);
     sbacc_ma_free_sfd(sfd_);
     sfd_ = nullptr;
-    ASSERT_EQ(sbacc_ma_alloc_sfd("a3", SBACC_OPENMODE_WRITE, &sfd_), 0);
   }
   Bytes Lock(int area = 3) const { return sim_.NvBytes(SBACC_NV_BASE + 128 * area + kMemRepairlock, 4); }
   void SetLock(const Bytes& b, int area = 3) { sim_.PutNvBytes(SBACC_NV_BASE + 128 * area + kMemRepairlock, b.data(), 4); }
   static long Calls(int kind) { return sanfwctl_call_count(kind); }
 
-  sbacc_test::Sim sim_;
-  sbacc_test::FaultEnv env_;  // records the pauses instead of sleeping
+  sbacc_test::Sim sim_{2, kAt + 8192};
+  FaultEnv env_;  // records the pauses instead of sleeping
   sbacc_test::TraceCapture trace_;
   SBACC_FILE_DISCRIPTER* sfd_ = nullptr;
 };
 
-TEST_F(NvTest, InitialisationWritesExactRecordMagicLast) {
+TEST_F(NvTest, HeaderFieldsLandLittleEndianAtTheirOffsets) {
+  SBACC_HDD_HEADER h{};
+  memcpy(h.magic, "SBFS", 4);
+  h.version = 3;
+  memset(h.filename, 'n', sizeof h.filename);  // all 32 bytes, no NUL: kept as is
+  h.areasize = -2, h.filesize = 0x01020304, h.hddblockade = 0x80000001u, h.openflag = 1;
+  h.opencnt = 0x0a0b0c0d, h.opentime = 0x1122334455667788, h.closetime = -1;
+  h.writeflag = 0xfe, h.write_offset = 0x100, h.write_size = 0x7fffffff;
+  // From offset 40: areasize, filesize, hddblockade, 7 spare, openflag, opencnt,
+  // opentime, closetime, writeflag, 3 spare, write_offset, write_size.
+  Bytes want = {'S', 'B', 'F', 'S', 3, 0, 0, 0};
+  want.resize(40, 'n');
+  const Bytes fields = Hex(
+      "fe ff ff ff  04 03 02 01  01 00 00 80  00 00 00 00 00 00 00  01  0d 0c 0b 0a  88 77 66 55 44 33 22 11"
+      "  ff ff ff ff ff ff ff ff  fe 00 00 00  00 01 00 00  ff ff ff 7f");
+  want.insert(want.end(), fields.begin(), fields.end());
+  want.resize(128, 0);
+  uint8_t raw[128];
+  sbacc_l_encode_header(&h, raw);
+  EXPECT_EQ(Bytes(raw, raw + 128), want);
+}
+
+// Header and NV record initialisation: exact bytes, each write flushed, the
+// magic written last, so a failure before it leaves an invalid record.
+TEST_F(NvTest, InitialisationWritesExactRecordsMagicLast) {
+  for (int i = 0; i < 2; ++i) sfd_->fd[i] = ::open(sim_.HddPath(i).c_str(), O_RDWR | O_CLOEXEC);
+  sfd_->sfe.areasize = 0x100002000ull;  // stored cut to 32 bits
+  ASSERT_EQ(sbacc_l_hddini_header(sfd_, 1, 0x5), 0);
+  Bytes want(130, 0);  // a guard byte on each side
+  memcpy(&want[1], "SBFS\3\0\0\0a3", 10);
+  want[1 + 41] = 0x20, want[1 + 48] = 5;  // areasize 0x2000, hddblockade
+  EXPECT_EQ(sim_.HddBytes(1, kAt - 1, 130), want);
+  EXPECT_EQ(sim_.HddBytes(1, kAt - (4ull << 30), 128), Bytes(128, 0)) << "position wrapped to 32 bits";
+  EXPECT_EQ(sim_.HddBytes(0, kAt, 128), Bytes(128, 0)) << "other copy touched";
+  EXPECT_EQ(env_.Calls(FaultEnv::kFsync, sim_.HddPath(1)), 2) << "each of the two writes must be flushed";
+  env_.FailOp(FaultEnv::kWrite, sim_.HddPath(0), 1, 1, EIO);
+  EXPECT_EQ(sbacc_l_hddini_header(sfd_, 0, 0), SBACC_E_HDDWRITE);
+  EXPECT_EQ(sim_.HddBytes(0, kAt, 8), Bytes({0, 0, 0, 0, 3, 0, 0, 0}));
+  EXPECT_TRUE(trace_.Has("[sbacc_l_hddini_header] sbacc_l_hddset_magic error. retcode=-123"));
+
   SBACC_MEM_LIST_ENTRY e;
   ASSERT_EQ(sbacc_l_memini_entry(sfd_, &e), 0);
-  Bytes want(384, 0);  // with the neighbouring records
+  want.assign(384, 0);  // with the neighbouring records
   memcpy(&want[128], "SBNM\3\0\0\0a3", 10);
   want[128 + 40] = 2;  // hddcount
   EXPECT_EQ(sim_.NvBytes(kRec3 - 128, 384), want);
-  EXPECT_EQ(sbacc_memget_check_entry(sfd_, &e), 0);
-
   sanfwctl_set_fault(SANFWCTL_FAULT_WRITE, Calls(SANFWCTL_FAULT_WRITE) + 1, -1);  // the body lands, the magic never
   EXPECT_EQ(sbacc_l_memini_entry(sfd_, &e), SBACC_E_NVWRITE);
+  sanfwctl_set_fault(SANFWCTL_FAULT_WRITE, 0, 0);
   EXPECT_EQ(sim_.NvBytes(kRec3, 8), Bytes({0, 0, 0, 0, 3, 0, 0, 0}));
-  EXPECT_TRUE(trace_.Has("[sbacc_l_memini_entry] sbacc_memset_magic error. retcode=-162"));
   EXPECT_EQ(sbacc_memget_check_entry(sfd_, &e), SBACC_E_NOTINIT);
   EXPECT_TRUE(trace_.Has("[sbacc_memget_check_entry] NV is not initialized"));
 }
@@ -82,7 +137,6 @@ TEST_F(NvTest, AccessorsTouchExactlyTheirBytes) {
   const Bytes before = sim_.NvBytes(kRec3, 128);
   for (int cntno : {-1, 4, INT_MAX}) EXPECT_EQ(sbacc_memset_hddrepairlock(sfd_, cntno, 0x11), SBACC_E_PARAM);
   EXPECT_EQ(sim_.NvBytes(kRec3, 128), before);
-
   Bytes rec(128);  // and each getter reads its own bytes
   for (int i = 0; i < 128; ++i) rec[i] = static_cast<uint8_t>(i + 0x80);
   sim_.PutNvBytes(kRec3, rec.data(), rec.size());
@@ -99,13 +153,26 @@ TEST_F(NvTest, AccessorsTouchExactlyTheirBytes) {
   EXPECT_EQ(Bytes(raw, raw + 128), rec);
 }
 
-// r + 1 attempts (r = 5 unless set), each failed one followed by a 100 ms
-// pause; one that gets through in time succeeds.  Retry counts from the
-// environment with every transfer failing: FaultMatrix.NvTransfersFailing.
-TEST_F(NvTest, RetriesWithTheDefaultCountAndRecovery) {
-  const struct { bool write; long failures; int rc; long attempts; } cases[] = {
-      {false, -1, SBACC_E_NVREAD, 6}, {false, 2, 0, 3}, {true, 2, 0, 3}};
+// A tunable is read like atoi; a value out of 1..999 gives the default.  With
+// the default NV retry count a transfer is tried 6 times, each failure followed
+// by a 100 ms pause; one that gets through in time succeeds.
+TEST_F(NvTest, TunablesAndNvRetries) {
+  const struct { int slot; const char* value; int want; } cases[] = {
+      {0, "0", 5}, {0, "1000", 5}, {0, "999", 999}, {1, "1", 1}, {1, "12abc", 12}, {3, "  +7", 7}, {2, "4294967298", 3}};
   for (const auto& c : cases) {
+    SCOPED_TRACE(c.value);
+    setenv(sbacc_env_list[c.slot].name, c.value, 1);
+    Alloc(SBACC_OPENMODE_READ);
+    unsetenv(sbacc_env_list[c.slot].name);
+    std::vector<int> want = {5, 5, 3, 3};
+    want[c.slot] = c.want;
+    EXPECT_EQ(std::vector<int>(sfd_->env, sfd_->env + SBACC_ENV_NUM), want);
+    EXPECT_TRUE(trace_.Has("[sbacc_ma_alloc_sfd] " + std::string(sbacc_env_list[c.slot].name) + ": " + std::to_string(c.want)));
+  }
+  Alloc();
+  const struct { bool write; long failures; int rc; long attempts; } retries[] = {
+      {false, -1, SBACC_E_NVREAD, 6}, {false, 2, 0, 3}, {true, 2, 0, 3}};
+  for (const auto& c : retries) {
     const int kind = c.write ? SANFWCTL_FAULT_WRITE : SANFWCTL_FAULT_READ;
     const long before = Calls(kind);
     sanfwctl_set_fault(kind, before, c.failures);
@@ -114,14 +181,8 @@ TEST_F(NvTest, RetriesWithTheDefaultCountAndRecovery) {
     EXPECT_EQ(c.write ? sbacc_memset_hddrepair(sfd_, v) : sbacc_memget_hddrepair(sfd_, &v), c.rc);
     EXPECT_EQ(Calls(kind) - before, c.attempts);
     EXPECT_EQ(env_.Sleeps(), std::vector<unsigned>(c.rc == 0 ? c.attempts - 1 : c.attempts, 100000u));
-    EXPECT_EQ(sim_.NvBytes(4532, 1)[0], c.write ? 0x5a : 0);
     sanfwctl_set_fault(kind, 0, 0);
   }
-}
-
-TEST(BitCount, CountsThe32BitPattern) {
-  const int cases[][2] = {{0, 0}, {0x13, 3}, {-1, 32}, {INT_MIN, 1}, {INT_MIN | 0xff, 9}};
-  for (const auto& c : cases) EXPECT_EQ(sbacc_l_bitcount(c[0]), c[1]) << c[0];
 }
 
 // Own byte raised; on contention lowered again and, unless this controller
@@ -178,17 +239,14 @@ TEST_F(NvTest, RepairInitClearsOwnBytesOnceOnly) {
   EXPECT_EQ((Bytes{1, 0, 0, 0}), Lock(0));
   EXPECT_EQ((Bytes{0, 0, 1, 0}), Lock(3));
   EXPECT_EQ(B_TRUE, sbacc_repair_flag(B_FALSE));
-  SetLock({0, 1, 0, 0}, 0);
   long writes = Calls(SANFWCTL_FAULT_WRITE);
   EXPECT_EQ(SBACC_E_NOTALLOWED, sbacc_repair_init(1));
-  EXPECT_EQ(SBACC_E_NOTALLOWED, sbacc_repair_init(1));
   EXPECT_EQ(writes, Calls(SANFWCTL_FAULT_WRITE));
-  EXPECT_EQ(2, trace_.Count("[sbacc_repair_init]   retcode: -101"));
+  EXPECT_EQ(1, trace_.Count("[sbacc_repair_init]   retcode: -101"));
   sbacc_reset_process_state();
   EXPECT_EQ(B_TRUE, sbacc_repair_flag(B_TRUE));
   EXPECT_EQ(SBACC_E_NOTALLOWED, sbacc_repair_init(0));
   sbacc_reset_process_state();
-  writes = Calls(SANFWCTL_FAULT_WRITE);
   EXPECT_EQ(SBACC_E_PARAM, sbacc_repair_init(7));
   EXPECT_EQ(B_FALSE, sbacc_repair_flag(B_FALSE));
   sbacc_reset_process_state();

@@ -41,19 +41,11 @@ class RepairTest : public ::testing::Test {
   // old header.  Every header and NV carry `mask` as blockade mask.  Returns
   // a descriptor with every copy open.
   SBACC_FILE_DISCRIPTER* Prepare(int32_t filesize, uint32_t mask) {
-    SBACC_MEM_LIST_ENTRY e{};
-    memcpy(e.magic, SBACC_MEM_MAGIC, 4);
-    e.version = 3, e.hddcount = 3, e.hddblockade = mask;
-    sim_.PutNvEntry(0, e);
+    sim_.PutNvEntry(0, sbacc_test::ValidEntry("a", 3, mask));
     for (int i = 0; i < 3; ++i) {
-      SBACC_HDD_HEADER h{};
-      memcpy(h.magic, SBACC_HDD_MAGIC, 4);
-      h.version = 3, h.areasize = kSize, h.filesize = i == 0 ? filesize : 77;
-      h.hddblockade = mask, h.opencnt = 41 + i;
-      sim_.PutHeader(0, i, h);
-      std::vector<uint8_t> d(kData, 0xEE);
-      for (size_t k = 0; i == 0 && k < kData; ++k) d[k] = static_cast<uint8_t>(k * 13 + 5);
-      sim_.PutHddBytes(i, kAddr + 128, d.data(), d.size());
+      SBACC_HDD_HEADER h = sbacc_test::ValidHeader("", kSize, i == 0 ? filesize : 77, mask);
+      h.opencnt = 41 + i;
+      sim_.PutCopy(0, i, h, i == 0 ? sbacc_test::Pattern(kData, 4) : std::vector<uint8_t>(kData, 0xEE));
     }
     EXPECT_EQ(0, sbacc_ma_alloc_sfd("a", SBACC_OPENMODE_WRITE, &sfd_));
     for (int i = 0; i < 3; ++i) sfd_->fd[i] = sbacc::CurrentEnv()->Open(sim_.HddPath(i).c_str(), O_RDWR);

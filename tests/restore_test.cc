@@ -26,28 +26,18 @@ constexpr uint64_t kSize = 4096;
 constexpr int32_t kFill = 3000;
 
 SBACC_HDD_HEADER Hdr(const std::string& name, uint32_t word, int64_t closetime, int opencnt, uint8_t openflag = 0) {
-  SBACC_HDD_HEADER h{};
-  memcpy(h.magic, SBACC_HDD_MAGIC, 4);
-  strcpy(h.filename, name.c_str());
-  h.version = 3, h.areasize = kSize, h.filesize = kFill, h.hddblockade = word;
+  SBACC_HDD_HEADER h = sbacc_test::ValidHeader(name, kSize, kFill, word);
   h.openflag = openflag, h.opencnt = opencnt, h.closetime = closetime;
   return h;
 }
 
 std::vector<uint8_t> Pattern(int seed) { return sbacc_test::Pattern(kFill, seed); }
 
-// The NV image at full size up front: NV reads past a short image fail.
-void FullNv(Sim& sim) {
-  const uint8_t zero = 0;
-  sim.PutNvBytes((1 << 20) - 1, &zero, 1);
-}
-
 class RestoreTest : public ::testing::Test {
  protected:
   void SetUp() override {
     unsetenv("SBACC_REPAIRLOCK_MAXRETRY");
     setenv("SANFWCTL_MASTER", "1", 1);  // this process (controller 0) is not the master
-    FullNv(sim_);
     sim_.SetAreas({{"a", 0x2000, kSize, 3}});
     blocks_ = sbacc::AllocLiveBlocks();
   }
@@ -55,19 +45,8 @@ class RestoreTest : public ::testing::Test {
     sbacc_reset_process_state();
     EXPECT_EQ(blocks_, sbacc::AllocLiveBlocks());
   }
-  void PutCopy(int hdd, const SBACC_HDD_HEADER& h, int seed) {
-    sim_.PutHeader(0, hdd, h);
-    const std::vector<uint8_t> d = Pattern(seed);
-    sim_.PutHddBytes(hdd, sim_.Areas()[0].addr + 128, d.data(), d.size());
-  }
-  // A valid NV entry, as a system that ran before has.
-  void PutNv(int hddcount) {
-    SBACC_MEM_LIST_ENTRY e{};
-    memcpy(e.magic, SBACC_MEM_MAGIC, 4);
-    strcpy(e.filename, "a");
-    e.version = 3, e.hddcount = hddcount;
-    sim_.PutNvEntry(0, e);
-  }
+  void PutCopy(int hdd, const SBACC_HDD_HEADER& h, int seed) { sim_.PutCopy(0, hdd, h, Pattern(seed)); }
+  void PutNv(int hddcount) { sim_.PutNvEntry(0, sbacc_test::ValidEntry("a", hddcount)); }
 
   Sim sim_{3};
   long blocks_ = 0;
@@ -143,18 +122,6 @@ TEST_F(VerdictTest, RecordsMaskAndVerdict) {
   }
 }
 
-TEST_F(RestoreTest, StaleCopyStaysFencedWhenRecordingFails) {
-  sim_.SetAreas({{"a", 0x2000, kSize, 2}});
-  PutNv(2);
-  PutCopy(0, Hdr("a", 0x2, 100, 1), 0);
-  PutCopy(1, Hdr("a", 0x0, 100, 1), 1);  // missed the last write
-  FaultEnv env;
-  env.FailOp(FaultEnv::kWrite, "", 0, 2, EIO);  // the first blockade write on both copies
-  EXPECT_EQ(0, sbacc_hdd_restore(0));
-  EXPECT_NE(0u, sim_.NvEntry(0).hddblockade & 0x2);
-  EXPECT_EQ(Pattern(1), sim_.Data(0, 1, kFill));  // not rebuilt, so never offered as current
-}
-
 // Fails the start of one area's restore worker.
 class FailAreaStart : public FaultEnv {
  public:
@@ -179,15 +146,12 @@ TEST_F(RestoreTest, ParallelRestoreRepairsEveryArea) {
     SCOPED_TRACE(std::to_string(areas) + " areas");
     const int last = areas - 1, inline_area = areas < 64 ? last : -1;
     Sim sim(2);
-    FullNv(sim);
     std::vector<sbacc_test::AreaSpec> specs;
     for (int a = 0; a < areas; ++a) specs.push_back({"area" + std::to_string(a), kSize * a, kSize, 2});
     sim.SetAreas(specs);
     for (int a = 0; a < areas; ++a) {
-      sim.PutHeader(a, 0, Hdr(specs[a].name, 0x2, 5, 1));
+      sim.PutCopy(a, 0, Hdr(specs[a].name, 0x2, 5, 1), Pattern(a));
       sim.PutHeader(a, 1, Hdr(specs[a].name, 0x0, 5, 1));
-      const std::vector<uint8_t> d = Pattern(a);
-      sim.PutHddBytes(0, specs[a].addr + 128, d.data(), d.size());
     }
     const uint8_t held = 1;
     sim.PutNvBytes(SBACC_NV_BASE + 128ull * last + kMemRepairlock + 1, &held, 1);

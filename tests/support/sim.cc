@@ -131,6 +131,36 @@ std::vector<uint8_t> Sim::Data(int area, int hdd, size_t len) const {
   return HddBytes(hdd, areas_.at(area).addr + 128, len);
 }
 
+void Sim::PutCopy(int area, int hdd, const SBACC_HDD_HEADER& h, const std::vector<uint8_t>& data) {
+  PutHeader(area, hdd, h);
+  if (!data.empty()) PutHddBytes(hdd, areas_.at(area).addr + 128, data.data(), data.size());
+}
+
+SBACC_HDD_HEADER ValidHeader(const std::string& name, uint64_t areasize, int32_t filesize, uint32_t mask) {
+  SBACC_HDD_HEADER h{};
+  memcpy(h.magic, SBACC_HDD_MAGIC, 4);
+  strncpy(h.filename, name.c_str(), sizeof h.filename - 1);
+  h.version = 3, h.areasize = static_cast<int32_t>(areasize), h.filesize = filesize, h.hddblockade = mask;
+  return h;
+}
+
+SBACC_MEM_LIST_ENTRY ValidEntry(const std::string& name, int hddcount, uint32_t mask) {
+  SBACC_MEM_LIST_ENTRY e{};
+  memcpy(e.magic, SBACC_MEM_MAGIC, 4);
+  strncpy(e.filename, name.c_str(), sizeof e.filename - 1);
+  e.version = 3, e.hddcount = hddcount, e.hddblockade = mask;
+  return e;
+}
+
+void* OpenArea(const std::string& name, const char* mode, boolean_t* clean) {
+  void* fp = nullptr;
+  boolean_t cf = B_FALSE;
+  const int rc = sbacc_open(name.c_str(), mode, &fp, &cf);
+  if (rc != 0) throw std::runtime_error("open " + name + " " + mode + ": " + std::to_string(rc));
+  if (clean != nullptr) *clean = cf;
+  return fp;
+}
+
 void Sim::RemoveHdd(int hdd) { ::unlink(HddPath(hdd).c_str()); }
 
 void Sim::RecreateHdd(int hdd) { MakeFile(HddPath(hdd), hdd_bytes_); }

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "sbacc.h"
 #include "sbacc_types.h"
 
 namespace sbacc_test {
@@ -70,6 +71,8 @@ class Sim {
   void PutHeader(int area, int hdd, const SBACC_HDD_HEADER& h);
   // Data bytes of an area's copy (from data offset 0).
   std::vector<uint8_t> Data(int area, int hdd, size_t len) const;
+  // A copy's header, and its data from data offset 0.
+  void PutCopy(int area, int hdd, const SBACC_HDD_HEADER& h, const std::vector<uint8_t>& data);
 
   void RemoveHdd(int hdd);
   void RecreateHdd(int hdd);  // empty, full size
@@ -80,6 +83,13 @@ class Sim {
   uint64_t hdd_bytes_;
   std::vector<AreaSpec> areas_;
 };
+
+// Records as a system that ran before leaves them: magic and version valid.
+SBACC_HDD_HEADER ValidHeader(const std::string& name, uint64_t areasize, int32_t filesize, uint32_t mask = 0);
+SBACC_MEM_LIST_ENTRY ValidEntry(const std::string& name, int hddcount, uint32_t mask = 0);
+
+// sbacc_open that throws when the open is refused.
+void* OpenArea(const std::string& name, const char* mode, boolean_t* clean = nullptr);
 
 // Collects every trace line the process writes while it lives.
 class TraceCapture {

@@ -1,0 +1,88 @@
+// Shared set-up of the fuzz targets: one simulated controller for the whole
+// process (areas "a" and "b", two copies each), made fresh for every input,
+// and the test Env, which records NV retry and lock back-off pauses instead
+// of sleeping them and can keep the workers in the calling thread.
+#ifndef SBACC_FUZZ_RIG_H
+#define SBACC_FUZZ_RIG_H
+
+#include <dirent.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include "fault_env.h"
+#include "sanfwctl.h"
+#include "sbacc.h"
+#include "sbacc_core.h"
+#include "sim.h"
+
+namespace sbacc_fuzz {
+
+constexpr int kCopies = 2;
+constexpr uint64_t kAreaAddr = 0x400, kAreaSize = 4096;
+
+inline void Check(bool ok) {
+  if (!ok) abort();
+}
+
+// Success or one of the library's codes.
+inline bool Known(int rc) { return rc >= 0 || strcmp(sbacc_code_name(rc), "SBACC_E_UNKNOWN") != 0; }
+
+inline int Tasks() {
+  int n = 0;
+  if (DIR* d = opendir("/proc/self/task")) {
+    while (struct dirent* e = readdir(d)) n += e->d_name[0] != '.';
+    closedir(d);
+  }
+  return n;
+}
+
+struct Rig {
+  static bool Prepare() {  // before the simulated controller is made
+    if (getenv("TMPDIR") == nullptr && access("/dev/shm", W_OK) == 0) setenv("TMPDIR", "/dev/shm", 1);
+    for (const char* v : {"SBACC_MEMSET_MAXRETRY", "SBACC_MEMGET_MAXRETRY", "SBACC_REPAIR_MAXRETRY",
+                          "SBACC_REPAIRLOCK_MAXRETRY", "SANFWCTL_MASTER"}) setenv(v, "1", 1);
+    setenv("SANFWCTL_NV_SIZE", "16384", 1);
+    unsetenv("MC_TRACE_FILE");
+    unsetenv("MC_TRACE_DIR");
+    return true;
+  }
+  bool prepared = Prepare();
+  sbacc_test::Sim sim{kCopies, 16 * 1024};
+  sbacc_test::FaultEnv env;
+  int tasks = Tasks();
+
+  // Zeroed images, the two areas, the library and the stand-ins reset; with
+  // threads off every worker's job runs in the calling thread (far faster
+  // under the sanitizers, and the same results).
+  void Fresh(bool threads) {
+    static const std::vector<uint8_t> zeros(16384, 0);
+    for (int i = 0; i < kCopies; ++i) sim.RecreateHdd(i);
+    sim.PutNvBytes(0, zeros.data(), zeros.size());
+    sim.SetAreas({{"a", kAreaAddr, kAreaSize, kCopies}, {"b", kAreaAddr + kAreaSize, kAreaSize, kCopies}});
+    sanfwctl_reset();
+    sbacc_reset_process_state();
+    env.ClearRules();
+    env.ResetCounters();
+    env.FailThreadStart(0, threads ? 0 : -1);
+    uint8_t b = 0;  // opens the NV image now, before a target counts descriptors
+    cpfw_nv_region_t region = 2;
+    cpfw_ioctl_nv_access req{reinterpret_cast<uintptr_t>(&b), 0, 1};
+    Ezosanfwctl_read_nv(-1, &region, &req, 1);
+  }
+  // Waits for the detached workers to leave, so a leak check between two
+  // inputs does not see a thread on its way out; then forgets the library's
+  // process state.
+  void Finish() {
+    for (int i = 0; i < 10000 && Tasks() > tasks; ++i) usleep(100);
+    sbacc_reset_process_state();
+  }
+};
+
+inline Rig& TheRig() {
+  static Rig rig;  // destroyed at exit, with its directory
+  return rig;
+}
+
+}  // namespace sbacc_fuzz
+
+#endif  // SBACC_FUZZ_RIG_H
