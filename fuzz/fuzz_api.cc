@@ -60,7 +60,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   while (in.more() && steps++ < max_steps) {
     const uint8_t op = in.u8();
     Handle& k = h[(op >> 4) % kHandles];
-    switch (op % 8)  // 6 is a pause {
+    switch (op % 8) {  // 6: a pause
       case 0: {  // open into slot k (closing what it held)
         if (k.fp != nullptr) Check(sbacc_close(k.fp) == 0);
         k = Handle{};

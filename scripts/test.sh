@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds the library, the tool and the tests with the default preset and runs
 # the whole test suite.  With --sanitizers it also runs the AddressSanitizer +
-# UndefinedBehaviorSanitizer and the ThreadSanitizer builds.
+# UndefinedBehaviorSanitizer and the ThreadSanitizer builds.  Ends with the
+# size of the tests against the code.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/deps.sh
@@ -10,3 +11,4 @@ if [ "${1:-}" = "--sanitizers" ]; then
   cmake --workflow --preset asan
   cmake --workflow --preset tsan
 fi
+bash scripts/test-share.sh

@@ -166,9 +166,7 @@ Images Capture(const Sim& sim) {
 
 // One session that writes data at offset 0.
 void Store(const std::string& name, const Bytes& data) {
-  void* fp = nullptr;
-  boolean_t clean = B_FALSE;
-  ASSERT_EQ(0, sbacc_open(name.c_str(), "w", &fp, &clean));
+  void* fp = sbacc_test::OpenArea(name, "w");
   EXPECT_EQ(static_cast<int>(data.size()), sbacc_write(data.data(), static_cast<int>(data.size()), 0, fp));
   EXPECT_EQ(0, sbacc_close(fp));
 }
@@ -377,9 +375,7 @@ TEST_F(CrashTest, CutWhileTheStartupRebuildsAStaleCopy) {
           env.SetNow(kSetupTime);
           ASSERT_NO_FATAL_FAILURE(Store("area", old_data));
           env.SetNow(kSetupTime + 10);
-          void* fp = nullptr;
-          boolean_t clean = B_FALSE;
-          ASSERT_EQ(0, sbacc_open("area", "w", &fp, &clean));
+          void* fp = sbacc_test::OpenArea("area", "w");
           env.FailOp(FaultEnv::kWrite, sim.HddPath(stale), 0, -1, EIO);
           ASSERT_EQ(3000, sbacc_write(new_data.data(), 3000, 0, fp));
           env.ClearRules();
@@ -387,9 +383,7 @@ TEST_F(CrashTest, CutWhileTheStartupRebuildsAStaleCopy) {
           if (closed) {
             ASSERT_EQ(0, sbacc_close(fp));
           } else {  // the controller stops: the handle is never closed
-            auto* sfd = static_cast<SBACC_FILE_DISCRIPTER*>(fp);
-            for (int h = 0; h < SBACC_HDD_MAX; ++h) sbacc_ma_close_hdd(sfd, h);
-            sbacc_ma_free_sfd(sfd);
+            sbacc_test::Abandon(fp);
           }
           ASSERT_EQ(1u << stale, sim.NvEntry(0).hddblockade);
           start = Capture(sim);

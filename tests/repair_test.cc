@@ -90,6 +90,7 @@ TEST_F(RepairTest, RebuildsOrGivesUp) {
     uint32_t mask = 0x2;
   } const kCases[] = {
       {"whole chunks", 4096, W, -1, 0, 0, nullptr, 0},
+      {"one byte past whole chunks", 4097, W, -1, 0, 0, nullptr, 0},
       {"empty: header only", 0, W, -1, 0, 0, nullptr, 0},
       {"negative size: header only", -9, W, -1, 0, 0, nullptr, 0},
       {"destination write fails three times", 5000, W, 1, 0, 3, nullptr, 0},

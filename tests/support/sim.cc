@@ -14,6 +14,7 @@
 #include "sanfwctl.h"
 #include "sbacc_core.h"
 #include "sbacc_l.h"
+#include "sbacc_ma.h"
 
 namespace sbacc_test {
 
@@ -161,40 +162,30 @@ void* OpenArea(const std::string& name, const char* mode, boolean_t* clean) {
   return fp;
 }
 
+void Abandon(void* fp) {
+  auto* sfd = static_cast<SBACC_FILE_DISCRIPTER*>(fp);
+  for (int h = 0; h < SBACC_HDD_MAX; ++h) sbacc_ma_close_hdd(sfd, h);
+  sbacc_ma_free_sfd(sfd);
+}
+
 void Sim::RemoveHdd(int hdd) { ::unlink(HddPath(hdd).c_str()); }
 
 void Sim::RecreateHdd(int hdd) { MakeFile(HddPath(hdd), hdd_bytes_); }
 
-namespace {
-std::mutex g_trace_mu;
-std::vector<TraceCapture::Line>* g_trace_lines = nullptr;
+TraceCapture::TraceCapture() { MC_TestSetCapture(&Add, this); }
 
-void CaptureLine(void*, int level, const char* module, int, const char* message) {
-  std::lock_guard<std::mutex> lock(g_trace_mu);
-  if (g_trace_lines != nullptr) g_trace_lines->push_back({level, module, message});
-}
-}  // namespace
+// After this returns no callback runs: the trace library calls them under its lock.
+TraceCapture::~TraceCapture() { MC_TestSetCapture(nullptr, nullptr); }
 
-TraceCapture::TraceCapture() {
-  {
-    std::lock_guard<std::mutex> lock(g_trace_mu);
-    delete g_trace_lines;
-    g_trace_lines = new std::vector<Line>();
-  }
-  // Outside our lock: the trace library calls CaptureLine under its own.
-  MC_TestSetCapture(&CaptureLine, nullptr);
-}
-
-TraceCapture::~TraceCapture() {
-  MC_TestSetCapture(nullptr, nullptr);
-  std::lock_guard<std::mutex> lock(g_trace_mu);
-  delete g_trace_lines;
-  g_trace_lines = nullptr;
+void TraceCapture::Add(void* self, int level, const char* module, int, const char* message) {
+  auto* t = static_cast<TraceCapture*>(self);
+  std::lock_guard<std::mutex> lock(t->mu_);
+  t->lines_.push_back({level, module, message});
 }
 
 std::vector<TraceCapture::Line> TraceCapture::Lines() const {
-  std::lock_guard<std::mutex> lock(g_trace_mu);
-  return g_trace_lines != nullptr ? *g_trace_lines : std::vector<Line>();
+  std::lock_guard<std::mutex> lock(mu_);
+  return lines_;
 }
 
 int TraceCapture::Count(const std::string& exact) const {

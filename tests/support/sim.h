@@ -5,6 +5,7 @@
 
 #include <stdint.h>
 
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -90,6 +91,8 @@ SBACC_MEM_LIST_ENTRY ValidEntry(const std::string& name, int hddcount, uint32_t 
 
 // sbacc_open that throws when the open is refused.
 void* OpenArea(const std::string& name, const char* mode, boolean_t* clean = nullptr);
+// A handle as a process that stops leaves it: its files closed, nothing written.
+void Abandon(void* fp);
 
 // Collects every trace line the process writes while it lives.
 class TraceCapture {
@@ -106,6 +109,11 @@ class TraceCapture {
   int CountContaining(const std::string& part) const;
   bool Has(const std::string& exact) const { return Count(exact) > 0; }
   std::string Dump() const;  // for failure messages
+
+ private:
+  static void Add(void* self, int level, const char* module, int line, const char* message);
+  mutable std::mutex mu_;
+  std::vector<Line> lines_;
 };
 
 // Open file descriptors of this process.
