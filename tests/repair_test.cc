@@ -130,7 +130,7 @@ TEST_F(RepairTest, ParallelRebuildsLoseNoBit) {
   for (int round = 0; round < 15 && !HasFailure(); ++round) {
     SBACC_FILE_DISCRIPTER* sfd = Prepare(7000, 0x6);
     FaultEnv env;
-    env.DelayWrites(sim_.HddPath(round % 2 + 1), 200);
+    env.DelayOp(FaultEnv::kWrite, sim_.HddPath(round % 2 + 1), 200);
     int rc[3] = {-1, -1, -1};
     std::thread t1([&] { rc[1] = sbacc_ma_hddrepair_copy(sfd, 0, 1); });
     std::thread t2([&] { rc[2] = sbacc_ma_hddrepair_copy(sfd, 0, 2); });

@@ -23,9 +23,11 @@ FaultEnv::FaultEnv() { sbacc::SetEnvForTest(this); }
 
 FaultEnv::~FaultEnv() { sbacc::SetEnvForTest(nullptr); }
 
-void FaultEnv::AddRule(Op op, const std::string& path, long start, long count, int err, size_t cut, unsigned delay) {
+void FaultEnv::AddRule(Op op, const std::string& path, long start, long count, int err, size_t cut, unsigned delay,
+                       bool replace) {
   std::lock_guard<std::mutex> lock(mu_);
-  rules_.push_back(Rule{op, Canonical(path), Window{start, count, 0}, err, cut, delay});
+  if (replace) std::erase_if(rules_, [op](const Rule& r) { return r.op == op; });
+  rules_.push_back(Rule{op, Canonical(path), start, count, 0, err, cut, delay});
 }
 
 void FaultEnv::ClearRules() {
@@ -44,27 +46,20 @@ bool FaultEnv::PowerIsCut() const {
   return power_cut_;
 }
 
-void FaultEnv::ArmTrip(Trip t, long start, long count, int err) {
+void FaultEnv::BoundWrites(uint64_t lo, uint64_t hi) {
   std::lock_guard<std::mutex> lock(mu_);
-  trips_[t] = Window{start, count, 0};
-  trip_errs_[t] = err;
+  bound_lo_ = lo, bound_hi_ = hi, stray_ = 0;
 }
 
-int FaultEnv::Tripped(Trip t) {
+long FaultEnv::StrayWrites() const {
   std::lock_guard<std::mutex> lock(mu_);
-  thread_starts_ += t == kThread;
-  return trips_[t].Hit() ? trip_errs_[t] : 0;
+  return stray_;
 }
 
 void FaultEnv::SetNow(time_t t) {
   std::lock_guard<std::mutex> lock(mu_);
   fixed_clock_ = true;
   now_ = t;
-}
-
-long FaultEnv::SleepCount() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return static_cast<long>(sleeps_.size());
 }
 
 std::vector<unsigned> FaultEnv::Sleeps() const {
@@ -74,26 +69,21 @@ std::vector<unsigned> FaultEnv::Sleeps() const {
 
 long FaultEnv::Calls(Op op, const std::string& path) const {
   std::lock_guard<std::mutex> lock(mu_);
-  if (path.empty()) return op_totals_[op];
-  auto it = calls_.find({op, Canonical(path)});
-  return it == calls_.end() ? 0 : it->second;
-}
-
-long FaultEnv::ThreadStarts() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return thread_starts_;
+  const std::string canon = Canonical(path);
+  long n = 0;
+  for (const auto& [key, count] : calls_) n += key.first == op && (path.empty() || key.second == canon) ? count : 0;
+  return n;
 }
 
 void FaultEnv::ResetCounters() {
   std::lock_guard<std::mutex> lock(mu_);
   calls_.clear();
-  std::fill(std::begin(op_totals_), std::end(op_totals_), 0L);
-  thread_starts_ = 0;
   sleeps_.clear();
 }
 
-FaultEnv::Verdict FaultEnv::Enter(Op op, int fd, const std::string& named) {
-  Verdict v;
+int FaultEnv::Enter(Op op, int fd, const std::string& named, size_t* cut) {
+  int err = 0;
+  unsigned delay = 0;
   {
     std::lock_guard<std::mutex> lock(mu_);
     std::string path = named;
@@ -111,24 +101,24 @@ FaultEnv::Verdict FaultEnv::Enter(Op op, int fd, const std::string& named) {
       if (op == kClose) fd_paths_.erase(fd);
     }
     ++calls_[{op, path}];
-    ++op_totals_[op];
     if (op == kWrite && power_budget_ >= 0 && !power_cut_) power_cut_ = power_budget_-- == 0;
     for (Rule& r : rules_) {
-      if (r.op != op || !(r.path.empty() || r.path == path) || !r.window.Hit()) continue;
-      v.delay += r.delay;
-      v.cut = std::max(v.cut, r.cut);
-      if (v.err == 0 && r.cut == 0) v.err = r.err;
+      if (r.op != op || !(r.path.empty() || r.path == path)) continue;
+      if (++r.seen <= r.start || (r.count >= 0 && r.seen > r.start + r.count)) continue;
+      delay += r.delay;
+      if (cut != nullptr) *cut = std::max(*cut, r.cut);
+      if (err == 0 && r.cut == 0) err = r.err;
     }
-    if (power_cut_ && op != kClose) v.err = EIO;
+    if (power_cut_ && op < kClose) err = EIO;
   }
-  if (v.delay > 0) ::usleep(v.delay);
-  if (v.err != 0) errno = v.err;
-  return v;
+  if (delay > 0) ::usleep(delay);
+  if (err != 0) errno = err;
+  return err;
 }
 
 int FaultEnv::Open(const char* path, int flags) {
   const std::string canon = Canonical(path != nullptr ? path : "");
-  if (Enter(kOpen, -1, canon).err != 0) return -1;
+  if (Enter(kOpen, -1, canon) != 0) return -1;
   const int fd = Env::Open(path, flags);
   if (fd >= 0) {
     std::lock_guard<std::mutex> lock(mu_);
@@ -137,22 +127,27 @@ int FaultEnv::Open(const char* path, int flags) {
   return fd;
 }
 
-int64_t FaultEnv::Seek(int fd, int64_t pos) { return Enter(kSeek, fd).err != 0 ? -1 : Env::Seek(fd, pos); }
+int64_t FaultEnv::Seek(int fd, int64_t pos) { return Enter(kSeek, fd) != 0 ? -1 : Env::Seek(fd, pos); }
 
 ssize_t FaultEnv::ReadAt(int fd, void* buf, size_t len, int64_t pos) {
-  const Verdict v = Enter(kRead, fd);
-  return v.err != 0 ? -1 : Env::ReadAt(fd, buf, len > v.cut ? len - v.cut : 0, pos);
+  size_t cut = 0;
+  return Enter(kRead, fd, "", &cut) != 0 ? -1 : Env::ReadAt(fd, buf, len > cut ? len - cut : 0, pos);
 }
 
 ssize_t FaultEnv::WriteAt(int fd, const void* buf, size_t len, int64_t pos) {
-  const Verdict v = Enter(kWrite, fd);
-  return v.err != 0 ? -1 : Env::WriteAt(fd, buf, len > v.cut ? len - v.cut : 0, pos);
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    const uint64_t at = static_cast<uint64_t>(pos);
+    if (bound_hi_ > bound_lo_ && (pos < 0 || at < bound_lo_ || at + len > bound_hi_)) ++stray_;
+  }
+  size_t cut = 0;
+  return Enter(kWrite, fd, "", &cut) != 0 ? -1 : Env::WriteAt(fd, buf, len > cut ? len - cut : 0, pos);
 }
 
-int FaultEnv::Fsync(int fd) { return Enter(kFsync, fd).err != 0 ? -1 : Env::Fsync(fd); }
+int FaultEnv::Fsync(int fd) { return Enter(kFsync, fd) != 0 ? -1 : Env::Fsync(fd); }
 
 int FaultEnv::Close(int fd) {
-  const int err = Enter(kClose, fd).err;
+  const int err = Enter(kClose, fd);
   // The real descriptor is released even when the call is made to fail, as
   // Linux does after a failed close: an injected fault must not leak an fd.
   const int rc = Env::Close(fd);
@@ -161,17 +156,17 @@ int FaultEnv::Close(int fd) {
 }
 
 int FaultEnv::StartThread(void* (*fn)(void*), void* arg) {
-  const int err = Tripped(kThread);
+  const int err = Enter(kThread, -1);
   return err != 0 ? err : Env::StartThread(fn, arg);
 }
 
 int FaultEnv::MutexInit(pthread_mutex_t* m) {
-  const int err = Tripped(kMutex);
+  const int err = Enter(kMutex, -1);
   return err != 0 ? err : Env::MutexInit(m);
 }
 
 int FaultEnv::CondInit(pthread_cond_t* c) {
-  const int err = Tripped(kCond);
+  const int err = Enter(kCond, -1);
   return err != 0 ? err : Env::CondInit(c);
 }
 

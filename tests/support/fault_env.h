@@ -3,9 +3,9 @@
 // says otherwise, sleeps are recorded instead of slept, and the clock can be
 // fixed.
 //
-// Paths: a rule names a path as the test knows it ("" = any path).  Both
-// sides are compared in canonical form when the file exists; descriptors the
-// test opened itself are resolved through /proc/self/fd.
+// Paths: a rule names a path as the test knows it ("" = any path); both sides
+// are compared in canonical form.  Descriptors the test opened itself are
+// resolved through /proc/self/fd.
 //
 // Counting: each rule counts the calls it matches from the moment it is added;
 // calls S+1 .. S+N are hit (N = -1: every call after the first S).  Calls()
@@ -31,7 +31,8 @@ namespace sbacc_test {
 
 class FaultEnv : public sbacc::Env {
  public:
-  enum Op { kOpen = 0, kSeek, kRead, kWrite, kFsync, kClose, kOpCount };
+  // The file calls, then the thread and lock set-ups (which name no path).
+  enum Op { kOpen = 0, kSeek, kRead, kWrite, kFsync, kClose, kThread, kMutex, kCond };
 
   FaultEnv();            // installs itself with SetEnvForTest
   ~FaultEnv() override;  // restores the default
@@ -44,31 +45,32 @@ class FaultEnv : public sbacc::Env {
   void ShortOp(Op op, const std::string& path, long start, long count, size_t cut) { AddRule(op, path, start, count, 0, cut, 0); }
   // Every call of `op` on `path` first really sleeps `micros`.
   void DelayOp(Op op, const std::string& path, unsigned micros) { AddRule(op, path, 0, -1, 0, 0, micros); }
-  void DelayWrites(const std::string& path, unsigned micros) { DelayOp(kWrite, path, micros); }
+  // StartThread / MutexInit / CondInit calls start+1 .. start+count (counted
+  // from now) return `err` without doing anything; each call replaces the last.
+  void FailThreadStart(long start, long count, int err = EAGAIN) { AddRule(kThread, "", start, count, err, 0, 0, true); }
+  void FailMutexInit(long start, long count, int err = ENOMEM) { AddRule(kMutex, "", start, count, err, 0, 0, true); }
+  void FailCondInit(long start, long count, int err = ENOMEM) { AddRule(kCond, "", start, count, err, 0, 0, true); }
   void ClearRules();  // counters stay
 
   // Power cut: counting writes on all paths from now, write n+1 never reaches
-  // its file and fails with EIO, and from then on every call but Close fails
-  // with EIO (Close still closes the real descriptor).  n < 0 restores power.
+  // its file and fails with EIO, and from then on every file call but Close
+  // fails with EIO (Close still closes the real descriptor).  n < 0 restores power.
   void PowerCutAfterWrites(long n);
   bool PowerIsCut() const;
 
-  // StartThread / MutexInit / CondInit calls start+1 .. start+count (counted
-  // from now) return `err` without doing anything.
-  void FailThreadStart(long start, long count, int err = EAGAIN) { ArmTrip(kThread, start, count, err); }
-  void FailMutexInit(long start, long count, int err = ENOMEM) { ArmTrip(kMutex, start, count, err); }
-  void FailCondInit(long start, long count, int err = ENOMEM) { ArmTrip(kCond, start, count, err); }
+  // From now every write must land inside bytes [lo, hi) of its file (the
+  // area the call works on); StrayWrites() counts those that did not.
+  void BoundWrites(uint64_t lo, uint64_t hi);
+  long StrayWrites() const;
 
   void SetNow(time_t t);  // fixes the clock
-
-  long SleepCount() const;
   std::vector<unsigned> Sleeps() const;
+  long SleepCount() const { return static_cast<long>(Sleeps().size()); }
 
   // Calls of `op` on `path` so far ("" = on every path together).
   long Calls(Op op, const std::string& path = "") const;
-  // Writes attempted so far on every path (the numbering power cuts use).
-  long Writes() const { return Calls(kWrite); }
-  long ThreadStarts() const;
+  long Writes() const { return Calls(kWrite); }  // the numbering power cuts use
+  long ThreadStarts() const { return Calls(kThread); }
   // Zeroes the call counters and the sleep record (rules keep their own).
   void ResetCounters();
 
@@ -86,45 +88,33 @@ class FaultEnv : public sbacc::Env {
   time_t Now() override;
 
  private:
-  enum Trip { kThread, kMutex, kCond, kTripCount };
-  struct Window {
-    long start = 0, count = 0, seen = 0;
-    bool Hit() { return ++seen > start && (count < 0 || seen <= start + count); }
-  };
   struct Rule {
     Op op;
     std::string path;  // canonical, "" = any
-    Window window;
+    long start, count, seen;
     int err;
     size_t cut;
     unsigned delay;
   };
-  struct Verdict {
-    int err = 0;  // non-zero: fail with this errno
-    size_t cut = 0;
-    unsigned delay = 0;
-  };
 
-  void AddRule(Op op, const std::string& path, long start, long count, int err, size_t cut, unsigned delay);
-  void ArmTrip(Trip t, long start, long count, int err);
-  int Tripped(Trip t);
+  void AddRule(Op op, const std::string& path, long start, long count, int err, size_t cut, unsigned delay,
+               bool replace = false);
   // Counts the call and applies the rules under the lock, then sleeps any
-  // delay; on failure errno is set.  `fd` < 0: the call names `path`.
-  Verdict Enter(Op op, int fd, const std::string& path = "");
+  // delay.  Returns the errno to fail with (also set in errno), 0 for none;
+  // `cut` gets the bytes to leave out.  `fd` < 0: the call names `path`.
+  int Enter(Op op, int fd, const std::string& path = "", size_t* cut = nullptr);
 
   mutable std::mutex mu_;
   std::map<int, std::string> fd_paths_;
   std::vector<Rule> rules_;
   std::map<std::pair<int, std::string>, long> calls_;
-  long op_totals_[kOpCount] = {};
   long power_budget_ = -1;  // writes still allowed since arming; -1 = disarmed
   bool power_cut_ = false;
-  Window trips_[kTripCount];
-  int trip_errs_[kTripCount] = {};
-  long thread_starts_ = 0;
   bool fixed_clock_ = false;
   time_t now_ = 0;
   std::vector<unsigned> sleeps_;
+  uint64_t bound_lo_ = 0, bound_hi_ = 0;  // no bound while equal
+  long stray_ = 0;
 };
 
 }  // namespace sbacc_test
