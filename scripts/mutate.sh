@@ -305,8 +305,14 @@ emit(f"# {'id':<6} {'result':<30} {'killing test':<62} {'time':>5}")
 
 killed = built = 0
 survivors, unbuilt, bad = [], [], []
+layers = {}  # layer -> [killed, built, total]
+def layer_of(m):
+    d = m["desc"]
+    return d[1:d.index("]")] if d.startswith("[") and "]" in d else "?"
 for m, target, problem in checked:
     start = time.monotonic()
+    tally = layers.setdefault(layer_of(m), [0, 0, 0])
+    tally[2] += 1
     if problem:
         bad.append(m["id"])
         emit(f"{m['id']:<8} {'bad entry':<30} {problem:<62} {0:>4}s")
@@ -324,17 +330,22 @@ for m, target, problem in checked:
         emit(f"{m['id']:<8} {'did not build':<30} {'-':<62} {secs:>4.0f}s")
         continue
     built += 1
+    tally[1] += 1
     if failure is None:
         survivors.append(m["id"])
         emit(f"{m['id']:<8} {'survived':<30} {'-':<62} {secs:>4.0f}s")
         continue
     killed += 1
+    tally[0] += 1
     result = "killed" if failure[1] == "fail" else "timed out (counted as killed)"
-    emit(f"{m['id']:<8} {result:<30} {failure[0]:<62} {secs:>4.0f}s")
+    # ctest appends "  # GetParam() = ..." to parameterised names; the gtest name is enough.
+    emit(f"{m['id']:<8} {result:<30} {failure[0].split('  #')[0]:<62} {secs:>4.0f}s")
 
 # Leave the tree built from the unmodified sources.
 build("final.build.log")
 pct = 100.0 * killed / built if built else 0.0
+for name, (k, b, n) in sorted(layers.items()):
+    emit(f"# layer {name + ':':<22} {k} killed of {b} built ({n} listed)")
 emit(f"mutation score: {killed} killed of {built} built ({pct:.1f}%)")
 emit("survivors: " + (" ".join(survivors) if survivors else "none"))
 if unbuilt:
