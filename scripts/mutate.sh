@@ -44,6 +44,13 @@ trap 'restore_backups; exit 130' INT
 trap 'restore_backups; exit 143' TERM HUP
 restore_backups
 
+# The end check compares common/ with the commit, and a mutant must never land
+# on top of someone's unsaved edits.
+if [[ " $* " != *" --list "* ]] && [ -n "$(git status --porcelain -- common/)" ]; then
+  echo "mutate.sh: common/ has uncommitted changes; commit or stash them first" >&2
+  exit 1
+fi
+
 mkdir -p "$BUILD"
 if [ ! -f "$BUILD/build.ninja" ]; then
   # Like the default preset, without -Werror: a mutant may well warn.
