@@ -27,7 +27,6 @@ set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME sbacc)
 set(CPACK_PACKAGE_VENDOR "libsbacc developers")
 set(CPACK_PACKAGE_CONTACT "libsbacc developers <sbacc-dev@example.org>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "mirrored, crash-safe access to named data areas")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_STRIP_FILES ON)
 set(CPACK_SET_DESTDIR OFF)
@@ -42,6 +41,9 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_CURRENT_BINARY_DIR})
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY "=")
+# Packages with shared libraries refresh the loader cache through the trigger.
+set(CPACK_DEBIAN_LIB_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/triggers)
+set(CPACK_DEBIAN_STANDINS_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/triggers)
 set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
 
 foreach(component lib tool dev standins)
@@ -57,18 +59,18 @@ set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libsbacc1 (= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_STANDINS_PACKAGE_PROVIDES "sbacc-platform-libs")
 set(CPACK_COMPONENT_LIB_DESCRIPTION "mirrored, crash-safe access to named data areas
- libsbacc keeps a fixed set of named data areas in up to eight HDD-file
- copies with a state record in NV memory, fences off failing copies and
- restores stale ones at start-up.")
+libsbacc keeps a fixed set of named data areas in up to eight HDD-file
+copies with a state record in NV memory, fences off failing copies and
+restores stale ones at start-up.")
 set(CPACK_COMPONENT_TOOL_DESCRIPTION "tool to inspect and drive libsbacc data areas
- The sbacc tool shows the state of every area and its copies, reads and
- writes area data, runs the start-up restore and scrubs the copies, with
- a monthly systemd timer for the scrub.")
+The sbacc tool shows the state of every area and its copies, reads and
+writes area data, runs the start-up restore and scrubs the copies, with
+a monthly systemd timer for the scrub.")
 set(CPACK_COMPONENT_DEV_DESCRIPTION "development files for libsbacc
- The C header, the link library, a pkg-config file, a CMake package and
- the sbacc(3) manual page.")
+The C header, the link library, a pkg-config file, a CMake package and
+the sbacc(3) manual page.")
 set(CPACK_COMPONENT_STANDINS_DESCRIPTION "stand-in platform libraries for libsbacc
- Stand-ins for the controller's firmware-control and trace libraries, for
- development and testing away from a controller.  Do not install them on
- a controller: they would shadow the real libraries.")
+Stand-ins for the controller's firmware-control and trace libraries, for
+development and testing away from a controller.  Do not install them on
+a controller: they would shadow the real libraries.")
 include(CPack)

@@ -32,7 +32,7 @@ for deb in "${debs[@]}"; do
 done
 
 step "lintian"
-lintian --fail-on error --no-tag-display-limit "${debs[@]}"
+lintian --fail-on error --tag-display-limit 0 "${debs[@]}"
 
 # Builds the consumer with pkg-config and with find_package against the tree
 # at $1 (its prefix), runs it and the installed tool on a simulated
