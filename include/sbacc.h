@@ -92,9 +92,9 @@ typedef struct _TAG_SBACC_REPAIR_HDD {
 
 /* sbacc_open: opens the area named filename, as configured in the area list.
  *
- * mode: "r" reads only and writes nothing to the media; "w" reads and writes
- * and records the open in the copies' headers.  Compared whole and
- * case-sensitively: any other string is refused.
+ * mode: "r" reads only and leaves no trace of the open in the headers; "w"
+ * reads and writes and records the open in the copies' headers.  Compared
+ * whole and case-sensitively: any other string is refused.
  *
  * On success returns 0, stores the handle in *fp and sets *closeflag:
  * B_TRUE when the area was closed cleanly after its last "w" open, B_FALSE

@@ -49,6 +49,8 @@ consume() {
    cc -Wall -Werror -o "$work/pc-$name" "$src/packaging/consumer/consumer.c" \
      $(PKG_CONFIG_PATH=$pcdir pkg-config --cflags --libs sbacc)
    LD_LIBRARY_PATH=$libpath "$work/pc-$name" envfw_backup0 "pkg-config $name"
+   # The platform libraries are the library's needs, not the program's.
+   ! readelf -d "$work/pc-$name" | grep -E 'NEEDED.*(mc_logapi|sanfwctl)'
    cmake -S "$src/packaging/consumer" -B "$work/cm-$name" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
    cmake --build "$work/cm-$name" >/dev/null
    "$work/cm-$name/consumer" envfw_backup0 "find_package $name"
