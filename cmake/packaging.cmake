@@ -9,9 +9,10 @@ set(SBACC_DEB_standins sbacc-standins)
 
 # Every package carries its copyright and changelog, as Debian requires.
 set(SBACC_CHANGELOG ${CMAKE_CURRENT_BINARY_DIR}/changelog.gz)
+configure_file(packaging/changelog.in ${CMAKE_CURRENT_BINARY_DIR}/changelog @ONLY)
 add_custom_command(OUTPUT ${SBACC_CHANGELOG}
-  COMMAND gzip -9nc ${CMAKE_CURRENT_SOURCE_DIR}/packaging/changelog > ${SBACC_CHANGELOG}
-  DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/packaging/changelog)
+  COMMAND gzip -9nc ${CMAKE_CURRENT_BINARY_DIR}/changelog > ${SBACC_CHANGELOG}
+  DEPENDS ${CMAKE_CURRENT_BINARY_DIR}/changelog)
 add_custom_target(sbacc_changelog ALL DEPENDS ${SBACC_CHANGELOG})
 foreach(component lib tool dev standins)
   set(exclude "")
