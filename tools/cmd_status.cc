@@ -5,6 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "scrub.h"
 #include "tool.h"
 
 namespace sbacc_tool {
@@ -42,7 +43,9 @@ nlohmann::json TimeJson(int64_t t) { return t == 0 ? nlohmann::json(nullptr) : n
 
 // The --json shape, one object per area, keys always present (null when the
 // value could not be read):
-// {"ok": bool, "areas": [{
+// {"ok": bool, "last_scrub": null | {"time": n, "areas": n, "compared": n, "mismatches": n,
+//                                     "repaired": n, "status": n} | {"error": s},
+//  "areas": [{
 //    "index": n, "name": s, "address": n, "size": n, "capacity": n,
 //    "verdict": "ok" | "degraded" | "no usable copy" | "NV not initialised" | "NV unreadable",
 //    "usable": n,
@@ -172,7 +175,10 @@ int CmdStatus(const std::vector<std::string>& names, bool json) {
   }
   if (json) {
     out["ok"] = all_ok;
+    out["last_scrub"] = LastScrub();
     printf("%s\n", out.dump(2).c_str());
+  } else if (const std::string scrub = LastScrubLine(); !scrub.empty()) {
+    printf("\n%s\n", scrub.c_str());
   }
   return all_ok ? kExitOk : kExitFound;
 }

@@ -12,6 +12,7 @@
 #include "sbacc_core.h"
 #include "sbacc_l.h"
 #include "sbacc_ma.h"
+#include "scrub.h"
 #include "tool.h"
 
 namespace sbacc_tool {
@@ -234,8 +235,9 @@ int CmdVerify(const std::vector<std::string>& names, bool repair, int controller
          t.compared == 1 ? "y" : "ies", t.mismatches, t.mismatches == 1 ? "" : "es");
   if (repair) printf(", %d repaired", t.repaired);
   printf("\n");
-  if (t.error) return kExitError;
-  return t.found ? kExitFound : kExitOk;
+  const int status = t.error ? kExitError : (t.found ? kExitFound : kExitOk);
+  KeepScrubRecord({t.areas, t.compared, t.mismatches, t.repaired, status});
+  return status;
 }
 
 }  // namespace sbacc_tool

@@ -13,6 +13,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "doc.h"
 #include "tool.h"
 
 namespace {
@@ -58,17 +59,11 @@ int Fail(CLI::App* app, const std::string& message, bool usage) {
   return kExitError;
 }
 
-constexpr const char* kFooter =
-    "Exit status: 0 done, 1 something found wrong (status, verify), 2 bad usage or a library error.\n"
-    "Environment: SBACC_FILELIST (area list), SANFWCTL_NV_IMAGE (NV memory image),\n"
-    "MC_TRACE_FILE and MC_TRACE_DIR (library trace), as for the library itself.\n"
-    "A simulated controller to try things on: sbacc sim create DIR --help";
-
 }  // namespace
 
 int main(int argc, char** argv) {
   CLI::App app{"Look at and drive the mirrored data areas of a controller.", "sbacc"};
-  app.footer(kFooter);
+  app.footer(HelpFooter());
   app.require_subcommand(1);
   app.set_version_flag("--version", "sbacc 1.1.0");
 
@@ -150,6 +145,8 @@ int main(int argc, char** argv) {
   sim_replace->add_option("DIR", file, "Simulated controller directory")->required();
   sim_replace->add_option("COPY", copy, "Copy (disk) number")->required()->check(kByteCount);
 
+  CLI::App* doc = AddDocCommand(app);
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
@@ -185,6 +182,7 @@ int main(int argc, char** argv) {
     if (*sim_create) return CmdSimCreate(sim_opts);
     if (*sim_pull) return CmdSimPull(file, copy);
     if (*sim_replace) return CmdSimReplace(file, copy);
+    if (*doc) return CmdDoc(app, *doc);
   } catch (const UsageError& e) {
     return Fail(where, e.what(), true);
   } catch (const LibError& e) {

@@ -43,6 +43,7 @@ class ToolTest : public ::testing::Test {
     setenv("SBACC_FILELIST", (dir_ + "/filelist.ini").c_str(), 1);
     setenv("SANFWCTL_NV_IMAGE", (dir_ + "/nv.img").c_str(), 1);
     setenv("MC_TRACE_FILE", (dir_ + "/log/sbacc.log").c_str(), 1);
+    setenv("SBACC_SCRUB_RECORD", (tmp_ + "/last-scrub").c_str(), 1);
   }
   void TearDown() override { std::filesystem::remove_all(tmp_); }
 
@@ -146,6 +147,8 @@ TEST_F(ToolTest, VerifyFindsAndRepairsAPlantedMismatch) {
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.out.find(c.report), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("1 mismatch"), std::string::npos) << r.out;
+    const nlohmann::json scrub = Status("", 0)["last_scrub"];  // kept by verify for status
+    EXPECT_EQ((std::vector<int>{scrub["areas"], scrub["mismatches"], scrub["status"]}), (std::vector<int>{8, 1, 1}));
     r = Run({"verify", "--repair", "envfw_backup1"});
     EXPECT_EQ(r.status, 0) << r.out << r.err;
     EXPECT_NE(r.out.find("envfw_backup1: copy 1 rewritten from copy 0"), std::string::npos) << r.out;
@@ -175,7 +178,8 @@ TEST_F(ToolTest, BadInputExits2AndWritesNothing) {
       {{"init", "--controller", "7"}, "", "not in range 0 to 3"},
       {{"repair-init"}, "", "--controller is required"},
       {{"sim", "pull", dir_, "2"}, "", "no copy 2"},
-      {{"sim", "create", dir_}, "", "already holds a simulated controller"}};
+      {{"sim", "create", dir_}, "", "already holds a simulated controller"},
+      {{"__doc", "nonsense"}, "", "expected man, markdown or complete"}};
   ASSERT_EQ(Run({"init"}).status, 0);
   ASSERT_EQ(Run({"put", "envfw_backup0"}, "keep").status, 0);
   const std::string before = Images();

@@ -1,0 +1,264 @@
+// sbacc __doc: the man page, the README's command table and the completion
+// words, all walked out of the CLI definitions in main.cc, so an option added
+// there shows up everywhere without another edit.
+#include "doc.h"
+
+#include <stdio.h>
+
+#include <string>
+#include <vector>
+
+#include "tool.h"
+
+#ifndef SBACC_VERSION
+#define SBACC_VERSION "unknown"
+#endif
+
+namespace sbacc_tool {
+
+namespace {
+
+struct Entry {
+  const char* name;
+  const char* text;
+};
+
+const Entry kExitStatus[] = {
+    {"0", "done: nothing found wrong"},
+    {"1", "something found wrong: status, a copy not usable or an NV entry not initialised; "
+          "verify, copies that differ"},
+    {"2", "bad usage or a library error: the code is shown with its name and meaning"},
+};
+
+// Name, what it is, and the short form for --help (empty: not listed there).
+struct EnvEntry {
+  const char* name;
+  const char* text;
+  const char* brief;
+};
+
+const EnvEntry kEnvironment[] = {
+    {"SBACC_FILELIST", "The area list (default /etc/env_frmwkapi/filelist.ini).", "area list"},
+    {"SANFWCTL_NV_IMAGE", "NV memory image of the stand-in platform library (default /var/tmp/sanfwctl-nv.img).",
+     "NV memory image"},
+    {"MC_TRACE_FILE", "Library trace file; '-' is standard error, unset is nowhere.", "library trace"},
+    {"MC_TRACE_DIR", "Directory of the per-thread trace files.", ""},
+    {"MC_TRACE_LEVEL", "Trace level 1-5.", ""},
+    {"SBACC_MEMSET_MAXRETRY", "NV write retries, 1-999 (default 5).", ""},
+    {"SBACC_MEMGET_MAXRETRY", "NV read retries, 1-999 (default 5).", ""},
+    {"SBACC_REPAIR_MAXRETRY", "Repair copy retries, 1-999 (default 3).", ""},
+    {"SBACC_REPAIRLOCK_MAXRETRY", "Repair lock back-offs, 1-999 (default 3).", ""},
+    {"SBACC_SCRUB_RECORD",
+     "Where verify keeps the last scrub's result and status reads it (default /var/lib/sbacc/last-scrub, "
+     "kept only when its directory exists).",
+     "last scrub record"},
+};
+
+const Entry kFiles[] = {
+    {"/etc/env_frmwkapi/filelist.ini", "The area list: name,address(hex),size(decimal),hdd-path[,hdd-path...]."},
+    {"/var/lib/sbacc/last-scrub", "The last verify's time, areas and mismatches."},
+    {"sbacc-scrub.timer", "Runs sbacc verify monthly through sbacc-scrub.service (not enabled by default)."},
+};
+
+bool Visible(const CLI::App* a) { return !a->get_group().empty(); }
+
+std::vector<const CLI::App*> Commands(const CLI::App& app) {
+  std::vector<const CLI::App*> out;
+  for (const CLI::App* a : app.get_subcommands([](const CLI::App* a) { return Visible(a); })) out.push_back(a);
+  return out;
+}
+
+std::vector<const CLI::Option*> Options(const CLI::App& app, bool positional) {
+  std::vector<const CLI::Option*> out;
+  for (const CLI::Option* o : app.get_options()) {
+    if (o->get_positional() == positional && !o->get_group().empty()) out.push_back(o);
+  }
+  return out;
+}
+
+std::string FullName(const CLI::App* a) {
+  std::string name;
+  for (; a != nullptr; a = a->get_parent()) name = a->get_name() + (name.empty() ? "" : " ") + name;
+  return name;
+}
+
+// "INT" from "INT:INT in [0 - 3]"; empty for a flag.
+std::string ValueName(const CLI::Option* o) {
+  if (o->get_items_expected_max() == 0) return "";
+  std::string t = o->get_type_name();
+  return t.substr(0, t.find(':'));
+}
+
+std::string Names(const CLI::Option* o) {
+  std::string out;
+  for (const std::string& s : o->get_snames()) out += (out.empty() ? "-" : ", -") + s;
+  for (const std::string& l : o->get_lnames()) out += (out.empty() ? "--" : ", --") + l;
+  return out;
+}
+
+std::string Positional(const CLI::Option* o) {
+  std::string p = o->get_name();
+  if (o->get_items_expected_max() > 1) p += "...";
+  return o->get_required() ? p : "[" + p + "]";
+}
+
+// "sbacc verify [--repair] [--controller INT] [AREA...]"
+std::string Synopsis(const CLI::App* a) {
+  std::string s = FullName(a);
+  for (const CLI::Option* o : Options(*a, false)) {
+    if (o == a->get_help_ptr()) continue;
+    std::string n = o->get_lnames().empty() ? "-" + o->get_snames().front() : "--" + o->get_lnames().front();
+    const std::string v = ValueName(o);
+    const std::string word = n + (v.empty() ? "" : " " + v);
+    s += " " + (o->get_required() ? word : "[" + word + "]");
+  }
+  if (!Commands(*a).empty()) s += " COMMAND";
+  for (const CLI::Option* o : Options(*a, true)) s += " " + Positional(o);
+  return s;
+}
+
+// Every command that does something, depth first.
+void Leaves(const CLI::App* a, std::vector<const CLI::App*>* out) {
+  for (const CLI::App* c : Commands(*a)) {
+    if (Commands(*c).empty()) out->push_back(c);
+    Leaves(c, out);
+  }
+}
+
+// Roff text: backslashes escaped, hyphens kept literal, no line taken for a
+// request.
+std::string Roff(const std::string& text) {
+  std::string out;
+  for (char c : text) {
+    if (c == '\\') {
+      out += "\\e";
+    } else if (c == '-') {
+      out += "\\-";
+    } else {
+      out += c;
+    }
+    if (c == '\n') out += "\\&";
+  }
+  return "\\&" + out;
+}
+
+void PrintManPage(const CLI::App& app) {
+  printf(".TH SBACC 1 \"\" \"sbacc %s\" \"User Commands\"\n", SBACC_VERSION);
+  printf(".SH NAME\nsbacc \\- look at and drive the mirrored data areas of a controller\n");
+  printf(".SH SYNOPSIS\n.B sbacc\n.I COMMAND\n.RI [ OPTIONS ]\n.RI [ ARGUMENTS ]\n");
+  printf(".br\n.B sbacc\n.BR \\-\\-help \" | \" \\-\\-version\n");
+  printf(".SH DESCRIPTION\n%s\nEvery command has\n.BR \\-\\-help .\n", Roff(app.get_description()).c_str());
+  printf(".SH COMMANDS\n");
+  std::vector<const CLI::App*> leaves;
+  Leaves(&app, &leaves);
+  for (const CLI::App* c : leaves) {
+    printf(".SS \"%s\"\n%s\n", Roff(Synopsis(c)).c_str(), Roff(c->get_description()).c_str());
+    for (const CLI::Option* o : Options(*c, true)) {
+      printf(".TP\n.I %s\n%s\n", Roff(o->get_name()).c_str(), Roff(o->get_description()).c_str());
+    }
+    for (const CLI::Option* o : Options(*c, false)) {
+      if (o == c->get_help_ptr()) continue;
+      const std::string v = ValueName(o);
+      std::string text = o->get_description();
+      if (!o->get_default_str().empty()) text += " (default " + o->get_default_str() + ")";
+      printf(".TP\n\\fB%s\\fR%s\n%s\n", Roff(Names(o)).c_str(), v.empty() ? "" : (" \\fI" + Roff(v) + "\\fR").c_str(),
+             Roff(text).c_str());
+    }
+    // A subcommand without a footer of its own shows the top-level one.
+    if (!c->get_footer().empty() && c->get_footer() != app.get_footer()) {
+      printf(".PP\n%s\n", Roff(c->get_footer()).c_str());
+    }
+  }
+  printf(".SH \"EXIT STATUS\"\n");
+  for (const Entry& e : kExitStatus) printf(".TP\n.B %s\n%s\n", e.name, Roff(e.text).c_str());
+  printf(".SH ENVIRONMENT\n");
+  for (const EnvEntry& e : kEnvironment) printf(".TP\n.B %s\n%s\n", e.name, Roff(e.text).c_str());
+  printf(".SH FILES\n");
+  for (const Entry& e : kFiles) printf(".TP\n.I %s\n%s\n", Roff(e.name).c_str(), Roff(e.text).c_str());
+  printf(".SH \"SEE ALSO\"\n.BR sbacc (3)\n");
+}
+
+std::string Cell(std::string text) {
+  for (size_t i = 0; (i = text.find('|', i)) != std::string::npos; i += 2) text.replace(i, 1, "\\|");
+  return text;
+}
+
+void PrintMarkdown(const CLI::App& app) {
+  printf("| command | what |\n|---|---|\n");
+  std::vector<const CLI::App*> leaves;
+  Leaves(&app, &leaves);
+  for (const CLI::App* c : leaves) {
+    printf("| `%s` | %s |\n", Cell(Synopsis(c)).c_str(), Cell(c->get_description()).c_str());
+  }
+}
+
+// The words that may follow `words` on a command line: subcommands, options,
+// and the configured area names where an AREA goes.
+void PrintCompletion(const CLI::App& app, const std::vector<std::string>& words) {
+  const CLI::App* at = &app;
+  for (const std::string& w : words) {
+    for (const CLI::App* c : Commands(*at)) {
+      if (c->get_name() == w) {
+        at = c;
+        break;
+      }
+    }
+  }
+  for (const CLI::App* c : Commands(*at)) printf("%s\n", c->get_name().c_str());
+  for (const CLI::Option* o : Options(*at, false)) {
+    for (const std::string& l : o->get_lnames()) printf("--%s\n", l.c_str());
+  }
+  for (const CLI::Option* o : Options(*at, true)) {
+    if (o->get_name() != "AREA") continue;
+    try {
+      for (const SBACC_FILE_LIST_ENTRY& e : Areas()) printf("%s\n", e.filename);
+    } catch (const std::exception&) {
+      // No area list here: complete the rest.
+    }
+  }
+}
+
+}  // namespace
+
+std::string HelpFooter() {
+  std::string out = "Exit status:";
+  for (const Entry& e : kExitStatus) {
+    std::string t = e.text;
+    out += std::string(" ") + e.name + " " + t.substr(0, t.find(':')) + (e.name[0] == '2' ? "." : ",");
+  }
+  out += "\nEnvironment:";
+  const char* sep = " ";
+  for (const EnvEntry& e : kEnvironment) {
+    if (e.brief[0] == '\0') continue;
+    out += std::string(sep) + e.name + " (" + e.brief + ")";
+    sep = ", ";
+  }
+  out +=
+      ";\nthe library's retry and trace variables apply unchanged (man sbacc).\n"
+      "A simulated controller to try things on: sbacc sim create DIR --help";
+  return out;
+}
+
+CLI::App* AddDocCommand(CLI::App& app) {
+  CLI::App* doc = app.add_subcommand("__doc", "Print the man page, the README table or completion words.");
+  doc->group("");
+  doc->prefix_command();
+  return doc;
+}
+
+int CmdDoc(const CLI::App& app, const CLI::App& doc) {
+  const std::vector<std::string> args = doc.remaining();
+  const std::string what = args.empty() ? "" : args.front();
+  if (what == "man") {
+    PrintManPage(app);
+  } else if (what == "markdown") {
+    PrintMarkdown(app);
+  } else if (what == "complete") {
+    PrintCompletion(app, std::vector<std::string>(args.begin() + 1, args.end()));
+  } else {
+    throw UsageError("expected man, markdown or complete");
+  }
+  return kExitOk;
+}
+
+}  // namespace sbacc_tool
