@@ -135,18 +135,47 @@ class AreaProbe {
 // reports of what differs.
 std::vector<std::string> HeaderFieldsDiffering(const uint8_t* a, const uint8_t* b);
 
+// ---- Other processes on the controller ---------------------------------------
+
+struct FileUser {
+  int pid = 0;
+  std::string command;
+  std::string path;
+};
+// SANFWCTL_NV_IMAGE, or the stand-in's default.
+std::string NvImagePath();
+// Every HDD file of the area list, and the NV image.
+std::vector<std::string> ControllerFiles();
+// Other processes that hold any of these files open (from /proc/*/fd).
+std::vector<FileUser> OtherUsers(const std::vector<std::string>& paths);
+// "pid 12 (sbacc), pid 40 (envd)"
+std::string DescribeUsers(const std::vector<FileUser>& users);
+// An area is being written when a usable copy's header says it is open and
+// another process holds one of its files or the NV image; a header left open
+// by a writer that is gone does not count.  The holders go to *users.
+bool BeingWritten(const AreaProbe& p, std::vector<FileUser>* users);
+
 // ---- Subcommands ----------------------------------------------------------------
 
 int CmdLs();
 int CmdStatus(const std::vector<std::string>& areas, bool json);
-int CmdVerify(const std::vector<std::string>& areas, bool repair, int controller);
+struct VerifyOptions {
+  std::vector<std::string> areas;
+  bool repair = false;
+  bool force = false;  // verify areas that are being written too
+  bool json = false;
+  int from = -1;       // with --repair: the copy taken as right
+  int controller = 0;
+};
+int CmdVerify(const VerifyOptions& o);
 int CmdCat(const std::string& area);
 int CmdPut(const std::string& area, const std::string& file);
 int CmdWrite(const std::string& area, int offset, const std::string& file);
 int CmdTruncate(const std::string& area, int size);
 int CmdHold(const std::string& area, const std::string& file);
-int CmdInit(int controller);
-int CmdRestore(int controller);
+// Start-up (sbacc_nv_init, or the restore alone), refused while another
+// process holds a file of the controller open unless forced.
+int CmdStartup(bool nv_init, int controller, bool force, bool json);
 int CmdRepairInit(int controller);
 int CmdDump(const std::string& file);
 
