@@ -451,6 +451,7 @@ void VerifyArea(AreaProbe& p, const AreaOptions& o, Tally& t, Progress& progress
 
 int CmdVerify(const VerifyOptions& vo) {
   const auto selected = SelectAreas(vo.areas);
+  CheckNvImage("verify");
   if (vo.from >= 0 && (!vo.repair || vo.areas.size() != 1)) {
     throw UsageError("--from goes with --repair and one AREA: it overrides the choice of copy for that area only");
   }

@@ -53,8 +53,10 @@ std::string CommandName(CLI::App* app) {
 }
 
 int Fail(CLI::App* app, const std::string& message, bool usage) {
+  // One line with the reason, and where the usage is: a page of help on
+  // every typo buries the reason.
   fprintf(stderr, "%s: %s\n", CommandName(app).c_str(), message.c_str());
-  if (usage) fprintf(stderr, "%s", app->help().c_str());
+  if (usage) fprintf(stderr, "Try '%s --help' for more information.\n", CommandName(app).c_str());
   return kExitError;
 }
 
@@ -85,7 +87,12 @@ int main(int argc, char** argv) {
       "status", "Show NV entries and each copy's state and header (changes nothing).");
   status->add_option("AREA", areas, "Areas to show (default: all)");
   status->add_flag("--json", json, "Machine-readable output (stable shape)");
-  status->footer("Exit status 1 when any copy is not usable or an NV entry is not initialised.");
+  bool problems = false;
+  status->add_flag("-x,--problems", problems, "Show only areas and disks that are not healthy");
+  status->footer(
+      "Ends with a summary per disk (HDD file), one 'action:' line and a one-line count.  Reads only; safe on a\n"
+      "live controller (an area being written may show copies mid-update).\n"
+      "Exit status 1 when any copy is not usable, an NV entry is not initialised, or an area was left open.");
 
   CLI::App* cat = app.add_subcommand("cat", "Write an area's data to standard output.");
   cat->add_option("AREA", area, "Area name")->required();
@@ -198,7 +205,7 @@ int main(int argc, char** argv) {
   CLI::App* where = Innermost(&app);
   try {
     if (*ls) return CmdLs();
-    if (*status) return CmdStatus(areas, json);
+    if (*status) return CmdStatus(areas, json, problems);
     if (*cat) return CmdCat(area);
     if (*put) return CmdPut(area, file);
     if (*write) return CmdWrite(area, offset, file);

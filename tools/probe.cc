@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <set>
 #include <utility>
@@ -25,6 +26,8 @@ const char* StateName(CopyState s) {
     case CopyState::kFenced: return "fenced off";
     case CopyState::kRepair: return "under repair";
     case CopyState::kMissing: return "missing";
+    case CopyState::kBlank: return "blank";
+    case CopyState::kBadHeader: return "bad header";
   }
   return "?";
 }
@@ -98,6 +101,10 @@ void AreaProbe::Refresh() {
       c.state = CopyState::kFenced;
     } else if (!c.header_read) {
       c.state = CopyState::kMissing;
+    } else if (!c.header_valid) {
+      // All zeros: never initialised, as a new disk comes; anything else is damage.
+      const bool blank = std::all_of(c.raw, c.raw + SBACC_HEADER_SIZE, [](uint8_t b) { return b == 0; });
+      c.state = blank ? CopyState::kBlank : CopyState::kBadHeader;
     } else {
       c.state = CopyState::kHealthy;
     }

@@ -55,7 +55,7 @@ int64_t Capacity(const SBACC_FILE_LIST_ENTRY& e);  // data bytes: areasize - 128
 
 // ---- Small helpers ------------------------------------------------------------
 
-// Local "YYYY-MM-DD hh:mm:ss"; "-" for 0.
+// Local "YYYY-MM-DD hh:mm:ss +hhmm"; "-" for 0.
 std::string LocalTime(int64_t t);
 // Whole file ("-" = standard input); a file that cannot be read is a UsageError.
 std::vector<uint8_t> ReadInput(const std::string& path);
@@ -87,7 +87,7 @@ int WithTicker(const std::string& label, const std::function<int()>& fn);
 
 // ---- One area's copies, read straight from NV and the files -------------------
 
-enum class CopyState { kHealthy, kFenced, kRepair, kMissing };
+enum class CopyState { kHealthy, kFenced, kRepair, kMissing, kBlank, kBadHeader };
 const char* StateName(CopyState s);
 
 struct CopyProbe {
@@ -100,7 +100,7 @@ struct CopyProbe {
   SBACC_HDD_HEADER hdr = {};
   bool header_valid = false;  // "SBFS", version 3
   CopyState state = CopyState::kMissing;
-  bool usable() const { return state == CopyState::kHealthy && header_valid; }
+  bool usable() const { return state == CopyState::kHealthy; }
 };
 
 // Owns an inspection descriptor (open mode 0) and the opened copies; changes
@@ -155,10 +155,14 @@ std::string DescribeUsers(const std::vector<FileUser>& users);
 // by a writer that is gone does not count.  The holders go to *users.
 bool BeingWritten(const AreaProbe& p, std::vector<FileUser>* users);
 
+// A missing or unusable NV image, named with the system's reason: an error
+// (exit 2) for every subcommand alike.
+void CheckNvImage(const char* command);
+
 // ---- Subcommands ----------------------------------------------------------------
 
 int CmdLs();
-int CmdStatus(const std::vector<std::string>& areas, bool json);
+int CmdStatus(const std::vector<std::string>& areas, bool json, bool problems_only);
 struct VerifyOptions {
   std::vector<std::string> areas;
   bool repair = false;

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -121,8 +122,15 @@ TEST_F(ToolTest, DataCommandsAndLibraryErrors) {
 }
 
 TEST_F(ToolTest, StatusFollowsAPulledAndReplacedDisk) {
+  nlohmann::json s = Status("envfw_backup1", 1);  // never started
+  EXPECT_EQ(s["areas"][0]["copies"][1]["state"], "blank");
+  EXPECT_EQ(s["action"], "NV not initialised: run 'sbacc init'");
   ASSERT_EQ(Run({"init"}).status, 0);
-  nlohmann::json s = Status("envfw_backup1", 0);
+  Plant(1, 2 * kAreaSize + 80, "\x01");  // an unfinished write in copy 1 of envfw_sysback
+  EXPECT_NE(Status("envfw_sysback", 1)["areas"][0]["flags"][0]["text"].get<std::string>().find(
+                "copy 1 has a write-intent record set (0 bytes at 0)"), std::string::npos);
+  Plant(1, 2 * kAreaSize + 80, std::string(1, '\0'));
+  s = Status("envfw_backup1", 0);
   ASSERT_EQ(s["areas"].size(), 1u);
   const nlohmann::json& a = s["areas"][0];
   EXPECT_EQ((std::vector<int>{a["index"], a["address"], a["capacity"]}), (std::vector<int>{1, kAreaSize, kAreaSize - 128}));
@@ -136,6 +144,8 @@ TEST_F(ToolTest, StatusFollowsAPulledAndReplacedDisk) {
   EXPECT_EQ(s["copies"][1]["state"], "fenced off");
   EXPECT_EQ(s["nv"]["hddblockade"], 2);
   EXPECT_EQ(s["verdict"], "degraded");
+  EXPECT_EQ(Status("", 1)["action"], "disk 1 fenced off in 8 of 8 areas: replace it, then run 'sbacc restore'");
+  EXPECT_NE(Run({"status", "-x"}).out.find("blockade 0x2 (copy 1)"), std::string::npos);
   EXPECT_EQ(Run({"cat", "envfw_backup0"}).out, "still here");
 
   ASSERT_EQ(Run({"sim", "replace", dir_, "1"}).status, 0);
@@ -206,17 +216,20 @@ TEST_F(ToolTest, ServiceActionsLeaveALiveWriterAlone) {
     EXPECT_NE((r.out + r.err).find(c.message), std::string::npos) << r.out << r.err;
     EXPECT_EQ(Images(), before);
   }
+  EXPECT_NE(Status("envfw_backup0", 0)["areas"][0]["flags"][0]["text"].get<std::string>().find("open for writing now"),
+            std::string::npos);
   ASSERT_EQ(kill(holder_, SIGKILL), 0);
   waitpid(holder_, nullptr, 0);
   holder_ = -1;
+  EXPECT_EQ(Status("envfw_backup0", 1)["areas"][0]["flags"][0]["problem"], true);  // left open
   Result r = Run({"restore"});
   EXPECT_EQ(r.status, 0) << r.out << r.err;
   EXPECT_NE(r.out.find("envfw_backup0                   repaired: was left open by a writer that never closed; "
                        "data repaired: copied from envfw_backup1"), std::string::npos) << r.out;
 }
 
-// Bad usage exits 2 with the reason and the usage on standard error, and
-// writes nothing.
+// Bad usage exits 2 with the reason and a pointer to --help on standard
+// error, and writes nothing.
 TEST_F(ToolTest, BadInputExits2AndWritesNothing) {
   const struct { Args args; std::string input, message; } cases[] = {
       {{}, "", "A subcommand is required"},
@@ -245,7 +258,8 @@ TEST_F(ToolTest, BadInputExits2AndWritesNothing) {
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(r.out, "");
     EXPECT_NE(r.err.substr(0, r.err.find('\n')).find(c.message), std::string::npos) << r.err;
-    EXPECT_NE(r.err.find("Usage:"), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("\nTry '"), std::string::npos) << r.err;  // one line and where the help is
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 2) << r.err;
     EXPECT_EQ(Images(), before);
   }
 }
