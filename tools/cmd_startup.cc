@@ -236,6 +236,7 @@ int CmdStartup(bool nv_init, int controller, bool force, bool json) {
     fprintf(stderr, "sbacc %s: going on with --force although %s\n", what, Holders(users).c_str());
   }
 
+  WarnAreaList();
   std::vector<AreaSnap> before, after;
   for (const SBACC_FILE_LIST_ENTRY& e : areas) before.push_back(Snapshot(e));
   const int rc = WithTicker(nv_init ? "start-up restore and NV initialisation" : "start-up restore",

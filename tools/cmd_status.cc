@@ -7,21 +7,105 @@
 
 #include <nlohmann/json.hpp>
 
+#include "sbacc_l.h"
 #include "tool.h"
 
 namespace sbacc_tool {
 
-int CmdLs() {
+std::vector<std::string> AreaListProblems() {
   const auto& areas = Areas();
-  printf("%3s  %-31s %10s %10s %10s %s\n", "#", "AREA", "ADDRESS", "SIZE", "CAPACITY", "COPIES");
-  int i = 0;
-  for (const SBACC_FILE_LIST_ENTRY& e : areas) {
-    printf("%3d  %-31s 0x%08llx %10llu %10lld %d\n", i++, e.filename,
-           static_cast<unsigned long long>(e.areaaddr), static_cast<unsigned long long>(e.areasize),
-           static_cast<long long>(Capacity(e)), e.hddcount);
-    for (int j = 0; j < e.hddcount && j < SBACC_HDD_MAX; ++j) printf("       %d: %s\n", j, e.hddname[j]);
+  std::vector<std::string> out;
+  FILE* fp = fopen(sbacc_l_filelist_path(), "r");
+  if (fp == nullptr) return {std::string("cannot read ") + sbacc_l_filelist_path()};
+  // The parser's own reading: lines of at most 1022 characters, '#' starts a
+  // comment, the name runs to the first comma, a line without a name is
+  // passed over.  A line that names an area but is not in the parsed list was
+  // ignored by it.
+  size_t next = 0;
+  int number = 0;
+  std::string line;
+  for (int c = 0; c != EOF;) {
+    line.clear();
+    while ((c = fgetc(fp)) != EOF && c != '\n') line += static_cast<char>(c);
+    if (c == EOF && line.empty()) break;
+    ++number;
+    const std::string where = "line " + std::to_string(number) + ": ";
+    if (line.size() > 1022) {
+      out.push_back(where + "ignored: longer than 1022 characters");
+      continue;
+    }
+    line = line.substr(0, line.find('\0'));
+    if (line.empty() || line[0] == '#' || line[0] == '\r') continue;
+    const std::string name = line.substr(0, line.find(','));
+    if (name.empty()) {
+      out.push_back(where + "ignored: no area name");
+    } else if (next < areas.size() && name == areas[next].filename) {
+      ++next;
+    } else {
+      const size_t fields = static_cast<size_t>(std::count(line.begin(), line.end(), ',')) + 1;
+      out.push_back(where + "'" + name + "' ignored: " +
+                    (fields < 4 ? std::string("fewer than 4 fields (name, address, size, HDD paths)")
+                                : std::string("a name, address, size or path the library refuses")));
+    }
   }
-  return kExitOk;
+  fclose(fp);
+  // The NV record follows the lookup's count of earlier named lines, ignored
+  // ones included, while the list position counts only accepted lines.
+  for (size_t i = 0; i < areas.size(); ++i) {
+    SBACC_FILE_LIST_ENTRY e;
+    if (sbacc_l_get_filelist_entry(areas[i].filename, &e) != 0) continue;
+    if (e.index != static_cast<int>(i)) {
+      out.push_back(std::string("area '") + areas[i].filename + "' (#" + std::to_string(i) + ") uses NV record " +
+                    std::to_string(e.index) + (e.index > static_cast<int>(i) ? ", shifted by an ignored line above it"
+                                                                               : ", the record of an earlier line of the same name"));
+    }
+  }
+  return out;
+}
+
+void WarnAreaList() {
+  const auto problems = AreaListProblems();
+  if (!problems.empty()) {
+    fprintf(stderr, "sbacc: warning: the area list %s has %zu problem%s (see 'sbacc ls --check')\n",
+            sbacc_l_filelist_path(), problems.size(), problems.size() == 1 ? "" : "s");
+  }
+}
+
+int CmdLs(bool check) {
+  const auto& areas = Areas();
+  std::vector<std::vector<std::string>> rows{{"#", "AREA", "ADDRESS", "SIZE", "CAPACITY", "COPIES"}};
+  for (size_t i = 0; i < areas.size(); ++i) {
+    const SBACC_FILE_LIST_ENTRY& e = areas[i];
+    char addr[32];
+    snprintf(addr, sizeof addr, "0x%08llx", static_cast<unsigned long long>(e.areaaddr));
+    rows.push_back({std::to_string(i), e.filename, addr, std::to_string(e.areasize), std::to_string(Capacity(e)),
+                    std::to_string(e.hddcount)});
+  }
+  std::vector<size_t> width(rows.front().size(), 0);
+  for (const auto& r : rows) {
+    for (size_t k = 0; k < r.size(); ++k) width[k] = std::max(width[k], r[k].size());
+  }
+  for (size_t i = 0; i < rows.size(); ++i) {
+    const auto& r = rows[i];
+    printf("%*s  %-*s %*s %*s %*s %s\n", static_cast<int>(width[0]), r[0].c_str(), static_cast<int>(width[1]),
+           r[1].c_str(), static_cast<int>(width[2]), r[2].c_str(), static_cast<int>(width[3]), r[3].c_str(),
+           static_cast<int>(width[4]), r[4].c_str(), r[5].c_str());
+    if (i == 0) continue;
+    const SBACC_FILE_LIST_ENTRY& e = areas[i - 1];
+    for (int j = 0; j < e.hddcount && j < SBACC_HDD_MAX; ++j) {
+      printf("%*s %d: %s\n", static_cast<int>(width[0]) + 2, "", j, e.hddname[j]);
+    }
+  }
+  if (!check) return kExitOk;
+  const auto problems = AreaListProblems();
+  printf("\ncheck of %s: ", sbacc_l_filelist_path());
+  if (problems.empty()) {
+    printf("every line is used, and every area's NV record is its list position\n");
+    return kExitOk;
+  }
+  printf("%zu problem%s\n", problems.size(), problems.size() == 1 ? "" : "s");
+  for (const std::string& p : problems) printf("  %s\n", p.c_str());
+  return kExitFound;
 }
 
 namespace {
@@ -280,6 +364,7 @@ std::string Action(const std::vector<Disk>& disks, int not_init, int left_open, 
 int CmdStatus(const std::vector<std::string>& names, bool json, bool problems_only) {
   const auto selected = SelectAreas(names);
   CheckNvImage("status");
+  WarnAreaList();
   const auto& all = Areas();
   nlohmann::json out = {{"areas", nlohmann::json::array()}};
   std::vector<Disk> disks;

@@ -82,6 +82,10 @@ int main(int argc, char** argv) {
   VerifyOptions vopts;
 
   CLI::App* ls = app.add_subcommand("ls", "List the configured areas: address, size, capacity and copies.");
+  bool check = false;
+  ls->add_flag("--check", check,
+               "Also report every area list line the library ignores and every area whose NV record it shifts "
+               "(exit status 1 when any)");
 
   CLI::App* status = app.add_subcommand(
       "status", "Show NV entries and each copy's state and header (changes nothing).");
@@ -204,7 +208,7 @@ int main(int argc, char** argv) {
 
   CLI::App* where = Innermost(&app);
   try {
-    if (*ls) return CmdLs();
+    if (*ls) return CmdLs(check);
     if (*status) return CmdStatus(areas, json, problems);
     if (*cat) return CmdCat(area);
     if (*put) return CmdPut(area, file);

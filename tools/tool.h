@@ -161,7 +161,12 @@ void CheckNvImage(const char* command);
 
 // ---- Subcommands ----------------------------------------------------------------
 
-int CmdLs();
+int CmdLs(bool check);
+// Lines of the area list the library ignores, and areas whose NV record is
+// not their list position because of them; empty when the list is clean.
+std::vector<std::string> AreaListProblems();
+// One line on standard error when the list has problems.
+void WarnAreaList();
 int CmdStatus(const std::vector<std::string>& areas, bool json, bool problems_only);
 struct VerifyOptions {
   std::vector<std::string> areas;

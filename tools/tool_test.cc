@@ -228,6 +228,19 @@ TEST_F(ToolTest, ServiceActionsLeaveALiveWriterAlone) {
                        "data repaired: copied from envfw_backup1"), std::string::npos) << r.out;
 }
 
+// A line the library ignores is named, with every area whose NV record it shifts.
+TEST_F(ToolTest, LsCheckNamesIgnoredLinesAndShiftedRecords) {
+  EXPECT_EQ(Run({"ls", "--check"}).status, 0);
+  const std::string list = dir_ + "/filelist.ini";
+  std::ofstream(list + ".new") << "broken,zz,100," << Hdd(0) << "\n" << Slurp(list);
+  std::filesystem::rename(list + ".new", list);
+  Result r = Run({"ls", "--check"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.out.find("line 1: 'broken' ignored"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("area 'area00' (#7) uses NV record 8, shifted"), std::string::npos) << r.out;
+  EXPECT_NE(Run({"status"}).err.find("warning: the area list"), std::string::npos);
+}
+
 // Bad usage exits 2 with the reason and a pointer to --help on standard
 // error, and writes nothing.
 TEST_F(ToolTest, BadInputExits2AndWritesNothing) {
