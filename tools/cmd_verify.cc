@@ -169,7 +169,7 @@ std::vector<std::string> HexView(int a, const std::vector<uint8_t>& da, int b, c
   const int64_t to = std::min<int64_t>(from + 16, n);
   for (const auto& [copy, d] : {std::pair<int, const std::vector<uint8_t>*>{a, &da}, {b, &db}}) {
     char buf[32];
-    snprintf(buf, sizeof buf, "%6lld", static_cast<long long>(from));
+    snprintf(buf, sizeof buf, "@%-6lld", static_cast<long long>(from));
     std::string line = std::string(buf) + " copy " + std::to_string(copy) + ": ";
     std::string text;
     for (int64_t i = from; i < to; ++i) {
