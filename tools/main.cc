@@ -64,6 +64,10 @@ constexpr const char* kFooter =
     "Exit status: 0 done, 1 something found wrong (status, verify), 2 bad usage or a library error.\n"
     "Environment: SBACC_FILELIST (area list), SANFWCTL_NV_IMAGE (NV memory image),\n"
     "MC_TRACE_FILE and MC_TRACE_DIR (library trace), as for the library itself.\n"
+    "Live controller: status, ls, cat and dump only read; put, write and truncate write through the library\n"
+    "like any writer; verify skips areas being written; init and restore refuse while another process holds\n"
+    "the controller's files open; repair-init clears this controller's repair locks, so run it only when no\n"
+    "repair of this controller is under way.\n"
     "A simulated controller to try things on: sbacc sim create DIR --help";
 
 }  // namespace

@@ -197,6 +197,22 @@ TEST_F(ToolTest, VerifyRepairsOnlyWhatItCanJustify) {
   }
 }
 
+// With three copies, two that agree outvote the one a flipped byte damaged.
+TEST_F(ToolTest, VerifyRepairFollowsAStrictMajority) {
+  dir_ = tmp_ + "/ctl3";
+  ASSERT_EQ(Run({"sim", "create", dir_, "-k", "3", "--size", std::to_string(kAreaSize)}).status, 0);
+  setenv("SBACC_FILELIST", (dir_ + "/filelist.ini").c_str(), 1);
+  setenv("SANFWCTL_NV_IMAGE", (dir_ + "/nv.img").c_str(), 1);
+  ASSERT_EQ(Run({"init"}).status, 0);
+  ASSERT_EQ(Run({"put", "envfw_verid"}, "0123").status, 0);
+  Plant(0, 4 * kAreaSize + 128 + 1, "?");
+  Result r = Run({"verify", "--repair"});
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+  EXPECT_NE(r.out.find("copy 1 is taken as right: copies 1 and 2 hold the same data, a majority of 3"),
+            std::string::npos) << r.out;
+  EXPECT_EQ(AreaBytes(0, 4, 128 + 4), AreaBytes(2, 4, 128 + 4));
+}
+
 // No service action touches the controller while a writer holds an area open,
 // even with a difference between its copies; a writer that died is no reason
 // to refuse, and its area is reported as repaired.
