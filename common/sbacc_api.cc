@@ -2,6 +2,7 @@
 // parameter block on failure, and hand-over to the mirror engine.
 #define SBACC_MODULE SBACC_MODULE_SBACC
 #include <pthread.h>
+#include <stdio.h>
 #include <string.h>
 
 #include "sbacc.h"
@@ -66,6 +67,11 @@ int OpenImpl(const char* filename, const char* mode, void** fp, boolean_t* close
   if (rc != 0) {
     SBACC_TRACE(1, "[sbacc_open] sbacc_ma_alloc_sfd error. retcode=%d", rc);
     return rc;
+  }
+  // A name no line of the area list carries leaves the looked-up entry
+  // cleared; the open's traces still name what the caller asked for.
+  if ((*built)->sfe.filename[0] == '\0') {
+    snprintf((*built)->sfe.filename, sizeof (*built)->sfe.filename, "%s", filename);
   }
   rc = sbacc_ma_open(*built, closeflag, B_FALSE);
   if (rc != 0) {

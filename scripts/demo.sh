@@ -112,14 +112,17 @@ say "A writer opens envfw_backup0 for writing, writes part of its new data over 
 note "and is killed (SIGKILL) before it closes: the headers still say 'open' (opn yes)."
 printf 'half-written ' >"$work/partial"
 printf '$ sbacc hold envfw_backup0 partial &   # then kill -9 it\n'
-sbacc hold envfw_backup0 "$work/partial" >"$work/hold.out" &
-holder=$!
+# Started from a subshell, so the writer is no job of this shell and its
+# death brings no "Killed" notice.
+holder=$( (sbacc hold envfw_backup0 "$work/partial" >"$work/hold.out" 2>&1 & echo $!) )
 for _ in $(seq 100); do grep -q holding "$work/hold.out" 2>/dev/null && break; sleep 0.05; done
 grep -q holding "$work/hold.out" || die "the writer did not get the area open"
+note "While it lives, start-up is refused: it would rewrite what the writer writes."
+expect=2 run sbacc init
 kill -9 "$holder"
-{ wait "$holder"; } 2>/dev/null || true  # no "Killed" notice from the shell
+for _ in $(seq 100); do kill -0 "$holder" 2>/dev/null || break; sleep 0.05; done
 holder=
-run sbacc status envfw_backup0
+expect=1 run sbacc status -x
 run sbacc cat envfw_backup0
 
 say "The next start-up finds envfw_backup0 left open and repairs the backup pair: the"
@@ -136,6 +139,15 @@ run sbacc status envfw_backup0
 say "verify compares every usable copy of every area byte for byte, data and header:"
 note "nothing differs."
 run sbacc verify
+
+say "One byte of envfw_backup1's copy 0 flips on the disk. verify shows where the copies"
+note "differ; --repair refuses, because nothing shows which copy is right, until --from"
+note "names the copy to keep."
+printf '$ printf X | dd of=hdd0.img seek=$((4096 + 128 + 3)) ...\n'
+printf X | dd of="$work/ctl/hdd0.img" bs=1 seek=$((4096 + 128 + 3)) conv=notrunc status=none
+expect=1 run sbacc verify envfw_backup1
+expect=1 run sbacc verify --repair envfw_backup1
+run sbacc verify --repair --from 1 envfw_backup1
 
 say "The diagnostic dump: NV entries, each copy's header and the first data bytes."
 run sbacc dump "$work/dump.txt"

@@ -126,22 +126,6 @@ int CmdHold(const std::string& area, const std::string& file) {
   for (;;) pause();
 }
 
-int CmdInit(int controller) {
-  const size_t n = Areas().size();
-  int rc = WithTicker("start-up restore and NV initialisation", [&] { return sbacc_nv_init(controller); });
-  if (rc != 0) throw LibError("sbacc_nv_init", rc);
-  printf("initialised %zu area%s as controller %d\n", n, n == 1 ? "" : "s", controller);
-  return kExitOk;
-}
-
-int CmdRestore(int controller) {
-  const size_t n = Areas().size();
-  int rc = WithTicker("start-up restore", [&] { return sbacc_hdd_restore(controller); });
-  if (rc != 0) throw LibError("sbacc_hdd_restore", rc);
-  printf("restored %zu area%s as controller %d\n", n, n == 1 ? "" : "s", controller);
-  return kExitOk;
-}
-
 int CmdRepairInit(int controller) {
   Areas();
   int rc = sbacc_repair_init(controller);

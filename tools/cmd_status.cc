@@ -3,24 +3,110 @@
 #include <fcntl.h>
 #include <stdio.h>
 
+#include <algorithm>
+
 #include <nlohmann/json.hpp>
 
 #include "scrub.h"
+#include "sbacc_l.h"
 #include "tool.h"
 
 namespace sbacc_tool {
 
-int CmdLs() {
+std::vector<std::string> AreaListProblems() {
   const auto& areas = Areas();
-  printf("%3s  %-31s %10s %10s %10s %s\n", "#", "AREA", "ADDRESS", "SIZE", "CAPACITY", "COPIES");
-  int i = 0;
-  for (const SBACC_FILE_LIST_ENTRY& e : areas) {
-    printf("%3d  %-31s 0x%08llx %10llu %10lld %d\n", i++, e.filename,
-           static_cast<unsigned long long>(e.areaaddr), static_cast<unsigned long long>(e.areasize),
-           static_cast<long long>(Capacity(e)), e.hddcount);
-    for (int j = 0; j < e.hddcount && j < SBACC_HDD_MAX; ++j) printf("       %d: %s\n", j, e.hddname[j]);
+  std::vector<std::string> out;
+  FILE* fp = fopen(sbacc_l_filelist_path(), "r");
+  if (fp == nullptr) return {std::string("cannot read ") + sbacc_l_filelist_path()};
+  // The parser's own reading: lines of at most 1022 characters, '#' starts a
+  // comment, the name runs to the first comma, a line without a name is
+  // passed over.  A line that names an area but is not in the parsed list was
+  // ignored by it.
+  size_t next = 0;
+  int number = 0;
+  std::string line;
+  for (int c = 0; c != EOF;) {
+    line.clear();
+    while ((c = fgetc(fp)) != EOF && c != '\n') line += static_cast<char>(c);
+    if (c == EOF && line.empty()) break;
+    ++number;
+    const std::string where = "line " + std::to_string(number) + ": ";
+    if (line.size() > 1022) {
+      out.push_back(where + "ignored: longer than 1022 characters");
+      continue;
+    }
+    line = line.substr(0, line.find('\0'));
+    if (line.empty() || line[0] == '#' || line[0] == '\r') continue;
+    const std::string name = line.substr(0, line.find(','));
+    if (name.empty()) {
+      out.push_back(where + "ignored: no area name");
+    } else if (next < areas.size() && name == areas[next].filename) {
+      ++next;
+    } else {
+      const size_t fields = static_cast<size_t>(std::count(line.begin(), line.end(), ',')) + 1;
+      out.push_back(where + "'" + name + "' ignored: " +
+                    (fields < 4 ? std::string("fewer than 4 fields (name, address, size, HDD paths)")
+                                : std::string("a name, address, size or path the library refuses")));
+    }
   }
-  return kExitOk;
+  fclose(fp);
+  // The NV record follows the lookup's count of earlier named lines, ignored
+  // ones included, while the list position counts only accepted lines.
+  for (size_t i = 0; i < areas.size(); ++i) {
+    SBACC_FILE_LIST_ENTRY e;
+    if (sbacc_l_get_filelist_entry(areas[i].filename, &e) != 0) continue;
+    if (e.index != static_cast<int>(i)) {
+      out.push_back(std::string("area '") + areas[i].filename + "' (#" + std::to_string(i) + ") uses NV record " +
+                    std::to_string(e.index) + (e.index > static_cast<int>(i) ? ", shifted by an ignored line above it"
+                                                                               : ", the record of an earlier line of the same name"));
+    }
+  }
+  return out;
+}
+
+void WarnAreaList() {
+  const auto problems = AreaListProblems();
+  if (!problems.empty()) {
+    fprintf(stderr, "sbacc: warning: the area list %s has %zu problem%s (see 'sbacc ls --check')\n",
+            sbacc_l_filelist_path(), problems.size(), problems.size() == 1 ? "" : "s");
+  }
+}
+
+int CmdLs(bool check) {
+  const auto& areas = Areas();
+  std::vector<std::vector<std::string>> rows{{"#", "AREA", "ADDRESS", "SIZE", "CAPACITY", "COPIES"}};
+  for (size_t i = 0; i < areas.size(); ++i) {
+    const SBACC_FILE_LIST_ENTRY& e = areas[i];
+    char addr[32];
+    snprintf(addr, sizeof addr, "0x%08llx", static_cast<unsigned long long>(e.areaaddr));
+    rows.push_back({std::to_string(i), e.filename, addr, std::to_string(e.areasize), std::to_string(Capacity(e)),
+                    std::to_string(e.hddcount)});
+  }
+  std::vector<size_t> width(rows.front().size(), 0);
+  for (const auto& r : rows) {
+    for (size_t k = 0; k < r.size(); ++k) width[k] = std::max(width[k], r[k].size());
+  }
+  for (size_t i = 0; i < rows.size(); ++i) {
+    const auto& r = rows[i];
+    printf("%*s  %-*s %*s %*s %*s %s\n", static_cast<int>(width[0]), r[0].c_str(), static_cast<int>(width[1]),
+           r[1].c_str(), static_cast<int>(width[2]), r[2].c_str(), static_cast<int>(width[3]), r[3].c_str(),
+           static_cast<int>(width[4]), r[4].c_str(), r[5].c_str());
+    if (i == 0) continue;
+    const SBACC_FILE_LIST_ENTRY& e = areas[i - 1];
+    for (int j = 0; j < e.hddcount && j < SBACC_HDD_MAX; ++j) {
+      printf("%*s %d: %s\n", static_cast<int>(width[0]) + 2, "", j, e.hddname[j]);
+    }
+  }
+  if (!check) return kExitOk;
+  const auto problems = AreaListProblems();
+  printf("\ncheck of %s: ", sbacc_l_filelist_path());
+  if (problems.empty()) {
+    printf("every line is used, and every area's NV record is its list position\n");
+    return kExitOk;
+  }
+  printf("%zu problem%s\n", problems.size(), problems.size() == 1 ? "" : "s");
+  for (const std::string& p : problems) printf("  %s\n", p.c_str());
+  return kExitFound;
 }
 
 namespace {
@@ -39,6 +125,49 @@ nlohmann::json CodeJson(int code) {
   return {{"code", code}, {"name", sbacc_code_name(code)}, {"text", sbacc_code_text(code)}};
 }
 
+// "0x6 (copies 1, 2)"; "0x0" alone when no copy is named.
+std::string Mask(unsigned mask) {
+  char buf[16];
+  snprintf(buf, sizeof buf, "0x%x", mask);
+  std::string out = buf, list;
+  int n = 0;
+  for (int j = 0; j < 32; ++j) {
+    if ((mask & (1u << j)) == 0) continue;
+    list += (n++ ? ", " : "") + std::to_string(j);
+  }
+  if (n > 0) out += std::string(n == 1 ? " (copy " : " (copies ") + list + ")";
+  return out;
+}
+
+// What an engineer should know beyond the copies' states: a writer alive or
+// gone with the area open, an unfinished write.  `problem` marks what makes
+// the exit status 1.
+struct Flag {
+  std::string text;
+  bool problem;
+};
+
+std::vector<Flag> Flags(const AreaProbe& p) {
+  std::vector<Flag> out;
+  std::vector<FileUser> users;
+  bool open = false;
+  for (const CopyProbe& c : p.copies) open = open || (c.usable() && c.hdr.openflag != 0);
+  const bool live = open && BeingWritten(p, &users);
+  if (live) {
+    out.push_back({"open for writing now (" + DescribeUsers(users) + ")", false});
+  } else if (open) {
+    out.push_back({"left open by a writer that never closed: the next start-up ('sbacc restore') settles it", true});
+  }
+  for (const CopyProbe& c : p.copies) {
+    if (live || !c.usable() || c.hdr.writeflag == 0) continue;
+    out.push_back({"copy " + std::to_string(c.index) + " has a write-intent record set (" +
+                       std::to_string(c.hdr.write_size) + " bytes at " + std::to_string(c.hdr.write_offset) +
+                       "): a write did not finish",
+                   true});
+  }
+  return out;
+}
+
 nlohmann::json TimeJson(int64_t t) { return t == 0 ? nlohmann::json(nullptr) : nlohmann::json(LocalTime(t)); }
 
 // The --json shape, one object per area, keys always present (null when the
@@ -48,12 +177,12 @@ nlohmann::json TimeJson(int64_t t) { return t == 0 ? nlohmann::json(nullptr) : n
 //  "areas": [{
 //    "index": n, "name": s, "address": n, "size": n, "capacity": n,
 //    "verdict": "ok" | "degraded" | "no usable copy" | "NV not initialised" | "NV unreadable",
-//    "usable": n,
+//    "usable": n, "flags": [{"text": s, "problem": bool}],
 //    "nv": {"readable": bool, "error": {code,name,text} | null, "valid": bool,
 //           "hddcount": n, "hddblockade": n, "latesthdd": n, "hddrepair": n,
 //           "write_on_repair": n, "repairlock": [n, n, n, n]},
 //    "copies": [{"copy": n, "path": s,
-//                "state": "healthy" | "fenced off" | "under repair" | "missing",
+//                "state": "healthy" | "fenced off" | "under repair" | "missing" | "blank" | "bad header",
 //                "error": s | null,
 //                "header": null | {"valid": bool, "filesize": n, "hddblockade": n,
 //                   "openflag": n, "opencnt": n,
@@ -61,7 +190,11 @@ nlohmann::json TimeJson(int64_t t) { return t == 0 ? nlohmann::json(nullptr) : n
 //                   "closetime": n, "closetime_local": s | null,
 //                   "write": {"flag": n, "offset": n, "size": n}}}]}]}
 // Times are seconds since the epoch; the _local forms are local dates.
-nlohmann::json AreaJson(int index, const AreaProbe& p) {
+// After the areas: "disks": [{"path": s, "copy": n, "areas": n, "fenced": n,
+// "missing": n, "blank": n, "bad_header": n}], "action": s, "summary": s.
+nlohmann::json AreaJson(int index, const AreaProbe& p, const std::vector<Flag>& fl) {
+  nlohmann::json flags = nlohmann::json::array();
+  for (const Flag& f : fl) flags.push_back({{"text", f.text}, {"problem", f.problem}});
   const SBACC_FILE_LIST_ENTRY& e = p.entry();
   nlohmann::json nv = {{"readable", p.nv_rc == 0},
                        {"error", p.nv_rc == 0 ? nlohmann::json(nullptr) : CodeJson(p.nv_rc)},
@@ -109,39 +242,56 @@ nlohmann::json AreaJson(int index, const AreaProbe& p) {
           {"capacity", Capacity(e)},
           {"verdict", Verdict(p)},
           {"usable", p.usable_count()},
+          {"flags", flags},
           {"nv", nv},
           {"copies", copies}};
 }
 
-void PrintArea(int index, const AreaProbe& p) {
+void PrintArea(int index, const AreaProbe& p, const std::vector<Flag>& flags) {
   const SBACC_FILE_LIST_ENTRY& e = p.entry();
   printf("%s (#%d, %llu bytes at 0x%llx): %s, %d of %zu copies usable\n", e.filename, index,
          static_cast<unsigned long long>(e.areasize), static_cast<unsigned long long>(e.areaaddr),
          Verdict(p).c_str(), p.usable_count(), p.copies.size());
+  for (const Flag& f : flags) printf("  %s %s\n", f.problem ? "!" : "-", f.text.c_str());
   if (p.nv_rc != 0) {
     printf("  NV unreadable: %s\n", CodeString(p.nv_rc).c_str());
   } else if (!p.nv_valid) {
     printf("  NV not initialised\n");
   } else {
-    printf("  NV valid  hddcount %d  blockade 0x%x  latest 0x%x  repair 0x%x  locks %u %u %u %u\n",
-           p.nv.hddcount, p.nv.hddblockade, p.nv.latesthdd, p.nv.hddrepair,
+    printf("  NV valid  hddcount %d  blockade %s  latest %s  repair %s  locks %u %u %u %u\n", p.nv.hddcount,
+           Mask(p.nv.hddblockade).c_str(), Mask(p.nv.latesthdd).c_str(), Mask(p.nv.hddrepair).c_str(),
            p.nv.hddrepairlock_cntno[0], p.nv.hddrepairlock_cntno[1], p.nv.hddrepairlock_cntno[2],
            p.nv.hddrepairlock_cntno[3]);
   }
-  // 78 columns: copy, state, header, filesize, open flag, open count, times.
-  printf("  %s %-12s %-3s %8s %-3s %4s %-19s %s\n", "#", "state", "hdr", "filesize", "opn", "cnt",
-         "opened", "closed");
+  // Columns as wide as their widest value, so large sizes and counts keep
+  // the table straight.
+  std::vector<std::vector<std::string>> rows{{"#", "state", "hdr", "filesize", "opn", "cnt", "opened", "closed"}};
   for (const CopyProbe& c : p.copies) {
     if (c.header_read) {
       const SBACC_HDD_HEADER& h = c.hdr;
       const std::string open = h.openflag == 0 ? "no" : (h.openflag == 1 ? "yes" : std::to_string(h.openflag));
-      printf("  %d %-12s %-3s %8d %-3s %4d %-19s %s\n", c.index, StateName(c.state),
-             c.header_valid ? "ok" : "bad", h.filesize, open.c_str(), h.opencnt,
-             LocalTime(h.opentime).c_str(), LocalTime(h.closetime).c_str());
+      rows.push_back({std::to_string(c.index), StateName(c.state), c.header_valid ? "ok" : "bad",
+                      std::to_string(h.filesize), open, std::to_string(h.opencnt), LocalTime(h.opentime),
+                      LocalTime(h.closetime)});
     } else {
-      printf("  %d %-12s %-3s %8s %-3s %4s %-19s %s\n", c.index, StateName(c.state), "-", "-", "-",
-             "-", "-", "-");
+      rows.push_back({std::to_string(c.index), StateName(c.state), "-", "-", "-", "-", "-", "-"});
     }
+  }
+  std::vector<size_t> width(rows.front().size(), 0);
+  for (const auto& r : rows) {
+    for (size_t k = 0; k < r.size(); ++k) width[k] = std::max(width[k], r[k].size());
+  }
+  for (size_t i = 0; i < rows.size(); ++i) {
+    const auto& r = rows[i];
+    std::string line = " ";
+    for (size_t k = 0; k < r.size(); ++k) {
+      const bool right = k == 3 || k == 5;  // numbers
+      const std::string pad(width[k] - r[k].size(), ' ');
+      line += " " + (right ? pad + r[k] : (k + 1 == r.size() ? r[k] : r[k] + pad));
+    }
+    printf("%s\n", line.c_str());
+    if (i == 0) continue;
+    const CopyProbe& c = p.copies[i - 1];
     std::string note;
     if (c.header_read && c.hdr.writeflag != 0) {
       note = "  write pending: " + std::to_string(c.hdr.write_size) + " bytes at " +
@@ -153,34 +303,124 @@ void PrintArea(int index, const AreaProbe& p) {
   }
 }
 
+// One HDD file across the areas shown.
+struct Disk {
+  std::string path;
+  int copy = 0;  // its copy number in the first area that names it
+  int areas = 0, fenced = 0, missing = 0, blank = 0, bad = 0;
+  int problems() const { return fenced + missing + blank + bad; }
+};
+
+void Count(std::vector<Disk>* disks, const AreaProbe& p) {
+  for (const CopyProbe& c : p.copies) {
+    auto it = std::find_if(disks->begin(), disks->end(), [&](const Disk& d) { return d.path == c.path; });
+    if (it == disks->end()) {
+      disks->push_back(Disk{c.path, c.index});
+      it = disks->end() - 1;
+    }
+    ++it->areas;
+    it->fenced += c.state == CopyState::kFenced || c.state == CopyState::kRepair;
+    it->missing += c.state == CopyState::kMissing;
+    it->blank += c.state == CopyState::kBlank;
+    it->bad += c.state == CopyState::kBadHeader;
+  }
+}
+
+std::string DiskLine(const Disk& d) {
+  std::string out = "disk " + std::to_string(d.copy) + " (" + d.path + "): in " + std::to_string(d.areas) + " area" +
+                    (d.areas == 1 ? "" : "s");
+  if (d.problems() == 0) return out + ", healthy in all";
+  for (const auto& [n, what] : {std::pair<int, const char*>{d.fenced, "fenced off"}, {d.missing, "missing"},
+                                {d.blank, "blank"}, {d.bad, "with a bad header"}}) {
+    if (n > 0) out += ", " + std::string(what) + " in " + std::to_string(n);
+  }
+  return out;
+}
+
+// The one thing to do first.
+std::string Action(const std::vector<Disk>& disks, int not_init, int left_open, int no_copy) {
+  for (const Disk& d : disks) {
+    const int gone = d.fenced + d.missing + d.bad;
+    if (gone > 0 && gone == d.areas) {
+      return "disk " + std::to_string(d.copy) + " " + (d.missing == d.areas ? "missing" : "fenced off") + " in " +
+             std::to_string(gone) + " of " + std::to_string(d.areas) +
+             " areas: replace it, then run 'sbacc restore'";
+    }
+  }
+  if (no_copy > 0) return std::to_string(no_copy) + " area(s) without a usable copy: bring the disks back before anything else";
+  for (const Disk& d : disks) {
+    if (d.fenced + d.missing + d.bad > 0) {
+      return "disk " + std::to_string(d.copy) + " has failed copies in " + std::to_string(d.fenced + d.missing + d.bad) +
+             " of " + std::to_string(d.areas) + " areas: check it, then run 'sbacc restore' to rebuild them";
+    }
+  }
+  if (not_init > 0) return "NV not initialised: run 'sbacc init'";
+  for (const Disk& d : disks) {
+    if (d.blank > 0) return "blank copies on disk " + std::to_string(d.copy) + ": run 'sbacc restore' to fill them";
+  }
+  if (left_open > 0) return "areas left open by a writer that died: run 'sbacc restore'";
+  return "none";
+}
+
 }  // namespace
 
-int CmdStatus(const std::vector<std::string>& names, bool json) {
+int CmdStatus(const std::vector<std::string>& names, bool json, bool problems_only) {
   const auto selected = SelectAreas(names);
+  CheckNvImage("status");
+  WarnAreaList();
   const auto& all = Areas();
-  bool all_ok = true;
   nlohmann::json out = {{"areas", nlohmann::json::array()}};
-  bool first = true;
+  std::vector<Disk> disks;
+  int ok = 0, not_init = 0, left_open = 0, no_copy = 0, shown = 0;
   for (const SBACC_FILE_LIST_ENTRY* e : selected) {
     const int index = static_cast<int>(e - all.data());
     AreaProbe probe(*e, O_RDONLY);
-    if (Verdict(probe) != "ok") all_ok = false;
+    const std::vector<Flag> flags = Flags(probe);
+    const std::string verdict = Verdict(probe);
+    const bool problem =
+        verdict != "ok" || std::any_of(flags.begin(), flags.end(), [](const Flag& f) { return f.problem; });
+    ok += !problem;
+    // A controller never started: every copy blank.
+    const bool blank = std::all_of(probe.copies.begin(), probe.copies.end(),
+                                   [](const CopyProbe& c) { return c.state == CopyState::kBlank; });
+    not_init += verdict == "NV not initialised" || blank;
+    no_copy += verdict == "no usable copy" && !blank;
+    left_open += std::any_of(flags.begin(), flags.end(), [](const Flag& f) { return f.text.rfind("left open", 0) == 0; });
+    Count(&disks, probe);
+    if (problems_only && !problem) continue;
     if (json) {
-      out["areas"].push_back(AreaJson(index, probe));
+      out["areas"].push_back(AreaJson(index, probe, flags));
     } else {
-      if (!first) printf("\n");
-      PrintArea(index, probe);
+      if (shown > 0) printf("\n");
+      PrintArea(index, probe, flags);
     }
-    first = false;
+    ++shown;
   }
+  const std::string action = Action(disks, not_init, left_open, no_copy);
+  const int n = static_cast<int>(selected.size());
+  const std::string summary = "status: " + std::to_string(n) + " area" + (n == 1 ? "" : "s") + ", " +
+                              std::to_string(ok) + " ok, " + std::to_string(n - ok) + " with problems, " +
+                              std::to_string(disks.size()) + " disk" + (disks.size() == 1 ? "" : "s");
   if (json) {
-    out["ok"] = all_ok;
+    out["disks"] = nlohmann::json::array();
+    for (const Disk& d : disks) {
+      out["disks"].push_back({{"path", d.path}, {"copy", d.copy}, {"areas", d.areas}, {"fenced", d.fenced},
+                              {"missing", d.missing}, {"blank", d.blank}, {"bad_header", d.bad}});
+    }
+    out["action"] = action;
+    out["summary"] = summary;
+    out["ok"] = ok == n;
     out["last_scrub"] = LastScrub();
     printf("%s\n", out.dump(2).c_str());
-  } else if (const std::string scrub = LastScrubLine(); !scrub.empty()) {
-    printf("\n%s\n", scrub.c_str());
+  } else {
+    if (shown > 0) printf("\n");
+    for (const Disk& d : disks) {
+      if (!problems_only || d.problems() > 0) printf("%s\n", DiskLine(d).c_str());
+    }
+    printf("action: %s\n%s\n", action.c_str(), summary.c_str());
+    if (const std::string scrub = LastScrubLine(); !scrub.empty()) printf("%s\n", scrub.c_str());
   }
-  return all_ok ? kExitOk : kExitFound;
+  return ok == n ? kExitOk : kExitFound;
 }
 
 }  // namespace sbacc_tool

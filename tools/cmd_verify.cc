@@ -9,6 +9,8 @@
 
 #include <algorithm>
 
+#include <nlohmann/json.hpp>
+
 #include "sbacc_core.h"
 #include "sbacc_l.h"
 #include "sbacc_ma.h"
@@ -121,23 +123,199 @@ struct Tally {
   int compared = 0;
   int mismatches = 0;
   int repaired = 0;
+  int skipped = 0;
   bool found = false;  // something wrong that is still wrong
   bool error = false;  // a library call failed
 };
 
-void VerifyArea(AreaProbe& p, bool repair, Tally& t, Progress& progress) {
+// What the copies hold that a reader sees: the size and the data up to it.
+bool SameContent(const CopyProbe& a, const std::vector<uint8_t>& da, const CopyProbe& b,
+                 const std::vector<uint8_t>& db) {
+  if (a.hdr.filesize != b.hdr.filesize) return false;
+  const size_t n = std::min({static_cast<size_t>(std::max(a.hdr.filesize, 0)), da.size(), db.size()});
+  return memcmp(da.data(), db.data(), n) == 0;
+}
+
+std::string List(const std::vector<int>& copies) {
+  std::string out;
+  for (size_t i = 0; i < copies.size(); ++i) {
+    out += (i == 0 ? "" : (i + 1 == copies.size() ? " and " : ", ")) + std::to_string(copies[i]);
+  }
+  return out;
+}
+
+// The ranges of differing data bytes (at most four shown) and a hex view of
+// 16 bytes around the first one on each side, for an engineer to judge.
+std::vector<std::string> HexView(int a, const std::vector<uint8_t>& da, int b, const std::vector<uint8_t>& db,
+                                 int64_t n) {
+  std::vector<std::pair<int64_t, int64_t>> ranges;
+  for (int64_t i = 0; i < n; ++i) {
+    if (da[static_cast<size_t>(i)] == db[static_cast<size_t>(i)]) continue;
+    if (!ranges.empty() && ranges.back().second == i - 1) {
+      ranges.back().second = i;
+    } else {
+      ranges.push_back({i, i});
+    }
+  }
+  if (ranges.empty()) return {};
+  std::string where = "differing data at offset";
+  where += ranges.size() > 1 ? "s " : " ";
+  for (size_t i = 0; i < ranges.size() && i < 4; ++i) {
+    where += (i ? ", " : "") + std::to_string(ranges[i].first);
+    if (ranges[i].second > ranges[i].first) where += "-" + std::to_string(ranges[i].second);
+  }
+  if (ranges.size() > 4) where += " and " + std::to_string(ranges.size() - 4) + " more";
+  std::vector<std::string> out{where};
+  const int64_t from = ranges.front().first & ~static_cast<int64_t>(15);
+  const int64_t to = std::min<int64_t>(from + 16, n);
+  for (const auto& [copy, d] : {std::pair<int, const std::vector<uint8_t>*>{a, &da}, {b, &db}}) {
+    char buf[32];
+    snprintf(buf, sizeof buf, "@%-6lld", static_cast<long long>(from));
+    std::string line = std::string(buf) + " copy " + std::to_string(copy) + ": ";
+    std::string text;
+    for (int64_t i = from; i < to; ++i) {
+      const uint8_t c = (*d)[static_cast<size_t>(i)];
+      snprintf(buf, sizeof buf, "%02x ", c);
+      line += buf;
+      text += (c >= 0x20 && c < 0x7f) ? static_cast<char>(c) : '.';
+    }
+    out.push_back(line + std::string(static_cast<size_t>(3 * (16 - (to - from))), ' ') + "|" + text + "|");
+  }
+  return out;
+}
+
+// Which copy is right, and why; -1 when nothing justifies a choice.  Only
+// evidence the library itself writes counts: the blockade words, the close
+// time, and, for an area whose writer died, the write-intent record and the
+// size (raised only after the data landed).  Beyond that, a strict majority of
+// three or more copies.  Two copies closed cleanly at the same time that
+// differ are damaged, and the damage may be on either side.
+int Decide(const AreaProbe& p, const std::vector<int>& usable, const std::vector<std::vector<uint8_t>>& data,
+           int reference, std::string* why) {
+  auto hdr = [&](int j) -> const SBACC_HDD_HEADER& { return p.copies[static_cast<size_t>(j)].hdr; };
+  auto content = [&](int a, int b) {
+    return SameContent(p.copies[static_cast<size_t>(a)], data[static_cast<size_t>(a)],
+                       p.copies[static_cast<size_t>(b)], data[static_cast<size_t>(b)]);
+  };
+  bool same_content = true, same_blockade = true;
+  int64_t latest_close = INT64_MIN;
+  for (int j : usable) {
+    same_content = same_content && content(usable.front(), j);
+    same_blockade = same_blockade && hdr(j).hddblockade == hdr(usable.front()).hddblockade;
+    latest_close = std::max(latest_close, hdr(j).closetime);
+  }
+  if (same_content) {
+    *why = "the data agree, only header bookkeeping differs; copy " + std::to_string(reference) +
+           " is the one an open reads";
+    return reference;
+  }
+  if (!same_blockade) {
+    char buf[96];
+    snprintf(buf, sizeof buf, "its header's blockade word 0x%x fences off more copies than the others record",
+             hdr(reference).hddblockade);
+    *why = buf;
+    return reference;
+  }
+  std::vector<int> last;
+  for (int j : usable) {
+    if (hdr(j).closetime == latest_close) last.push_back(j);
+  }
+  if (last.size() == 1) {
+    *why = "it was closed last (" + LocalTime(latest_close) + ")";
+    return last.front();
+  }
+  bool open = false;
+  for (int j : usable) open = open || hdr(j).openflag != 0;
+  if (open) {
+    std::vector<int> done, pending;
+    for (int j : usable) (hdr(j).writeflag != 0 ? pending : done).push_back(j);
+    if (!pending.empty() && !done.empty()) {
+      bool agree = true;
+      for (int j : done) agree = agree && content(done.front(), j);
+      if (agree) {
+        const SBACC_HDD_HEADER& h = hdr(pending.front());
+        *why = "its write finished; copy " + List(pending) + " still records a write of " +
+               std::to_string(h.write_size) + " bytes at " + std::to_string(h.write_offset) +
+               " in progress when its writer stopped";
+        return done.front();
+      }
+    }
+    int largest = usable.front();
+    bool unique = true;
+    for (int j : usable) {
+      if (j == largest) continue;
+      if (hdr(j).filesize > hdr(largest).filesize) {
+        largest = j;
+        unique = true;
+      } else if (hdr(j).filesize == hdr(largest).filesize) {
+        unique = false;
+      }
+    }
+    bool prefix = unique;
+    for (int j : usable) {
+      const size_t n = static_cast<size_t>(std::max(hdr(j).filesize, 0));
+      prefix = prefix && n <= data[static_cast<size_t>(j)].size() &&
+               memcmp(data[static_cast<size_t>(j)].data(), data[static_cast<size_t>(largest)].data(), n) == 0;
+    }
+    if (prefix) {
+      *why = "its writer stopped with the area open, and it holds the larger size (" +
+             std::to_string(hdr(largest).filesize) + " bytes): the size is raised only after the data is written";
+      return largest;
+    }
+  }
+  if (usable.size() >= 3) {
+    for (int j : usable) {
+      std::vector<int> same;
+      for (int k : usable) {
+        if (content(j, k)) same.push_back(k);
+      }
+      if (2 * same.size() > usable.size()) {
+        *why = "copies " + List(same) + " hold the same data, a majority of " + std::to_string(usable.size());
+        return j;
+      }
+    }
+  }
+  return -1;
+}
+
+struct AreaOptions {
+  bool repair = false;
+  bool force = false;
+  bool quiet = false;  // a first look that only counts
+  bool json = false;   // lines go into the JSON only
+  int from = -1;
+};
+
+void VerifyArea(AreaProbe& p, const AreaOptions& o, Tally& t, Progress& progress, nlohmann::json* js) {
   const char* name = p.entry().filename;
   auto report = [&](const std::string& line) {
+    if (o.quiet) return;
+    (*js)["report"].push_back(line);
+    if (o.json) return;
     progress.Clear();
     printf("%s: %s\n", name, line.c_str());
     fflush(stdout);
   };
+  auto outcome = [&](const char* what) { (*js)["result"] = what; };
+  outcome("ok");
 
   if (p.nv_rc != 0) {
+    if (o.quiet) return;
     progress.Clear();
     fprintf(stderr, "sbacc: verify %s: NV entry: %s\n", name, CodeString(p.nv_rc).c_str());
+    outcome("error");
     t.error = true;
     return;
+  }
+  std::vector<FileUser> users;
+  if (BeingWritten(p, &users)) {
+    if (!o.force) {
+      report("being written (" + DescribeUsers(users) + " holds its files open): skipped; --force to verify anyway");
+      outcome("skipped");
+      ++t.skipped;
+      return;
+    }
+    report("being written (" + DescribeUsers(users) + "), going on because of --force");
   }
   std::vector<int> usable;
   for (const CopyProbe& c : p.copies) {
@@ -145,6 +323,7 @@ void VerifyArea(AreaProbe& p, bool repair, Tally& t, Progress& progress) {
   }
   if (usable.empty()) {
     report("no usable copy to verify");
+    outcome("no usable copy");
     t.found = true;
     return;
   }
@@ -152,91 +331,201 @@ void VerifyArea(AreaProbe& p, bool repair, Tally& t, Progress& progress) {
     report("only copy " + std::to_string(usable.front()) + " is usable, nothing to compare");
     return;
   }
+  if (o.from >= 0 && std::find(usable.begin(), usable.end(), o.from) == usable.end()) {
+    throw UsageError("--from " + std::to_string(o.from) + ": copy " + std::to_string(o.from) + " of " + name +
+                     " is not usable (see 'sbacc status " + name + "')");
+  }
 
-  const int ref_index = ChooseReference(p, usable);
-  const CopyProbe& ref = p.copies[static_cast<size_t>(ref_index)];
-  // Enough reference data for the longest copy (never past the capacity).
+  // Every copy's data up to the longest size any of them claims (never past
+  // the capacity); a copy whose data cannot be read is a difference too.
   int64_t longest = 0;
   for (int j : usable) longest = std::max<int64_t>(longest, p.copies[static_cast<size_t>(j)].hdr.filesize);
-  std::vector<uint8_t> ref_data;
-  int rc = ReadData(p.sfd(), ref_index, std::min(longest, Capacity(p.entry())), &ref_data);
-  if (rc != 0) {
+  longest = std::min(longest, Capacity(p.entry()));
+  std::vector<std::vector<uint8_t>> data(p.copies.size());
+  std::vector<int> read_rc(p.copies.size(), 0);
+  for (int j : usable) read_rc[static_cast<size_t>(j)] = ReadData(p.sfd(), j, longest, &data[static_cast<size_t>(j)]);
+
+  const int reference = ChooseReference(p, usable);
+  if (read_rc[static_cast<size_t>(reference)] != 0) {
     progress.Clear();
-    fprintf(stderr, "sbacc: verify %s: reading copy %d: %s\n", name, ref_index, CodeString(rc).c_str());
+    fprintf(stderr, "sbacc: verify %s: reading copy %d: %s\n", name, reference,
+            CodeString(read_rc[static_cast<size_t>(reference)]).c_str());
+    outcome("error");
     t.error = true;
     return;
   }
-
+  const CopyProbe& ref = p.copies[static_cast<size_t>(reference)];
+  const std::vector<uint8_t>& ref_data = data[static_cast<size_t>(reference)];
+  std::vector<int> differing;
   for (int j : usable) {
-    if (j == ref_index) continue;
+    if (j == reference) continue;
     ++t.compared;
     const Difference d = Compare(p, ref, ref_data, p.copies[static_cast<size_t>(j)]);
     if (!d.any()) continue;
+    differing.push_back(j);
     ++t.mismatches;
-    report("copy " + std::to_string(j) + " differs from copy " + std::to_string(ref_index) + ": " + Describe(d));
-    if (!repair) {
-      t.found = true;
-      continue;
+    report("copy " + std::to_string(j) + " differs from copy " + std::to_string(reference) + ": " + Describe(d));
+    (*js)["differences"].push_back({{"copy", j},
+                                    {"against", reference},
+                                    {"header_fields", d.fields},
+                                    {"data_bytes", d.count},
+                                    {"first_offset", d.first < 0 ? nlohmann::json(nullptr) : nlohmann::json(d.first)}});
+    if (!o.quiet && d.count > 0 && read_rc[static_cast<size_t>(j)] == 0) {
+      const int64_t n = std::min<int64_t>(
+          std::max(ref.hdr.filesize, p.copies[static_cast<size_t>(j)].hdr.filesize), longest);
+      for (const std::string& line : HexView(reference, ref_data, j, data[static_cast<size_t>(j)], n)) {
+        (*js)["report"].push_back("  " + line);
+        if (o.json) continue;
+        progress.Clear();
+        printf("  %s\n", line.c_str());
+      }
     }
-    rc = Rewrite(p, ref, ref_data, j);
+  }
+  if (differing.empty()) return;
+  outcome("differ");
+  if (!o.repair || o.quiet) {
+    t.found = true;
+    return;
+  }
+
+  std::string why;
+  int winner = o.from;
+  if (winner >= 0) {
+    why = "chosen with --from";
+  } else {
+    bool unreadable = false;
+    for (int j : usable) unreadable = unreadable || read_rc[static_cast<size_t>(j)] != 0;
+    winner = unreadable ? -1 : Decide(p, usable, data, reference, &why);
+  }
+  if (winner < 0) {
+    report("not repaired: nothing shows which copy is right (the headers agree and no majority holds the same "
+           "data); look at the bytes above and rewrite with 'sbacc verify --repair --from COPY " +
+           std::string(name) + "'");
+    outcome("refused");
+    t.found = true;
+    return;
+  }
+  report("copy " + std::to_string(winner) + " is taken as right: " + why);
+  (*js)["winner"] = winner;
+  (*js)["reason"] = why;
+
+  const CopyProbe& src = p.copies[static_cast<size_t>(winner)];
+  std::vector<uint8_t> src_data;
+  int rc = ReadData(p.sfd(), winner, std::min<int64_t>(std::max(src.hdr.filesize, 0), Capacity(p.entry())), &src_data);
+  if (rc != 0) {
+    report("copy " + std::to_string(winner) + " could not be read: " + CodeString(rc));
+    outcome("error");
+    t.error = true;
+    return;
+  }
+  bool all_fixed = true;
+  for (int j : usable) {
+    if (j == winner) continue;
+    CopyProbe& c = p.copies[static_cast<size_t>(j)];
+    if (!Compare(p, src, src_data, c).any()) continue;
+    rc = Rewrite(p, src, src_data, j);
     if (rc != 0) {
       report("copy " + std::to_string(j) + " could not be rewritten: " + CodeString(rc));
       t.error = true;
+      all_fixed = false;
       continue;
     }
     // Read back what landed before calling it repaired.
-    CopyProbe& c = p.copies[static_cast<size_t>(j)];
     rc = sbacc_l_hddget(p.sfd(), j, 0, c.raw, SBACC_HEADER_SIZE);
     if (rc == 0) sbacc_l_decode_header(c.raw, &c.hdr);
-    const Difference after = Compare(p, ref, ref_data, c);
-    if (rc != 0 || after.any()) {
+    if (rc != 0 || Compare(p, src, src_data, c).any()) {
       report("copy " + std::to_string(j) + " still differs after the rewrite");
       t.found = true;
+      all_fixed = false;
     } else {
-      report("copy " + std::to_string(j) + " rewritten from copy " + std::to_string(ref_index));
-      ++t.repaired;
+      report("copy " + std::to_string(j) + " rewritten from copy " + std::to_string(winner));
+      (*js)["rewritten"].push_back(j);
     }
+  }
+  if (all_fixed) {
+    ++t.repaired;
+    outcome("repaired");
   }
 }
 
 }  // namespace
 
-int CmdVerify(const std::vector<std::string>& names, bool repair, int controller) {
-  const auto selected = SelectAreas(names);
+int CmdVerify(const VerifyOptions& vo) {
+  const auto selected = SelectAreas(vo.areas);
+  CheckNvImage("verify");
+  if (vo.from >= 0 && (!vo.repair || vo.areas.size() != 1)) {
+    throw UsageError("--from goes with --repair and one AREA: it overrides the choice of copy for that area only");
+  }
   // The repair lock is per controller; this is the byte it raises.
-  sbacc_cntno = controller;
+  sbacc_cntno = vo.controller;
   Tally t;
   Progress progress("verify", selected.size());
+  nlohmann::json out = {{"areas", nlohmann::json::array()}};
+  AreaOptions o;
+  o.repair = vo.repair;
+  o.force = vo.force;
+  o.from = vo.from;
+  o.json = vo.json;
   for (const SBACC_FILE_LIST_ENTRY* e : selected) {
     progress.Step(e->filename);
     ++t.areas;
+    nlohmann::json js = {{"name", e->filename}, {"report", nlohmann::json::array()},
+                         {"differences", nlohmann::json::array()}, {"winner", nullptr}, {"reason", nullptr},
+                         {"rewritten", nlohmann::json::array()}};
     try {
-      AreaProbe probe(*e, repair ? O_RDWR : O_RDONLY);
-      if (!repair) {
-        VerifyArea(probe, false, t, progress);
-        continue;
+      AreaProbe probe(*e, vo.repair ? O_RDWR : O_RDONLY);
+      // A first look that only counts; whatever it finds is read again
+      // (under the lock for a repair) before anything is called a mismatch.
+      Tally first;
+      AreaOptions look = o;
+      look.quiet = true;
+      nlohmann::json scratch;
+      VerifyArea(probe, look, first, progress, &scratch);
+      if (first.mismatches == 0 || scratch["result"] == "skipped") {
+        VerifyArea(probe, o, t, progress, &js);
+      } else if (!vo.repair) {
+        probe.Refresh();
+        VerifyArea(probe, o, t, progress, &js);
+      } else {
+        // Compare and rewrite under the lock, so no other controller rebuilds
+        // the same copies meanwhile.
+        int rc = sbacc_ma_enter_repairlock(probe.sfd());
+        if (rc != 0) throw LibError(std::string(e->filename) + ": repair lock", rc);
+        probe.Refresh();
+        try {
+          VerifyArea(probe, o, t, progress, &js);
+        } catch (...) {
+          sbacc_ma_leave_repairlock(probe.sfd());
+          throw;
+        }
+        rc = sbacc_ma_leave_repairlock(probe.sfd());
+        if (rc != 0) throw LibError(std::string(e->filename) + ": releasing the repair lock", rc);
       }
-      // Compare and rewrite under the lock, so no other controller rebuilds
-      // the same copies meanwhile; what was read before the lock is re-read.
-      int rc = sbacc_ma_enter_repairlock(probe.sfd());
-      if (rc != 0) throw LibError(std::string(e->filename) + ": repair lock", rc);
-      probe.Refresh();
-      VerifyArea(probe, true, t, progress);
-      rc = sbacc_ma_leave_repairlock(probe.sfd());
-      if (rc != 0) throw LibError(std::string(e->filename) + ": releasing the repair lock", rc);
     } catch (const LibError& err) {
       progress.Clear();
       fprintf(stderr, "sbacc: verify %s\n", err.what());
+      js["result"] = "error";
       t.error = true;
     }
+    out["areas"].push_back(js);
   }
   progress.Clear();
-  printf("verify: %d area%s, %d cop%s compared, %d mismatch%s", t.areas, t.areas == 1 ? "" : "s", t.compared,
-         t.compared == 1 ? "y" : "ies", t.mismatches, t.mismatches == 1 ? "" : "es");
-  if (repair) printf(", %d repaired", t.repaired);
-  printf("\n");
+  char line[256];
+  snprintf(line, sizeof line, "verify: %d area%s, %d cop%s compared, %d mismatch%s", t.areas,
+           t.areas == 1 ? "" : "s", t.compared, t.compared == 1 ? "y" : "ies", t.mismatches,
+           t.mismatches == 1 ? "" : "es");
+  std::string summary = line;
+  if (vo.repair) summary += ", " + std::to_string(t.repaired) + " repaired";
+  if (t.skipped > 0) summary += ", " + std::to_string(t.skipped) + " skipped (in use)";
   const int status = t.error ? kExitError : (t.found ? kExitFound : kExitOk);
   KeepScrubRecord({t.areas, t.compared, t.mismatches, t.repaired, status});
+  if (vo.json) {
+    out["summary"] = summary;
+    out["ok"] = status == kExitOk;
+    printf("%s\n", out.dump(2).c_str());
+  } else {
+    printf("%s\n", summary.c_str());
+  }
   return status;
 }
 

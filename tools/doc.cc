@@ -235,6 +235,10 @@ std::string HelpFooter() {
   }
   out +=
       ";\nthe library's retry and trace variables apply unchanged (man sbacc).\n"
+      "Live controller: status, ls, cat and dump only read; put, write and truncate write through the library\n"
+      "like any writer; verify skips areas being written; init and restore refuse while another process holds\n"
+      "the controller's files open; repair-init clears this controller's repair locks, so run it only when no\n"
+      "repair of this controller is under way.\n"
       "A simulated controller to try things on: sbacc sim create DIR --help";
   return out;
 }

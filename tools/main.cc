@@ -54,8 +54,10 @@ std::string CommandName(CLI::App* app) {
 }
 
 int Fail(CLI::App* app, const std::string& message, bool usage) {
+  // One line with the reason, and where the usage is: a page of help on
+  // every typo buries the reason.
   fprintf(stderr, "%s: %s\n", CommandName(app).c_str(), message.c_str());
-  if (usage) fprintf(stderr, "%s", app->help().c_str());
+  if (usage) fprintf(stderr, "Try '%s --help' for more information.\n", CommandName(app).c_str());
   return kExitError;
 }
 
@@ -69,17 +71,27 @@ int main(int argc, char** argv) {
 
   std::vector<std::string> areas;
   std::string area, file;
-  bool json = false, repair = false;
+  bool json = false;
   int offset = 0, size = 0, controller = 0, copy = 0;
   SimOptions sim_opts;
+  VerifyOptions vopts;
 
   CLI::App* ls = app.add_subcommand("ls", "List the configured areas: address, size, capacity and copies.");
+  bool check = false;
+  ls->add_flag("--check", check,
+               "Also report every area list line the library ignores and every area whose NV record it shifts "
+               "(exit status 1 when any)");
 
   CLI::App* status = app.add_subcommand(
       "status", "Show NV entries and each copy's state and header (changes nothing).");
   status->add_option("AREA", areas, "Areas to show (default: all)");
   status->add_flag("--json", json, "Machine-readable output (stable shape)");
-  status->footer("Exit status 1 when any copy is not usable or an NV entry is not initialised.");
+  bool problems = false;
+  status->add_flag("-x,--problems", problems, "Show only areas and disks that are not healthy");
+  status->footer(
+      "Ends with a summary per disk (HDD file), one 'action:' line and a one-line count.  Reads only; safe on a\n"
+      "live controller (an area being written may show copies mid-update).\n"
+      "Exit status 1 when any copy is not usable, an NV entry is not initialised, or an area was left open.");
 
   CLI::App* cat = app.add_subcommand("cat", "Write an area's data to standard output.");
   cat->add_option("AREA", area, "Area name")->required();
@@ -97,11 +109,24 @@ int main(int argc, char** argv) {
   truncate->add_option("AREA", area, "Area name")->required();
   truncate->add_option("SIZE", size, "New size in bytes")->required()->check(kByteCount);
 
+  constexpr const char* kStartupFooter =
+      "Prints per area what the start-up did: clean, stale copies rebuilt, copies fenced off, data of the\n"
+      "paired areas repaired (and from where), or re-created empty because no copy held a valid header.\n"
+      "Live controller: refused while another process holds an HDD file or the NV image open, because the\n"
+      "start-up rewrites headers and data under running writers; --force overrides.\n"
+      "Exit status 1 when an area lost its data or has no usable copy; 2 when refused or the call failed.";
+  bool force = false;
   CLI::App* init = app.add_subcommand("init", "Start-up: restore every area, then rebuild every NV entry.");
   init->add_option("--controller,-c", controller, "This controller's number (0-3)")->check(CLI::Range(0, 3));
+  init->add_flag("--force", force, "Run even while other processes hold the controller's files open");
+  init->add_flag("--json", json, "Machine-readable output");
+  init->footer(kStartupFooter);
 
   CLI::App* restore = app.add_subcommand("restore", "Start-up restore only: rebuild stale copies, repair the paired areas.");
   restore->add_option("--controller,-c", controller, "This controller's number (0-3)")->check(CLI::Range(0, 3));
+  restore->add_flag("--force", force, "Run even while other processes hold the controller's files open");
+  restore->add_flag("--json", json, "Machine-readable output");
+  restore->footer(kStartupFooter);
 
   CLI::App* repair_init = app.add_subcommand("repair-init", "Clear this controller's repair lock in every area.");
   repair_init->add_option("--controller,-c", controller, "This controller's number (0-3)")
@@ -113,12 +138,25 @@ int main(int argc, char** argv) {
 
   CLI::App* verify = app.add_subcommand(
       "verify", "Compare the usable copies of each area byte for byte (data and whole header).");
-  verify->add_option("AREA", areas, "Areas to verify (default: all)");
-  verify->add_flag("--repair", repair,
-                   "Rewrite each differing copy from the copy an open would read, under the area's repair lock");
-  verify->add_option("--controller,-c", controller, "Controller number for the repair lock (0-3)")
+  verify->add_option("AREA", vopts.areas, "Areas to verify (default: all)");
+  verify->add_flag("--repair", vopts.repair,
+                   "Rewrite differing copies from the copy the headers or a majority show to be right, under the "
+                   "area's repair lock; refuse when nothing shows it");
+  CLI::Option* from = verify->add_option("--from", vopts.from, "With --repair and one AREA: take this copy as right")
+                          ->check(CLI::Range(0, SBACC_HDD_MAX - 1));
+  from->needs("--repair");
+  verify->add_flag("--force", vopts.force, "Verify (and repair) areas that another process is writing too");
+  verify->add_flag("--json", vopts.json, "Machine-readable output");
+  verify->add_option("--controller,-c", vopts.controller, "Controller number for the repair lock (0-3)")
       ->check(CLI::Range(0, 3));
-  verify->footer("Exit status 1 when copies differ (with --repair: when any still differs).");
+  verify->footer(
+      "Copies that differ are read twice before they count as a mismatch.  --repair takes a copy as right only\n"
+      "when the headers show it (blockade words, close time, or for an area whose writer died the write-intent\n"
+      "record and the size) or when a strict majority of three or more copies agree; otherwise it shows where\n"
+      "the copies differ and rewrites nothing until --from names the copy.\n"
+      "Live controller: areas another process is writing are skipped (--force to go on); the rest are read\n"
+      "while in use, and a repair holds each area's repair lock while it rewrites.\n"
+      "Exit status 1 when copies differ (with --repair: when any still differs).");
 
   // Opens an area for writing and waits to be killed: a writer that died
   // with the area open, for demonstrations and tests.  Not in the help.
@@ -167,17 +205,17 @@ int main(int argc, char** argv) {
 
   CLI::App* where = Innermost(&app);
   try {
-    if (*ls) return CmdLs();
-    if (*status) return CmdStatus(areas, json);
+    if (*ls) return CmdLs(check);
+    if (*status) return CmdStatus(areas, json, problems);
     if (*cat) return CmdCat(area);
     if (*put) return CmdPut(area, file);
     if (*write) return CmdWrite(area, offset, file);
     if (*truncate) return CmdTruncate(area, size);
-    if (*init) return CmdInit(controller);
-    if (*restore) return CmdRestore(controller);
+    if (*init) return CmdStartup(true, controller, force, json);
+    if (*restore) return CmdStartup(false, controller, force, json);
     if (*repair_init) return CmdRepairInit(controller);
     if (*dump) return CmdDump(file);
-    if (*verify) return CmdVerify(areas, repair, controller);
+    if (*verify) return CmdVerify(vopts);
     if (*hold) return CmdHold(area, file);
     if (*sim_create) return CmdSimCreate(sim_opts);
     if (*sim_pull) return CmdSimPull(file, copy);

@@ -1,8 +1,17 @@
 // Reading one area's NV entry and the headers of its copies without the open
 // protocol: nothing is fenced, stamped or initialised by looking.
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <set>
+#include <utility>
 
 #include "sbacc_env.h"
 #include "sbacc_l.h"
@@ -17,6 +26,8 @@ const char* StateName(CopyState s) {
     case CopyState::kFenced: return "fenced off";
     case CopyState::kRepair: return "under repair";
     case CopyState::kMissing: return "missing";
+    case CopyState::kBlank: return "blank";
+    case CopyState::kBadHeader: return "bad header";
   }
   return "?";
 }
@@ -90,6 +101,10 @@ void AreaProbe::Refresh() {
       c.state = CopyState::kFenced;
     } else if (!c.header_read) {
       c.state = CopyState::kMissing;
+    } else if (!c.header_valid) {
+      // All zeros: never initialised, as a new disk comes; anything else is damage.
+      const bool blank = std::all_of(c.raw, c.raw + SBACC_HEADER_SIZE, [](uint8_t b) { return b == 0; });
+      c.state = blank ? CopyState::kBlank : CopyState::kBadHeader;
     } else {
       c.state = CopyState::kHealthy;
     }
@@ -123,6 +138,99 @@ std::vector<std::string> HeaderFieldsDiffering(const uint8_t* a, const uint8_t* 
     if (memcmp(a + f.off, b + f.off, static_cast<size_t>(f.len)) != 0) out.push_back(f.name);
   }
   return out;
+}
+
+// ---- Other processes on the controller ------------------------------------------
+
+std::string NvImagePath() {
+  const char* img = getenv("SANFWCTL_NV_IMAGE");
+  return img != nullptr && *img != '\0' ? img : "/var/tmp/sanfwctl-nv.img";
+}
+
+std::vector<std::string> ControllerFiles() {
+  std::set<std::string> paths;
+  for (const SBACC_FILE_LIST_ENTRY& e : Areas()) {
+    for (int j = 0; j < e.hddcount && j < SBACC_HDD_MAX; ++j) {
+      if (e.hddname[j][0] != '\0') paths.insert(e.hddname[j]);
+    }
+  }
+  paths.insert(NvImagePath());
+  return {paths.begin(), paths.end()};
+}
+
+// Files are matched by device and inode, so another name for the same file
+// (a relative path, a link) is still caught.  Processes of other users whose
+// descriptors cannot be read are not seen; the tool runs as the controller's
+// own user, like the writers it guards against.
+std::vector<FileUser> OtherUsers(const std::vector<std::string>& paths) {
+  std::set<std::pair<dev_t, ino_t>> wanted;
+  std::vector<std::pair<std::pair<dev_t, ino_t>, std::string>> names;
+  for (const std::string& p : paths) {
+    struct stat st;
+    if (stat(p.c_str(), &st) == 0) {
+      wanted.insert({st.st_dev, st.st_ino});
+      names.push_back({{st.st_dev, st.st_ino}, p});
+    }
+  }
+  std::vector<FileUser> out;
+  DIR* proc = opendir("/proc");
+  if (proc == nullptr || wanted.empty()) {
+    if (proc != nullptr) closedir(proc);
+    return out;
+  }
+  const pid_t self = getpid();
+  while (struct dirent* d = readdir(proc)) {
+    char* end = nullptr;
+    const long pid = strtol(d->d_name, &end, 10);
+    if (end == d->d_name || *end != '\0' || pid == self) continue;
+    const std::string fd_dir = std::string("/proc/") + d->d_name + "/fd";
+    DIR* fds = opendir(fd_dir.c_str());
+    if (fds == nullptr) continue;
+    std::set<std::string> seen;
+    while (struct dirent* f = readdir(fds)) {
+      if (f->d_name[0] == '.') continue;
+      struct stat st;
+      if (stat((fd_dir + "/" + f->d_name).c_str(), &st) != 0) continue;
+      for (const auto& [key, name] : names) {
+        if (key.first == st.st_dev && key.second == st.st_ino && seen.insert(name).second) {
+          std::string comm;
+          std::getline(std::ifstream(std::string("/proc/") + d->d_name + "/comm"), comm);
+          out.push_back({static_cast<int>(pid), comm, name});
+        }
+      }
+    }
+    closedir(fds);
+  }
+  closedir(proc);
+  return out;
+}
+
+std::string DescribeUsers(const std::vector<FileUser>& users) {
+  std::string out;
+  std::set<int> pids;
+  for (const FileUser& u : users) {
+    if (!pids.insert(u.pid).second) continue;
+    if (pids.size() > 3) {
+      out += ", ...";
+      break;
+    }
+    out += (out.empty() ? "" : ", ") + std::string("pid ") + std::to_string(u.pid) + " (" + u.command + ")";
+  }
+  return out;
+}
+
+bool BeingWritten(const AreaProbe& p, std::vector<FileUser>* users) {
+  bool open = false;
+  std::vector<std::string> paths;
+  for (const CopyProbe& c : p.copies) {
+    open = open || (c.usable() && c.hdr.openflag != 0);
+    paths.push_back(c.path);
+  }
+  if (!open) return false;
+  paths.push_back(NvImagePath());
+  std::vector<FileUser> u = OtherUsers(paths);
+  if (users != nullptr) *users = u;
+  return !u.empty();
 }
 
 }  // namespace sbacc_tool

@@ -55,7 +55,7 @@ int64_t Capacity(const SBACC_FILE_LIST_ENTRY& e);  // data bytes: areasize - 128
 
 // ---- Small helpers ------------------------------------------------------------
 
-// Local "YYYY-MM-DD hh:mm:ss"; "-" for 0.
+// Local "YYYY-MM-DD hh:mm:ss +hhmm"; "-" for 0.
 std::string LocalTime(int64_t t);
 // Whole file ("-" = standard input); a file that cannot be read is a UsageError.
 std::vector<uint8_t> ReadInput(const std::string& path);
@@ -87,7 +87,7 @@ int WithTicker(const std::string& label, const std::function<int()>& fn);
 
 // ---- One area's copies, read straight from NV and the files -------------------
 
-enum class CopyState { kHealthy, kFenced, kRepair, kMissing };
+enum class CopyState { kHealthy, kFenced, kRepair, kMissing, kBlank, kBadHeader };
 const char* StateName(CopyState s);
 
 struct CopyProbe {
@@ -100,7 +100,7 @@ struct CopyProbe {
   SBACC_HDD_HEADER hdr = {};
   bool header_valid = false;  // "SBFS", version 3
   CopyState state = CopyState::kMissing;
-  bool usable() const { return state == CopyState::kHealthy && header_valid; }
+  bool usable() const { return state == CopyState::kHealthy; }
 };
 
 // Owns an inspection descriptor (open mode 0) and the opened copies; changes
@@ -135,18 +135,56 @@ class AreaProbe {
 // reports of what differs.
 std::vector<std::string> HeaderFieldsDiffering(const uint8_t* a, const uint8_t* b);
 
+// ---- Other processes on the controller ---------------------------------------
+
+struct FileUser {
+  int pid = 0;
+  std::string command;
+  std::string path;
+};
+// SANFWCTL_NV_IMAGE, or the stand-in's default.
+std::string NvImagePath();
+// Every HDD file of the area list, and the NV image.
+std::vector<std::string> ControllerFiles();
+// Other processes that hold any of these files open (from /proc/*/fd).
+std::vector<FileUser> OtherUsers(const std::vector<std::string>& paths);
+// "pid 12 (sbacc), pid 40 (envd)"
+std::string DescribeUsers(const std::vector<FileUser>& users);
+// An area is being written when a usable copy's header says it is open and
+// another process holds one of its files or the NV image; a header left open
+// by a writer that is gone does not count.  The holders go to *users.
+bool BeingWritten(const AreaProbe& p, std::vector<FileUser>* users);
+
+// A missing or unusable NV image, named with the system's reason: an error
+// (exit 2) for every subcommand alike.
+void CheckNvImage(const char* command);
+
 // ---- Subcommands ----------------------------------------------------------------
 
-int CmdLs();
-int CmdStatus(const std::vector<std::string>& areas, bool json);
-int CmdVerify(const std::vector<std::string>& areas, bool repair, int controller);
+int CmdLs(bool check);
+// Lines of the area list the library ignores, and areas whose NV record is
+// not their list position because of them; empty when the list is clean.
+std::vector<std::string> AreaListProblems();
+// One line on standard error when the list has problems.
+void WarnAreaList();
+int CmdStatus(const std::vector<std::string>& areas, bool json, bool problems_only);
+struct VerifyOptions {
+  std::vector<std::string> areas;
+  bool repair = false;
+  bool force = false;  // verify areas that are being written too
+  bool json = false;
+  int from = -1;       // with --repair: the copy taken as right
+  int controller = 0;
+};
+int CmdVerify(const VerifyOptions& o);
 int CmdCat(const std::string& area);
 int CmdPut(const std::string& area, const std::string& file);
 int CmdWrite(const std::string& area, int offset, const std::string& file);
 int CmdTruncate(const std::string& area, int size);
 int CmdHold(const std::string& area, const std::string& file);
-int CmdInit(int controller);
-int CmdRestore(int controller);
+// Start-up (sbacc_nv_init, or the restore alone), refused while another
+// process holds a file of the controller open unless forced.
+int CmdStartup(bool nv_init, int controller, bool force, bool json);
 int CmdRepairInit(int controller);
 int CmdDump(const std::string& file);
 

@@ -84,8 +84,8 @@ std::string LocalTime(int64_t t) {
   if (t == 0) return "-";
   time_t tt = static_cast<time_t>(t);
   struct tm tmv;
-  char buf[32];
-  if (localtime_r(&tt, &tmv) == nullptr || strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &tmv) == 0) {
+  char buf[48];
+  if (localtime_r(&tt, &tmv) == nullptr || strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S %z", &tmv) == 0) {
     return std::to_string(t);
   }
   return buf;
@@ -172,6 +172,18 @@ int WithTicker(const std::string& label, const std::function<int()>& fn) {
   fputs("\r\033[K", stderr);
   fflush(stderr);
   return rc;
+}
+
+void CheckNvImage(const char* command) {
+  // The stand-in creates a missing image on first use: a look must not.
+  const std::string path = NvImagePath();
+  int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+  if (fd < 0) {
+    const int err = errno;
+    throw std::runtime_error(std::string("cannot use the NV memory image ") + path + ": " + strerror(err) +
+                             " (set SANFWCTL_NV_IMAGE; 'sbacc " + command + "' needs an existing image)");
+  }
+  ::close(fd);
 }
 
 }  // namespace sbacc_tool

@@ -1,0 +1,283 @@
+// sbacc init / sbacc restore: the library's start-up, refused on a live
+// controller, and a per-area account of what it did.
+//
+// The library keeps no per-area verdicts once the start-up returns (its
+// data-repair records live for the call only), so the account comes from
+// reading every area before and after the call: NV entry, each copy's header
+// and a digest of its data.  The copies a start-up rebuilds are found with the
+// same latest-copy rule the start-up applies to the headers read before it.
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+#include "sbacc_l.h"
+#include "tool.h"
+
+namespace sbacc_tool {
+
+namespace {
+
+constexpr int kChunk = 64 * 1024;
+constexpr const char* kPaired[] = {"envfw_backup0", "envfw_backup1", "envfw_sysback", "envfw_sysacpt",
+                                   "envfw_verid",   "envfw_verback", "envfw_reboot"};
+
+struct CopySnap {
+  bool readable = false;  // header read
+  bool valid = false;
+  bool blank = false;     // never initialised: 128 zero bytes
+  SBACC_HDD_HEADER hdr = {};
+  uint64_t digest = 0;    // size and data up to it
+};
+
+struct AreaSnap {
+  bool nv_valid = false;
+  uint32_t nv_blockade = 0;
+  std::vector<CopySnap> copies;
+  int source = -1;        // the copy the start-up takes as latest
+  uint32_t stale = 0;     // the copies it rebuilds from the source
+};
+
+uint64_t Digest(SBACC_FILE_DISCRIPTER* sfd, int j, const SBACC_HDD_HEADER& h, int64_t capacity) {
+  uint64_t d = 1469598103934665603ull;
+  auto mix = [&d](const uint8_t* p, size_t n) {
+    for (size_t i = 0; i < n; ++i) d = (d ^ p[i]) * 1099511628211ull;
+  };
+  const int64_t n = std::clamp<int64_t>(h.filesize, 0, capacity);
+  mix(reinterpret_cast<const uint8_t*>(&n), sizeof n);
+  std::vector<uint8_t> buf(kChunk);
+  for (int64_t off = 0; off < n; off += kChunk) {
+    const int len = static_cast<int>(std::min<int64_t>(kChunk, n - off));
+    if (sbacc_l_hddget_data(sfd, j, static_cast<int>(off), buf.data(), len) != 0) return 0;
+    mix(buf.data(), static_cast<size_t>(len));
+  }
+  return d;
+}
+
+// The start-up's own choice over the headers: same blockade word, the later
+// close wins; otherwise the word with more copies fenced off wins (at a tie
+// the later close), and the loser is stale; copies the source's word names,
+// and copies without a valid header, are stale too.
+void Classify(AreaSnap* s) {
+  for (size_t i = 0; i < s->copies.size(); ++i) {
+    const CopySnap& c = s->copies[i];
+    const uint32_t bit = 1u << i;
+    if (!c.readable) continue;
+    if (!c.valid) {
+      s->stale |= bit;
+      continue;
+    }
+    if (s->source < 0) {
+      s->source = static_cast<int>(i);
+      continue;
+    }
+    const SBACC_HDD_HEADER& src = s->copies[static_cast<size_t>(s->source)].hdr;
+    const int cs = sbacc_l_bitcount(static_cast<int>(src.hddblockade));
+    const int ch = sbacc_l_bitcount(static_cast<int>(c.hdr.hddblockade));
+    if (src.hddblockade == c.hdr.hddblockade) {
+      if (c.hdr.closetime > src.closetime) s->source = static_cast<int>(i);
+    } else if (cs > ch || (cs == ch && c.hdr.closetime <= src.closetime)) {
+      s->stale |= bit;
+    } else {
+      s->stale |= 1u << s->source;
+      s->source = static_cast<int>(i);
+    }
+  }
+  if (s->source < 0) return;
+  const uint32_t named = s->copies[static_cast<size_t>(s->source)].hdr.hddblockade;
+  for (size_t i = 0; i < s->copies.size(); ++i) {
+    if (s->copies[i].readable && (named & (1u << i)) != 0) s->stale |= 1u << i;
+  }
+}
+
+AreaSnap Snapshot(const SBACC_FILE_LIST_ENTRY& e) {
+  AreaProbe p(e, O_RDONLY);
+  AreaSnap s;
+  s.nv_valid = p.nv_valid;
+  s.nv_blockade = p.nv_valid ? p.nv.hddblockade : 0;
+  for (const CopyProbe& c : p.copies) {
+    CopySnap cs;
+    cs.readable = c.header_read;
+    cs.valid = c.header_valid;
+    cs.hdr = c.hdr;
+    cs.blank = c.header_read && std::all_of(c.raw, c.raw + SBACC_HEADER_SIZE, [](uint8_t b) { return b == 0; });
+    if (cs.valid) cs.digest = Digest(p.sfd(), c.index, c.hdr, Capacity(e));
+    s.copies.push_back(cs);
+  }
+  Classify(&s);
+  return s;
+}
+
+// The content a reader of the area gets after the start-up: the digest of a
+// copy that is not fenced off.
+uint64_t Content(const AreaSnap& s) {
+  for (size_t i = 0; i < s.copies.size(); ++i) {
+    if (s.copies[i].valid && (!s.nv_valid || (s.nv_blockade & (1u << i)) == 0)) return s.copies[i].digest;
+  }
+  return 0;
+}
+
+bool IsPaired(const char* name) {
+  return std::any_of(std::begin(kPaired), std::end(kPaired), [&](const char* n) { return strcmp(n, name) == 0; });
+}
+
+std::string Holders(const std::vector<FileUser>& users) {
+  std::string files;
+  std::vector<int> pids;
+  for (const FileUser& u : users) {
+    if (files.find(u.path) == std::string::npos) files += (files.empty() ? "" : ", ") + u.path;
+    if (std::find(pids.begin(), pids.end(), u.pid) == pids.end()) pids.push_back(u.pid);
+  }
+  return DescribeUsers(users) + (pids.size() == 1 ? " holds " : " hold ") + files + " open";
+}
+
+struct Outcome {
+  std::string verdict;               // clean, rebuilt, fenced, repaired, new, lost, no usable copy
+  std::vector<std::string> events;
+  std::vector<int> rebuilt, fenced;
+  bool loss = false;
+};
+
+std::string CopyWord(const std::vector<int>& v) {
+  std::string out = v.size() == 1 ? "copy " : "copies ";
+  for (size_t i = 0; i < v.size(); ++i) out += (i ? ", " : "") + std::to_string(v[i]);
+  return out;
+}
+
+Outcome Judge(size_t index, const std::vector<SBACC_FILE_LIST_ENTRY>& areas, const std::vector<AreaSnap>& before,
+              const std::vector<AreaSnap>& after) {
+  const AreaSnap& b = before[index];
+  const AreaSnap& a = after[index];
+  Outcome o;
+  o.verdict = "clean";
+  const bool any_valid = std::any_of(b.copies.begin(), b.copies.end(), [](const CopySnap& c) { return c.valid; });
+  const bool all_blank = std::all_of(b.copies.begin(), b.copies.end(),
+                                     [](const CopySnap& c) { return !c.readable || c.blank; });
+  for (size_t j = 0; j < a.copies.size(); ++j) {
+    const bool fenced_after = !a.copies[j].valid || (a.nv_valid && (a.nv_blockade & (1u << j)) != 0);
+    if (fenced_after) {
+      o.fenced.push_back(static_cast<int>(j));
+      const char* why = !b.copies[j].readable ? "cannot be read" : "could not be rebuilt";
+      o.events.push_back("copy " + std::to_string(j) + " fenced off (" + why + ")");
+    } else if (any_valid && (b.stale & (1u << j)) != 0) {
+      o.rebuilt.push_back(static_cast<int>(j));
+    }
+  }
+  if (o.fenced.size() == a.copies.size()) {
+    o.verdict = "no usable copy";
+    o.loss = true;
+    o.events.push_back("every copy is fenced off: the area cannot be read until a disk comes back");
+    return o;
+  }
+  if (!any_valid) {
+    if (all_blank) {
+      o.verdict = "new";
+      o.events.push_back("new area, created empty");
+    } else {
+      o.verdict = "lost";
+      o.loss = true;
+      o.events.push_back("RE-CREATED EMPTY: no copy held a valid header, its data is lost");
+    }
+    return o;
+  }
+  if (!o.rebuilt.empty()) {
+    o.verdict = "rebuilt";
+    o.events.insert(o.events.begin(), "stale " + CopyWord(o.rebuilt) + " rebuilt from copy " + std::to_string(b.source));
+  }
+  if (!o.fenced.empty()) o.verdict = "fenced";
+  if (b.copies[static_cast<size_t>(b.source)].hdr.openflag != 0) {
+    o.events.push_back("was left open by a writer that never closed");
+  }
+  const char* name = areas[index].filename;
+  const uint64_t was = b.copies[static_cast<size_t>(b.source)].digest, now = Content(a);
+  if (IsPaired(name) && was != now) {
+    // Where the start-up's data repair takes each paired area from.
+    static const std::pair<const char*, const char*> kFrom[] = {
+        {"envfw_backup0", "copied from envfw_backup1"}, {"envfw_backup1", "copied from envfw_backup0"},
+        {"envfw_sysback", "marker rewritten"},          {"envfw_sysacpt", "marker rewritten"},
+        {"envfw_verid", "set to envfw_verback + 1"},    {"envfw_verback", "copied from envfw_verid"},
+        {"envfw_reboot", "copied from envfw_verid"}};
+    const bool emptied = std::all_of(a.copies.begin(), a.copies.end(),
+                                     [](const CopySnap& c) { return !c.valid || c.hdr.filesize == 0; });
+    o.verdict = "repaired";
+    if (emptied) {
+      o.events.push_back("data cleared: the paired areas could not be repaired consistently");
+    } else {
+      for (const auto& [area, from] : kFrom) {
+        if (strcmp(area, name) == 0) o.events.push_back(std::string("data repaired: ") + from);
+      }
+    }
+  }
+  return o;
+}
+
+void Print(int index, const char* name, const Outcome& o) {
+  printf("%3d  %-31s %s", index, name, o.verdict.c_str());
+  for (size_t i = 0; i < o.events.size(); ++i) printf("%s%s", i == 0 ? ": " : "; ", o.events[i].c_str());
+  printf("\n");
+}
+
+}  // namespace
+
+int CmdStartup(bool nv_init, int controller, bool force, bool json) {
+  const auto& areas = Areas();
+  const char* what = nv_init ? "init" : "restore";
+  const std::vector<FileUser> users = OtherUsers(ControllerFiles());
+  if (!users.empty()) {
+    if (!force) {
+      fprintf(stderr,
+              "sbacc %s: refused: %s; a start-up on a live controller rewrites what its writers write. "
+              "Stop them first, or use --force.\n",
+              what, Holders(users).c_str());
+      return kExitError;
+    }
+    fprintf(stderr, "sbacc %s: going on with --force although %s\n", what, Holders(users).c_str());
+  }
+
+  WarnAreaList();
+  std::vector<AreaSnap> before, after;
+  for (const SBACC_FILE_LIST_ENTRY& e : areas) before.push_back(Snapshot(e));
+  const int rc = WithTicker(nv_init ? "start-up restore and NV initialisation" : "start-up restore",
+                            [&] { return nv_init ? sbacc_nv_init(controller) : sbacc_hdd_restore(controller); });
+  for (const SBACC_FILE_LIST_ENTRY& e : areas) after.push_back(Snapshot(e));
+
+  nlohmann::json out = {{"controller", controller},
+                        {"call", nv_init ? "sbacc_nv_init" : "sbacc_hdd_restore"},
+                        {"error", rc == 0 ? nlohmann::json(nullptr)
+                                          : nlohmann::json({{"code", rc}, {"name", sbacc_code_name(rc)},
+                                                            {"text", sbacc_code_text(rc)}})},
+                        {"areas", nlohmann::json::array()}};
+  int clean = 0, lost = 0;
+  for (size_t i = 0; i < areas.size(); ++i) {
+    const Outcome o = Judge(i, areas, before, after);
+    clean += o.verdict == "clean" || o.verdict == "new";
+    lost += o.loss;
+    out["areas"].push_back({{"index", i},
+                            {"name", areas[i].filename},
+                            {"verdict", o.verdict},
+                            {"events", o.events},
+                            {"rebuilt", o.rebuilt},
+                            {"fenced", o.fenced},
+                            {"data_lost", o.loss}});
+    if (!json) Print(static_cast<int>(i), areas[i].filename, o);
+  }
+  const size_t n = areas.size();
+  std::string summary = std::string(what) + ": " + std::to_string(n) + " area" + (n == 1 ? "" : "s") +
+                        " as controller " + std::to_string(controller) + ", " + std::to_string(clean) +
+                        " clean, " + std::to_string(static_cast<int>(n) - clean - lost) + " repaired or degraded, " +
+                        std::to_string(lost) + " without data";
+  out["summary"] = summary;
+  out["ok"] = rc == 0 && lost == 0;
+  if (json) {
+    printf("%s\n", out.dump(2).c_str());
+  } else {
+    printf("%s\n", summary.c_str());
+  }
+  fflush(stdout);
+  if (rc != 0) throw LibError(nv_init ? "sbacc_nv_init" : "sbacc_hdd_restore", rc);
+  return lost > 0 ? kExitFound : kExitOk;
+}
+
+}  // namespace sbacc_tool
