@@ -26,7 +26,14 @@ class FuzzEnv : public sbacc::Env {
   int StartThread(void* (*fn)(void*), void* arg) override {
     return threads_.load() ? sbacc::Env::StartThread(fn, arg) : EAGAIN;
   }
+  // No call may write outside the area it works on.
+  ssize_t WriteAt(int fd, const void* buf, size_t len, int64_t pos) override {
+    const uint64_t at = static_cast<uint64_t>(pos), lo = lo_.load(), hi = hi_.load();
+    if (hi > lo && (pos < 0 || at < lo || at + len > hi)) abort();
+    return sbacc::Env::WriteAt(fd, buf, len, pos);
+  }
   std::atomic<bool> threads_{true};
+  std::atomic<uint64_t> lo_{0}, hi_{0};
 };
 
 FuzzEnv g_env;
@@ -98,6 +105,11 @@ void PutBytes(const std::string& path, uint64_t pos, const void* data, size_t le
   close(fd);
 }
 
+void BoundWrites(uint64_t lo, uint64_t hi) {
+  g_env.lo_ = lo;
+  g_env.hi_ = hi;
+}
+
 void UseThreads(bool on) { g_env.threads_.store(on); }
 
 void WaitForWorkers() {
@@ -119,6 +131,7 @@ void FreshSetup() {
            HddPath(0).c_str(), HddPath(1).c_str(), static_cast<unsigned long long>(kAreaAddr + kAreaSize),
            static_cast<unsigned long long>(kAreaSize), HddPath(0).c_str(), HddPath(1).c_str());
   WriteFile(ListPath(), list, strlen(list));
+  BoundWrites(0, 0);
   sanfwctl_reset();
   ResetLibrary();
   // Opens the NV image now, so its descriptor is in place before a target

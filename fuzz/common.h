@@ -35,6 +35,10 @@ void FreshSetup();
 // Forgets the library's process state (area list, controller number).
 void ResetLibrary();
 
+// From now every HDD write must lie inside bytes [lo, hi) of its file, or
+// the process aborts; lo == hi lifts the bound.
+void BoundWrites(uint64_t lo, uint64_t hi);
+
 // With threads off every worker's job runs in the calling thread, as when
 // thread creation fails: far faster under the sanitizers, and the same
 // results.  On by default.

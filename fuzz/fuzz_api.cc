@@ -65,6 +65,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   while (in.more() && steps++ < max_steps) {
     const uint8_t op = in.u8();
     Handle& k = h[(op >> 4) % kHandles];
+    // A call on a handle writes its own area only; opens and the start-up
+    // may write either.
+    const uint64_t at = kAreaAddr + (k.area == "b" ? kAreaSize : 0);
+    const bool on_handle = op % 8 >= 1 && op % 8 <= 5 && k.fp != nullptr;
+    BoundWrites(on_handle ? at : kAreaAddr, on_handle ? at + kAreaSize : kAreaAddr + 2 * kAreaSize);
     switch (op % 8) {
       case 0: {  // open into slot k (closing what it held)
         if (k.fp != nullptr) Check(sbacc_close(k.fp) == 0);

@@ -128,8 +128,8 @@ TEST_F(HddTest, BadCopyPositionOrEndOfFile) {
   EXPECT_EQ(trace_.CountContaining("[sbacc_l_hddget] read error. ret=64 "), 1);
 }
 
-// Tunables as a descriptor takes them: read like atoi; a value out of 1..999
-// or too large for a long gives the default.
+// Tunables as a descriptor takes them: read like atoi; a value out of range
+// (1..999; the resync switch 0..1) or too large for a long gives the default.
 TEST(Sfd, TunablesInForce) {
   sbacc_test::Sim sim;
   sim.SetAreas({{"a", 0x1000, 4096, 1}});
@@ -139,7 +139,7 @@ TEST(Sfd, TunablesInForce) {
     int want;
   } cases[] = {{0, nullptr, 5},     {0, "0", 5},   {0, "1000", 5}, {0, "999", 999}, {1, "1", 1},
                {1, "12abc", 12},    {1, "abc", 5}, {3, "  +7", 7}, {2, "-3", 3},    {3, "99999999999999999999", 3},
-               {2, "4294967298", 3}};
+               {2, "4294967298", 3}, {4, "0", 0},     {4, "2", 1}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.value != nullptr ? c.value : "unset");
     for (int i = 0; sbacc_env_list[i].name != nullptr; ++i) unsetenv(sbacc_env_list[i].name);
@@ -147,7 +147,7 @@ TEST(Sfd, TunablesInForce) {
     sbacc_test::TraceCapture trace;
     SBACC_FILE_DISCRIPTER* sfd = nullptr;
     ASSERT_EQ(sbacc_ma_alloc_sfd("a", SBACC_OPENMODE_READ, &sfd), 0);
-    std::vector<int> want = {5, 5, 3, 3};
+    std::vector<int> want = {5, 5, 3, 3, 1};
     want[c.slot] = c.want;
     EXPECT_EQ(std::vector<int>(sfd->env, sfd->env + SBACC_ENV_NUM), want);
     EXPECT_TRUE(

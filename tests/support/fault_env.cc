@@ -144,7 +144,24 @@ ssize_t FaultEnv::ReadAt(int fd, void* buf, size_t len, int64_t pos) {
   return v.err != 0 ? -1 : Env::ReadAt(fd, buf, len > v.cut ? len - v.cut : 0, pos);
 }
 
+void FaultEnv::BoundWrites(uint64_t lo, uint64_t hi) {
+  std::lock_guard<std::mutex> lock(mu_);
+  bound_lo_ = lo;
+  bound_hi_ = hi;
+  stray_ = 0;
+}
+
+long FaultEnv::StrayWrites() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return stray_;
+}
+
 ssize_t FaultEnv::WriteAt(int fd, const void* buf, size_t len, int64_t pos) {
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    const uint64_t at = static_cast<uint64_t>(pos);
+    if (bound_hi_ > bound_lo_ && (pos < 0 || at < bound_lo_ || at + len > bound_hi_)) ++stray_;
+  }
   const Verdict v = Enter(kWrite, fd);
   return v.err != 0 ? -1 : Env::WriteAt(fd, buf, len > v.cut ? len - v.cut : 0, pos);
 }

@@ -61,6 +61,11 @@ class FaultEnv : public sbacc::Env {
 
   void SetNow(time_t t);  // fixes the clock
 
+  // From now every write must land inside bytes [lo, hi) of its file (the
+  // area the call works on); StrayWrites() counts those that did not.
+  void BoundWrites(uint64_t lo, uint64_t hi);
+  long StrayWrites() const;
+
   long SleepCount() const;
   std::vector<unsigned> Sleeps() const;
 
@@ -125,6 +130,8 @@ class FaultEnv : public sbacc::Env {
   bool fixed_clock_ = false;
   time_t now_ = 0;
   std::vector<unsigned> sleeps_;
+  uint64_t bound_lo_ = 0, bound_hi_ = 0;  // no bound while equal
+  long stray_ = 0;
 };
 
 }  // namespace sbacc_test
