@@ -5,12 +5,9 @@
 // the NV initialisation.  Whatever the records say, no call may crash, leak
 // a descriptor or a block, or touch area "b" beyond its own copies.
 #include <dirent.h>
-#include <fcntl.h>
-#include <unistd.h>
 #include <stdlib.h>
 #include <string.h>
 
-#include <algorithm>
 #include <vector>
 
 #include "common.h"
@@ -112,21 +109,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     Check(sbacc_close(fp) == 0);
   }
-  // The start-up writes both areas, but only "b"'s header: its data, never
-  // written, stays zero whatever "a"'s records claim.
-  BoundWrites(kAreaAddr, kAreaAddr + 2 * kAreaSize);
+  // The start-up writes "a" and "b"'s header; "b"'s data is never written.
+  BoundWrites(kAreaAddr, kAreaAddr + kAreaSize + SBACC_HEADER_SIZE);
   if (knobs & 0x80) {
     Check(Known(sbacc_nv_init(0)));
   } else if (flags & 0x10) {
     Check(Known(sbacc_hdd_restore(0)));
-  }
-  for (int i = 0; i < kCopies; ++i) {
-    std::vector<uint8_t> b(kAreaSize - SBACC_HEADER_SIZE, 1);
-    const int fd = open(HddPath(i).c_str(), O_RDONLY | O_CLOEXEC);
-    Check(fd >= 0 && pread(fd, b.data(), b.size(), static_cast<off_t>(kAreaAddr + kAreaSize + 128)) ==
-                         static_cast<ssize_t>(b.size()));
-    close(fd);
-    Check(std::all_of(b.begin(), b.end(), [](uint8_t x) { return x == 0; }));
   }
   WaitForWorkers();
   ResetLibrary();
