@@ -177,6 +177,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         break;
     }
   }
+  BoundWrites(kAreaAddr, kAreaAddr + 2 * kAreaSize);
   for (Handle& x : h) {
     if (x.fp != nullptr) Check(sbacc_close(x.fp) == 0);
   }
