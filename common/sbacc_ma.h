@@ -64,5 +64,9 @@ void sbacc_ma_repair_close_hdd(SBACC_FILE_DISCRIPTER* sfd, int hdd);
 // ---- Restore-time repair of one area ------------------------------------------------
 int sbacc_ma_repair_for_restore(int index);
 void* sbacc_ma_repair_for_restore_c_thread(void* arg);
+// Makes the usable (open) copies of an area agree where a cut write may have
+// left them differing; a copy that fails is closed.  Off when the
+// SBACC_RESTORE_RESYNC tunable is 0.  Returns 0.
+int sbacc_ma_resync_copies(SBACC_FILE_DISCRIPTER* sfd);
 
 #endif  // SBACC_MA_H

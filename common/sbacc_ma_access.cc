@@ -38,17 +38,25 @@ bool EnsureOpen(SBACC_FILE_DISCRIPTER* sfd, int i, int flags) {
   return true;
 }
 
+// Reads from the first healthy copy that delivers.  A read-mode handle writes
+// nothing to NV, so NV does not know which copies its open rejected: it asks
+// the copies the open accepted first and the others only when all of those
+// fail, so that its reads never switch to a copy holding other bytes.
 int AccessGet(SBACC_FILE_DISCRIPTER* sfd, const SBACC_MEM_LIST_ENTRY& e, int flags, int offset, void* buf,
               int len) {
   const int n = sbacc_ma_copies(sfd);
-  for (int i = 0; i < n; ++i) {
-    if (Bit(e.hddblockade, i)) {
-      if (!Bit(e.hddrepair, i)) sbacc_ma_close_hdd(sfd, i);
-      continue;
+  const uint32_t first = sfd->openmode == SBACC_OPENMODE_READ ? sfd->readset : 0;
+  for (int pass = first != 0 ? 0 : 1; pass < 2; ++pass) {
+    for (int i = 0; i < n; ++i) {
+      if (pass == 0 ? !Bit(first, i) : Bit(first, i)) continue;
+      if (Bit(e.hddblockade, i)) {
+        if (!Bit(e.hddrepair, i)) sbacc_ma_close_hdd(sfd, i);
+        continue;
+      }
+      if (!EnsureOpen(sfd, i, flags)) continue;
+      if (sbacc_l_hddget(sfd, i, offset, buf, len) == 0) return 0;
+      sbacc_ma_close_hdd(sfd, i);
     }
-    if (!EnsureOpen(sfd, i, flags)) continue;
-    if (sbacc_l_hddget(sfd, i, offset, buf, len) == 0) break;
-    sbacc_ma_close_hdd(sfd, i);
   }
   return 0;
 }

@@ -269,6 +269,12 @@ int OpenArea(SBACC_FILE_DISCRIPTER* sfd, boolean_t* closeflag, boolean_t nvinit)
       SBACC_TRACE(1, "[sbacc_ma_open] sbacc_ma_hddset_openinfo error. retcode=%d filename=%s", rc, name);
       return rc;
     }
+  } else {
+    // Nothing of the choice reaches NV in read mode; the handle keeps it.
+    sfd->readset = 0;
+    for (int i = 0; i < n; ++i) {
+      if (sfd->fd[i] != -1) sfd->readset |= 1u << i;
+    }
   }
   *closeflag = clean;
   return 0;

@@ -4,6 +4,7 @@
 
 #include <errno.h>
 #include <pthread.h>
+#include <stdint.h>
 
 #include "sbacc_alloc.h"
 #include "sbacc_env.h"
@@ -99,6 +100,14 @@ int CopyAll(SBACC_FILE_DISCRIPTER* sfd, int src, int dst, uint8_t* buf) {
     SBACC_TRACE(kTraceError, "[sbacc_ma_hddrepair_copy] sbacc_l_hddget_filesize error. retcode=%d", rc);
     return rc;
   }
+  // The amount copied never leaves the area, whatever the source header
+  // claims.  A size beyond the capacity cannot say where the data ends, so
+  // the whole capacity is copied: the destination then holds exactly the
+  // source's bytes, and reads refuse the bad size on both copies alike until
+  // a resize mends it.  A negative size leaves nothing in use to copy.
+  const int64_t area = static_cast<int64_t>(sfd->sfe.areasize > INT32_MAX ? INT32_MAX : sfd->sfe.areasize);
+  const int32_t capacity = static_cast<int32_t>(area > SBACC_HEADER_SIZE ? area - SBACC_HEADER_SIZE : 0);
+  if (filesize > capacity) filesize = capacity;
   for (int32_t p = 0; p < filesize;) {
     const int chunk = (filesize - p < kChunk) ? static_cast<int>(filesize - p) : kChunk;
     rc = CopyRange(sfd, src, dst, SBACC_HEADER_SIZE + p, buf, chunk, false);

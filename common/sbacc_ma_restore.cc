@@ -297,7 +297,12 @@ int RepairLocked(SBACC_FILE_DISCRIPTER* sfd, SBACC_DATA_REPAIR* rec, uint32_t* b
 
   if (repair == 0) {
     SBACC_TRACE(kTraceState, "[repair_for_restore] hdd repair no exec. hddblockade=0x%x %s", blockade, name);
+    (void)sbacc_ma_resync_copies(sfd);
     *blockade_out = NotOpen(sfd);  // and any copy the writes above closed
+    if (*blockade_out == all) {
+      SBACC_TRACE(kTraceError, "[repair_for_restore] opencnt error. hddblockade0x%x", *blockade_out);
+      return SBACC_E_ALLBLOCKADE;
+    }
     return 0;
   }
 
@@ -310,6 +315,9 @@ int RepairLocked(SBACC_FILE_DISCRIPTER* sfd, SBACC_DATA_REPAIR* rec, uint32_t* b
   for (int i = 0; i < hddcount; ++i) {
     if ((stale >> i) & 1u) (void)sbacc_ma_memset_hddrepair(sfd, i, B_FALSE);
   }
+  // The rebuilt copies now match the source; the usable ones may still
+  // differ where a write was cut between copies.
+  (void)sbacc_ma_resync_copies(sfd);
 
   // A copy ends either open and current or closed and fenced off.
   blockade = 0;
@@ -357,14 +365,16 @@ int sbacc_ma_repair_for_restore(int index) {
   if (rc != 0) {
     SBACC_TRACE(kTraceError, "[repair_for_restore] sbacc_ma_enter_repairlock error. retcode=%d filename=%s", rc,
                 sfd->sfe.filename);
+    // Not repaired, so not closed either: the close stamp would clear an
+    // open flag that the next start-up needs to see to repair the data.
+    for (int i = 0; i < SBACC_HDD_MAX; ++i) sbacc_ma_close_hdd(sfd, i);
   } else {
     uint32_t blockade = 0;
     rc = RepairLocked(sfd, rec, &blockade);
     RecordBlockade(sfd, blockade);
     (void)sbacc_ma_leave_repairlock(sfd);
+    (void)sbacc_ma_close(sfd);
   }
-
-  (void)sbacc_ma_close(sfd);
   sbacc_ma_free_sfd(sfd);
   SBACC_TRACE(kTraceFlow, "[repair_for_restore] [LEAVE] %d", rc);
   return rc;

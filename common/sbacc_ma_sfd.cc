@@ -18,6 +18,7 @@ const SBACC_ENV_LIST_ENTRY sbacc_env_list[] = {
     {"SBACC_MEMGET_MAXRETRY", 5, 1, 999},
     {"SBACC_REPAIR_MAXRETRY", 3, 1, 999},
     {"SBACC_REPAIRLOCK_MAXRETRY", 3, 1, 999},
+    {"SBACC_RESTORE_RESYNC", 1, 0, 1},
     {nullptr, 0, 0, 0},
 };
 

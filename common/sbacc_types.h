@@ -15,7 +15,7 @@
 #define SBACC_HEADER_SIZE 128
 #define SBACC_NV_ENTRY_SIZE 128
 #define SBACC_NV_BASE 4096
-#define SBACC_ENV_NUM 4
+#define SBACC_ENV_NUM 5
 #define SBACC_RESTORE_SLOTS 64
 
 // Mask with the low n bits set: every one of n copies fenced off.
@@ -51,7 +51,13 @@ typedef struct _TAG_SBACC_ENV_LIST_ENTRY {
   int max;
 } SBACC_ENV_LIST_ENTRY;
 
-enum { SBACC_ENV_MEMSET = 0, SBACC_ENV_MEMGET = 1, SBACC_ENV_REPAIR = 2, SBACC_ENV_REPAIRLOCK = 3 };
+enum {
+  SBACC_ENV_MEMSET = 0,
+  SBACC_ENV_MEMGET = 1,
+  SBACC_ENV_REPAIR = 2,
+  SBACC_ENV_REPAIRLOCK = 3,
+  SBACC_ENV_RESYNC = 4
+};
 
 // Per-area descriptor; the public handle points at one.
 typedef struct _TAG_SBACC_FILE_DISCRIPTER {
@@ -59,6 +65,9 @@ typedef struct _TAG_SBACC_FILE_DISCRIPTER {
   int openmode;
   int fd[SBACC_HDD_MAX];
   int env[SBACC_ENV_NUM];
+  // Read mode: the copies the open accepted (bit i = copy i), read before
+  // any other; 0 until the open has settled.
+  uint32_t readset;
 } SBACC_FILE_DISCRIPTER;
 
 // The 128-byte header in front of every HDD copy, decoded.  The host layout

@@ -60,6 +60,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   while (in.more() && steps++ < max_steps) {
     const uint8_t op = in.u8();
     Handle& k = h[(op >> 4) % kHandles];
+    // A call on a handle writes its own area only; opens and the start-up
+    // may write either.
+    const uint64_t at = kAreaAddr + (k.area == "b" ? kAreaSize : 0);
+    const bool on_handle = op % 8 >= 1 && op % 8 <= 5 && k.fp != nullptr;
+    TheRig().Bound(on_handle ? at : kAreaAddr, on_handle ? at + kAreaSize : kAreaAddr + 2 * kAreaSize);
     switch (op % 8) {  // 6: a pause
       case 0: {  // open into slot k (closing what it held)
         if (k.fp != nullptr) Check(sbacc_close(k.fp) == 0);
@@ -156,6 +161,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         break;
     }
   }
+  TheRig().Bound(kAreaAddr, kAreaAddr + 2 * kAreaSize);
   for (Handle& x : h) {
     if (x.fp != nullptr) Check(sbacc_close(x.fp) == 0);
   }

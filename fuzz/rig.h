@@ -69,10 +69,18 @@ struct Rig {
     cpfw_ioctl_nv_access req{reinterpret_cast<uintptr_t>(&b), 0, 1};
     Ezosanfwctl_read_nv(-1, &region, &req, 1);
   }
+  // From now every HDD write must land inside bytes [lo, hi) of its file
+  // (the area the calls work on); a stray write before it ends the run.
+  void Bound(uint64_t lo, uint64_t hi) {
+    Check(env.StrayWrites() == 0);
+    env.BoundWrites(lo, hi);
+  }
   // Waits for the detached workers to leave, so a leak check between two
   // inputs does not see a thread on its way out; then forgets the library's
   // process state.
   void Finish() {
+    Check(env.StrayWrites() == 0);
+    env.BoundWrites(0, 0);
     for (int i = 0; i < 10000 && Tasks() > tasks; ++i) usleep(100);
     sbacc_reset_process_state();
   }

@@ -203,8 +203,9 @@ constexpr long kStride = 4;
 constexpr long kStride = 1;
 #endif
 
-// Parameters: number of copies, and which half of the cut points.
-class CrashTest : public ::testing::TestWithParam<std::tuple<int, int>> {
+// Parameters: number of copies, which half of the cut points, and whether
+// the start-up resyncs copies (SBACC_RESTORE_RESYNC).
+class CrashTest : public ::testing::TestWithParam<std::tuple<int, int, bool>> {
  protected:
   void SetUp() override {
     if (getenv("TMPDIR") == nullptr && access("/dev/shm", W_OK) == 0) setenv("TMPDIR", "/dev/shm", 1);
@@ -247,7 +248,8 @@ void Scrub(Sim& sim, int area, int copies) {
 }
 
 TEST_P(CrashTest, EveryCutPointRecovers) {
-  const auto [copies, half] = GetParam();
+  const auto [copies, half, resync] = GetParam();
+  setenv("SBACC_RESTORE_RESYNC", resync ? "1" : "0", 1);
   const std::vector<Step> work = Workload();
   // The uncut run's log tells how many writes there are, and which form one
   // access (the copies' writes of one access come one after the other, each
@@ -318,15 +320,16 @@ TEST_P(CrashTest, EveryCutPointRecovers) {
         EXPECT_TRUE((repair && a < kSeven) || allowed[kAreas[a]].count(Content(sim, a, c)))
             << "copy " << c << " holds " << Content(sim, a, c).size() << " bytes no allowed state has";
       }
-      // The start-up only rebuilds a copy whose blockade word says it missed
-      // writes; a cut between the copies' writes of one access leaves words
-      // that agree and bytes that do not, exactly in that access's range and
-      // only in the area cut off.  A scrub ends it.
+      // Without the resync the start-up only rebuilds a copy whose blockade
+      // word says it missed writes; a cut between the copies' writes of one
+      // access leaves words that agree and bytes that do not, exactly in that
+      // access's range and only in the area cut off.  A scrub ends it.
       bool differ = false;
       for (int c = 1; c < copies; ++c) {
         const std::vector<int64_t> diff = DifferingBytes(sim, a, 0, c);
         if (diff.empty()) continue;
         differ = true;
+        EXPECT_FALSE(resync) << "copies differ after a start-up that resyncs";
         EXPECT_EQ(victim, kAreas[a]) << "copies of an area that was not cut off differ";
         // The access cut off between its copies' writes: the same write again.
         ASSERT_TRUE(k > 0 && k < total && log[k] == log[k - 1]) << "copies differ, yet the cut split no access";
@@ -347,11 +350,16 @@ TEST_P(CrashTest, EveryCutPointRecovers) {
          copies, first, last, total, points, repaired, diverged);
 }
 
-INSTANTIATE_TEST_SUITE_P(Copies, CrashTest, ::testing::Combine(::testing::Values(1, 2, 3), ::testing::Values(0, 1)),
-                         [](const ::testing::TestParamInfo<std::tuple<int, int>>& p) {
-                           return std::to_string(std::get<0>(p.param)) + "_copies_part_" +
-                                  std::to_string(std::get<1>(p.param));
-                         });
+std::string CrashName(const ::testing::TestParamInfo<std::tuple<int, int, bool>>& p) {
+  return std::to_string(std::get<0>(p.param)) + "_copies_part_" + std::to_string(std::get<1>(p.param)) +
+         (std::get<2>(p.param) ? "" : "_resync_off");
+}
+INSTANTIATE_TEST_SUITE_P(Copies, CrashTest,
+                         ::testing::Combine(::testing::Values(1, 2, 3), ::testing::Values(0, 1), ::testing::Values(true)),
+                         CrashName);
+INSTANTIATE_TEST_SUITE_P(ResyncOff, CrashTest,
+                         ::testing::Combine(::testing::Values(2), ::testing::Values(0, 1), ::testing::Values(false)),
+                         CrashName);
 
 // A cut during the start-up's own rebuild of a copy that missed writes, then
 // a second start-up: whatever the first got done, the data written after the

@@ -239,7 +239,9 @@ TEST_P(HddFaults, EveryCallOnEveryCopy) {
         if ((victims >> i & 1u) != 0 && s.cut) env.ShortOp(s.op, sim.HddPath(i), w.start, w.count, 1);
         if ((victims >> i & 1u) != 0 && !s.cut) env.FailOp(s.op, sim.HddPath(i), w.start, w.count, EIO);
       }
+      env.BoundWrites(kAddr, kAddr + kSize);
       rc = st.Run();
+      EXPECT_EQ(0, env.StrayWrites()) << "wrote outside the area";
       for (int i = 0; i < copies; ++i) {
         if ((victims >> i & 1u) != 0 && env.Calls(s.op, sim.HddPath(i)) > w.start) touched |= 1u << i;
       }

@@ -153,18 +153,20 @@ TEST_F(NvTest, AccessorsTouchExactlyTheirBytes) {
   EXPECT_EQ(Bytes(raw, raw + 128), rec);
 }
 
-// A tunable is read like atoi; a value out of 1..999 gives the default.  With
+// A tunable is read like atoi; a value out of its range (1..999; the resync
+// switch 0..1) gives the default.  With
 // the default NV retry count a transfer is tried 6 times, each failure followed
 // by a 100 ms pause; one that gets through in time succeeds.
 TEST_F(NvTest, TunablesAndNvRetries) {
   const struct { int slot; const char* value; int want; } cases[] = {
-      {0, "0", 5}, {0, "1000", 5}, {0, "999", 999}, {1, "1", 1}, {1, "12abc", 12}, {3, "  +7", 7}, {2, "4294967298", 3}};
+      {0, "0", 5}, {0, "1000", 5}, {0, "999", 999}, {1, "1", 1}, {1, "12abc", 12}, {3, "  +7", 7}, {2, "4294967298", 3},
+      {4, "0", 0}, {4, "2", 1}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.value);
     setenv(sbacc_env_list[c.slot].name, c.value, 1);
     Alloc(SBACC_OPENMODE_READ);
     unsetenv(sbacc_env_list[c.slot].name);
-    std::vector<int> want = {5, 5, 3, 3};
+    std::vector<int> want = {5, 5, 3, 3, 1};
     want[c.slot] = c.want;
     EXPECT_EQ(std::vector<int>(sfd_->env, sfd_->env + SBACC_ENV_NUM), want);
     EXPECT_TRUE(trace_.Has("[sbacc_ma_alloc_sfd] " + std::string(sbacc_env_list[c.slot].name) + ": " + std::to_string(c.want)));

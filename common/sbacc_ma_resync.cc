@@ -1,0 +1,153 @@
+// Start-up resync of one area's usable copies.  A power cut between the
+// copies' writes of one access leaves headers that agree and data that does
+// not; the write-intent record (or a data size that differs between copies)
+// says where.  The range is copied from the copy that reads return to every
+// other usable copy, so that no copy fenced off later can show readers other
+// bytes than they have seen.
+#define SBACC_MODULE SBACC_MODULE_MA
+#include "sbacc_trace.h"
+
+#include <stdint.h>
+#include <string.h>
+
+#include "sbacc_l.h"
+#include "sbacc_ma.h"
+
+using sbacc::kTraceError;
+using sbacc::kTraceFlow;
+using sbacc::kTraceMilestone;
+
+namespace {
+
+constexpr int kChunk = 2048;
+
+struct Plan {
+  int ref = -1;  // the copy that reads return: the lowest usable one
+  int64_t lo = 0, hi = 0;
+  bool needed = false;
+};
+
+int32_t Capacity(const SBACC_FILE_DISCRIPTER* sfd) {
+  const uint64_t area = sfd->sfe.areasize > INT32_MAX ? INT32_MAX : sfd->sfe.areasize;
+  return area > SBACC_HEADER_SIZE ? static_cast<int32_t>(area - SBACC_HEADER_SIZE) : 0;
+}
+
+// Reads every open copy's header (a copy that cannot deliver it is closed,
+// and so ends fenced off) and decides whether and what to copy.
+Plan Decide(SBACC_FILE_DISCRIPTER* sfd, SBACC_HDD_HEADER* hdr) {
+  Plan plan;
+  const int n = sbacc_ma_copies(sfd);
+  const int32_t cap = Capacity(sfd);
+  bool whole = false;
+  plan.lo = cap;
+  for (int i = 0; i < n; ++i) {
+    if (sfd->fd[i] == -1) continue;
+    const int rc = sbacc_l_hddget_header(sfd, i, &hdr[i]);
+    if (rc != 0) {
+      SBACC_TRACE(kTraceError, "[sbacc_ma_resync_copies] sbacc_l_hddget_header[%d] error. retcode=%d filename=%s", i,
+                  rc, sfd->sfe.filename);
+      sbacc_ma_close_hdd(sfd, i);
+      continue;
+    }
+    const SBACC_HDD_HEADER& h = hdr[i];
+    if (plan.ref < 0) plan.ref = i;
+    if (h.filesize != hdr[plan.ref].filesize) whole = plan.needed = true;
+    if (h.writeflag == 0) continue;
+    plan.needed = true;
+    // Only a record as the write leaves it names the range; anything else
+    // cannot be trusted to, and the whole data is made to agree.
+    if (h.writeflag != 1 || h.write_offset < 0 || h.write_size <= 0 || h.write_offset >= cap) {
+      whole = true;
+      continue;
+    }
+    const int64_t end = static_cast<int64_t>(h.write_offset) + h.write_size;
+    if (h.write_offset < plan.lo) plan.lo = h.write_offset;
+    if (end > plan.hi) plan.hi = end > cap ? cap : end;
+  }
+  if (whole && plan.ref >= 0) {
+    const int32_t size = hdr[plan.ref].filesize;
+    plan.lo = 0;
+    plan.hi = (size >= 0 && size <= cap) ? size : cap;
+  }
+  if (plan.lo > plan.hi) plan.lo = plan.hi;
+  return plan;
+}
+
+// A failed write means the copy cannot be kept in step: it is closed and
+// ends fenced off.
+void Put(SBACC_FILE_DISCRIPTER* sfd, int i, int offset, const void* buf, int len) {
+  if (sfd->fd[i] == -1) return;
+  const int rc = sbacc_l_hddset(sfd, i, offset, buf, len);
+  if (rc == 0) return;
+  SBACC_TRACE(kTraceError, "[sbacc_ma_resync_copies] sbacc_l_hddset error. retcode=%d HDD[%d] filename=%s", rc, i,
+              sfd->sfe.filename);
+  sbacc_ma_close_hdd(sfd, i);
+}
+
+void ClearIntent(SBACC_FILE_DISCRIPTER* sfd, int i, SBACC_HDD_HEADER* h) {
+  if (h->writeflag == 0 && h->write_offset == 0 && h->write_size == 0) return;
+  h->writeflag = 0;
+  h->write_offset = 0;
+  h->write_size = 0;
+  uint8_t raw[SBACC_HEADER_SIZE];
+  sbacc_l_encode_header(h, raw);
+  Put(sfd, i, kHdrWriteflag, raw + kHdrWriteflag, kHdrWriteinfoLen);
+}
+
+// One pass from plan.ref.  False when the reference copy failed a read: it
+// is closed and the caller plans again from the next one.
+bool Copy(SBACC_FILE_DISCRIPTER* sfd, const Plan& plan, SBACC_HDD_HEADER* hdr, uint8_t* buf) {
+  const int n = sbacc_ma_copies(sfd);
+  const int ref = plan.ref;
+  for (int64_t p = plan.lo; p < plan.hi;) {
+    const int len = static_cast<int>(plan.hi - p < kChunk ? plan.hi - p : kChunk);
+    const int off = static_cast<int>(SBACC_HEADER_SIZE + p);
+    const int rc = sbacc_l_hddget(sfd, ref, off, buf, len);
+    if (rc != 0) {
+      SBACC_TRACE(kTraceError, "[sbacc_ma_resync_copies] sbacc_l_hddget error. retcode=%d HDD[%d] filename=%s", rc,
+                  ref, sfd->sfe.filename);
+      sbacc_ma_close_hdd(sfd, ref);
+      return false;
+    }
+    for (int i = 0; i < n; ++i) {
+      if (i != ref) Put(sfd, i, off, buf, len);
+    }
+    p += len;
+  }
+  // Sizes after the data, then the records, the reference's last: until the
+  // end some copy still differs in size or carries a record, so a cut
+  // anywhere in here leaves work that the next start-up does again.
+  uint8_t size[4];
+  sbacc_l_put_le32(size, static_cast<uint32_t>(hdr[ref].filesize));
+  for (int i = 0; i < n; ++i) {
+    if (i != ref && sfd->fd[i] != -1 && hdr[i].filesize != hdr[ref].filesize) Put(sfd, i, kHdrFilesize, size, 4);
+  }
+  for (int i = 0; i < n; ++i) {
+    if (i != ref && sfd->fd[i] != -1) ClearIntent(sfd, i, &hdr[i]);
+  }
+  ClearIntent(sfd, ref, &hdr[ref]);
+  return true;
+}
+
+}  // namespace
+
+int sbacc_ma_resync_copies(SBACC_FILE_DISCRIPTER* sfd) {
+  SBACC_TRACE(kTraceFlow, "[sbacc_ma_resync_copies] [ENTER]");
+  if (sfd->env[SBACC_ENV_RESYNC] == 0) {
+    SBACC_TRACE(kTraceFlow, "[sbacc_ma_resync_copies] [LEAVE] %d", 0);
+    return 0;
+  }
+  uint8_t buf[kChunk];
+  // Each failed reference is closed, so this ends after at most 8 passes.
+  for (;;) {
+    SBACC_HDD_HEADER hdr[SBACC_HDD_MAX];
+    memset(hdr, 0, sizeof hdr);
+    const Plan plan = Decide(sfd, hdr);
+    if (!plan.needed) break;
+    SBACC_TRACE(kTraceMilestone, "[sbacc_ma_resync_copies] resync %s range %lld-%lld from HDD[%d]",
+                sfd->sfe.filename, static_cast<long long>(plan.lo), static_cast<long long>(plan.hi), plan.ref);
+    if (Copy(sfd, plan, hdr, buf)) break;
+  }
+  SBACC_TRACE(kTraceFlow, "[sbacc_ma_resync_copies] [LEAVE] %d", 0);
+  return 0;
+}
