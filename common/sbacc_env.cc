@@ -1,4 +1,5 @@
 // POSIX default of the Env, and the switch that lets tests replace it.
+#define SBACC_MODULE SBACC_MODULE_SBACC
 #include "sbacc_env.h"
 
 #include <errno.h>
@@ -7,6 +8,8 @@
 #include <unistd.h>
 
 #include <atomic>
+
+#include "sbacc_worker.h"
 
 namespace sbacc {
 
@@ -39,7 +42,9 @@ int Env::Fsync(int fd) { return ::fsync(fd); }
 
 int Env::Close(int fd) { return ::close(fd); }
 
-int Env::StartThread(void* (*fn)(void*), void* arg) {
+int Env::StartThread(void* (*fn)(void*), void* arg) { return CrewRun(fn, arg); }
+
+int Env::CreateThread(void* (*fn)(void*), void* arg) {
   pthread_t tid;  // the thread detaches itself; the id is not kept
   return pthread_create(&tid, nullptr, fn, arg);
 }

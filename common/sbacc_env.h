@@ -28,7 +28,12 @@ class Env {
   virtual int Close(int fd);
 
   // Threads and their synchronisation: 0 or an errno value, as pthreads.
+  // StartThread runs fn(arg) on a thread of the process's worker crew (an
+  // idle worker, or a new one while the crew is under its bound); EAGAIN when
+  // none can be had, and the caller then does the job itself.
+  // CreateThread starts one OS thread: the crew's only way to grow.
   virtual int StartThread(void* (*fn)(void*), void* arg);
+  virtual int CreateThread(void* (*fn)(void*), void* arg);
   virtual int MutexInit(pthread_mutex_t* m);
   virtual int CondInit(pthread_cond_t* c);
 

@@ -1,6 +1,5 @@
 #include "common.h"
 
-#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
@@ -31,17 +30,6 @@ class FuzzEnv : public sbacc::Env {
 
 FuzzEnv g_env;
 
-int Tasks() {
-  int n = 0;
-  DIR* d = opendir("/proc/self/task");
-  if (d == nullptr) return -1;
-  while (struct dirent* e = readdir(d)) n += e->d_name[0] != '.';
-  closedir(d);
-  return n;
-}
-
-int g_tasks = 0;  // threads of the process before the first input
-
 }  // namespace
 
 const std::string& Dir() {
@@ -66,7 +54,6 @@ const std::string& Dir() {
     unsetenv("MC_TRACE_FILE");
     unsetenv("MC_TRACE_DIR");
     sbacc::SetEnvForTest(&g_env);
-    g_tasks = Tasks();
     return d;
   }());
   static const bool cleanup = [] {
@@ -100,9 +87,6 @@ void PutBytes(const std::string& path, uint64_t pos, const void* data, size_t le
 
 void UseThreads(bool on) { g_env.threads_.store(on); }
 
-void WaitForWorkers() {
-  for (int i = 0; i < 10000 && Tasks() > g_tasks; ++i) usleep(100);
-}
 
 void ResetLibrary() {
   sbacc_reset_process_state();

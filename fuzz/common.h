@@ -40,11 +40,6 @@ void ResetLibrary();
 // results.  On by default.
 void UseThreads(bool on);
 
-// Waits until the library's detached workers have left (they signal their
-// caller before they exit), so a leak check between two inputs does not see
-// the thread-local state of a thread that is still on its way out.
-void WaitForWorkers();
-
 }  // namespace sbacc_fuzz
 
 #endif  // SBACC_FUZZ_COMMON_H

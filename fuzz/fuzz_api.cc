@@ -175,7 +175,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   for (Handle& x : h) {
     if (x.fp != nullptr) Check(sbacc_close(x.fp) == 0);
   }
-  WaitForWorkers();
   ResetLibrary();
   Check(sbacc::AllocLiveBlocks() == blocks);
   return 0;

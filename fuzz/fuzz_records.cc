@@ -114,7 +114,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   } else if (flags & 0x10) {
     Check(Known(sbacc_hdd_restore(0)));
   }
-  WaitForWorkers();
   ResetLibrary();
   Check(OpenFds() == fds);
   Check(sbacc::AllocLiveBlocks() == blocks);

@@ -80,7 +80,7 @@ TEST_P(FaultEnvTest, ScriptResultsAndFile) {
     const int rc = e.MutexInit(&m);
     return rc ? rc : pthread_mutex_destroy(&m);
   };
-  auto quit = +[](void*) -> void* { return pthread_detach(pthread_self()), nullptr; };
+  auto quit = +[](void*) -> void* { return nullptr; };
   std::vector<long> got = {r(e.WriteAt(fd, "AB", 2, 0)), r(e.WriteAt(fd, "CD", 2, 2)), r(e.ReadAt(fd, buf, 4, 0))};
   got.insert(got.end(), {r(e.Fsync(fd)), r(e.Seek(fd, 0)), reopen(), e.StartThread(quit, nullptr), mutex()});
   got.insert(got.end(), {e.Writes(), e.Calls(E::kWrite, a)});
