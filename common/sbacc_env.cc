@@ -57,6 +57,31 @@ void Env::SleepMicros(unsigned micros) { ::usleep(micros); }
 
 time_t Env::Now() { return ::time(nullptr); }
 
+CrewCounts CrewCountsNow() {
+  pthread_mutex_lock(&g_crew.mu);
+  const CrewCounts n{g_crew.live, g_crew.peak, g_crew.started};
+  pthread_mutex_unlock(&g_crew.mu);
+  return n;
+}
+
+void CrewSetBound(int n) {
+  Crew& c = g_crew;
+  pthread_mutex_lock(&c.mu);
+  c.bound = n < 0 ? 0 : n > kCrewSlots ? kCrewSlots : n;
+  // Parked workers above the bound leave now; busy ones stay counted until
+  // they have left, so no new one starts in their place before.
+  int keep = c.live;
+  for (CrewWorker** p = &c.parked; *p != nullptr && keep > c.bound; --keep) {
+    CrewWorker* w = *p;
+    *p = w->next_parked;
+    w->parked = false;
+    w->retire = true;
+    pthread_cond_signal(&w->wake);
+  }
+  c.peak = 0;
+  pthread_mutex_unlock(&c.mu);
+}
+
 namespace {
 Env g_default_env;
 std::atomic<Env*> g_env{&g_default_env};

@@ -41,6 +41,18 @@ class Env {
   virtual time_t Now();
 };
 
+// The worker crew behind the default StartThread (sbacc_worker.h): threads
+// alive, the most alive at once, and threads started since the process began.
+struct CrewCounts {
+  int live;
+  int peak;
+  long started;
+};
+CrewCounts CrewCountsNow();
+// Tests: the most workers alive at once, 0 .. 64 (0 runs every task in its
+// caller); parked workers above it leave, and the peak starts again at 0.
+void CrewSetBound(int n);
+
 // The environment in force (the POSIX default unless a test replaced it).
 Env* CurrentEnv();
 // nullptr restores the default.  Not to be called while library calls run.

@@ -57,6 +57,8 @@ struct CrewWorker {
   void* (*fn)(void*);    // the task handed to this worker; nullptr while parked
   void* arg;
   CrewWorker* next_parked;
+  bool parked;           // on the parked list
+  bool retire;           // the crew was made smaller: leave instead of waiting
   bool taken;            // a live thread owns the slot
 };
 
@@ -72,29 +74,31 @@ struct Crew {
 
 inline Crew g_crew = {PTHREAD_MUTEX_INITIALIZER, {}, nullptr, 0, 0, kCrewDefaultBound, 0};
 
-// When the current task reported (WorkerFinish); its worker's idle time runs
-// from there.  Read from the Env before the caller is woken: once it is, a
-// test may already have replaced its Env.
+// The worker the calling thread is (nullptr on other threads), and when its
+// current task reported (WorkerFinish): its idle time runs from there.  The
+// clock is read before the caller is woken: once it is, a test may already
+// have replaced its Env.
+inline thread_local CrewWorker* t_crew_self = nullptr;
 inline thread_local time_t t_crew_reported = 0;
 
-struct CrewCounts {
-  int live;
-  int peak;
-  long started;
-};
-
-inline CrewCounts CrewCountsNow() {
-  pthread_mutex_lock(&g_crew.mu);
-  const CrewCounts n{g_crew.live, g_crew.peak, g_crew.started};
-  pthread_mutex_unlock(&g_crew.mu);
-  return n;
+// Puts the worker on the parked list; the crew's lock is held.
+inline void CrewPark(CrewWorker* w) {
+  if (w->parked) return;
+  w->parked = true;
+  w->next_parked = g_crew.parked;
+  g_crew.parked = w;
 }
 
-// For tests: the most workers alive at once (0 .. kCrewSlots; 0 runs every
-// task in its caller).  Workers above a lowered bound finish and retire.
-inline void CrewSetBound(int n) {
+// Called by a task just before it reports: the worker is parked before its
+// caller can hand out the next task, so that task finds it rather than start
+// a thread.  A task given to it now waits only for the rest of the finishing
+// task, which reports and returns without blocking.
+inline void CrewReporting() {
+  CrewWorker* w = t_crew_self;
+  if (w == nullptr) return;
+  t_crew_reported = CurrentEnv()->Now();
   pthread_mutex_lock(&g_crew.mu);
-  g_crew.bound = n < 0 ? 0 : n > kCrewSlots ? kCrewSlots : n;
+  CrewPark(w);
   pthread_mutex_unlock(&g_crew.mu);
 }
 
@@ -104,19 +108,19 @@ inline void* CrewMain(void* arg) {
   pthread_detach(pthread_self());
   int ignored;
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &ignored);  // nobody cancels a worker mid-task
+  t_crew_self = w;
   pthread_mutex_lock(&c.mu);
   for (;;) {
     void* (*fn)(void*) = w->fn;
     void* task_arg = w->arg;
+    w->fn = nullptr;
     pthread_mutex_unlock(&c.mu);
     t_crew_reported = 0;
     fn(task_arg);
     const timespec until{t_crew_reported + kCrewIdleSeconds, 0};
     pthread_mutex_lock(&c.mu);
-    w->fn = nullptr;
-    w->next_parked = c.parked;
-    c.parked = w;
-    while (w->fn == nullptr) {
+    if (w->fn == nullptr && !w->retire) CrewPark(w);  // else handed a task while finishing this one
+    while (w->fn == nullptr && !w->retire) {
       if (pthread_cond_timedwait(&w->wake, &c.mu, &until) != 0) break;  // timed out
     }
     if (w->fn == nullptr) break;
@@ -128,6 +132,8 @@ inline void* CrewMain(void* arg) {
       break;
     }
   }
+  w->parked = false;
+  w->retire = false;
   pthread_cond_destroy(&w->wake);
   w->taken = false;
   c.live--;
@@ -142,6 +148,7 @@ inline int CrewRun(void* (*fn)(void*), void* arg) {
   pthread_mutex_lock(&c.mu);
   if (CrewWorker* w = c.parked) {
     c.parked = w->next_parked;
+    w->parked = false;
     w->fn = fn;
     w->arg = arg;
     // Under the lock: the worker cannot time out and destroy its condition
@@ -164,6 +171,7 @@ inline int CrewRun(void* (*fn)(void*), void* arg) {
     return EAGAIN;
   }
   w->taken = true;
+  w->parked = false;
   w->fn = fn;
   w->arg = arg;
   c.live++;
@@ -197,6 +205,8 @@ inline void CrewForkChild() {
   c.live = 0;
   for (CrewWorker& s : c.slots) {
     s.taken = false;
+    s.parked = false;
+    s.retire = false;
     s.fn = nullptr;
   }
   pthread_mutex_unlock(&c.mu);
@@ -239,7 +249,7 @@ bool WorkerStart(Block* b, void* (*fn)(void*), void* arg) {
 // Called by a worker as its last touch of the block.
 template <class Block>
 void WorkerFinish(Block* b, int* retcode_slot, int rc) {
-  t_crew_reported = CurrentEnv()->Now();
+  CrewReporting();
   pthread_mutex_lock(&b->thread_mutex);
   *retcode_slot = rc;
   b->thread_num--;
