@@ -102,8 +102,8 @@ void BM_Write(benchmark::State& state, int size, int copies, bool with_serial, b
 
   std::unique_ptr<TraceAll> trace;
   if (trace_all) trace = std::make_unique<TraceAll>();
-  // Threads the crew starts during the library's writes, counted from the
-  // end of the first iteration (the warm-up).
+  // Threads the crew starts during the library's writes, counted after three
+  // warm-up iterations.
   long starts = 0, writes_counted = 0;
 
   for (auto _ : state) {
@@ -130,7 +130,7 @@ void BM_Write(benchmark::State& state, int size, int copies, bool with_serial, b
           const long s0 = sbacc::CrewCountsNow().started;
           ok = sbacc_write(data.data(), size, filesize, fp) == size;
           filesize += size;
-          if (rot > 0) {
+          if (rot >= 3) {  // after the warm-up
             starts += sbacc::CrewCountsNow().started - s0;
             ++writes_counted;
           }
