@@ -23,8 +23,9 @@
 // restore runs one task per area, each area one task per copy) only ever wait
 // for running work, never for a task queued behind their own busy workers.
 //
-// The bound: a write to 8 copies keeps 8 workers busy; kCrewDefaultBound
-// leaves room for four such callers at once.  More would only add threads
+// The bound: a write to 8 copies keeps 7 workers busy (its caller writes the
+// last copy itself); kCrewDefaultBound leaves room for four such callers at
+// once.  More would only add threads
 // competing for the same disks; the restore takes what the crew has and runs
 // the rest area by area in its calling thread.
 //
