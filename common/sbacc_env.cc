@@ -57,6 +57,13 @@ void Env::SleepMicros(unsigned micros) { ::usleep(micros); }
 
 time_t Env::Now() { return ::time(nullptr); }
 
+int WaitUpTo(pthread_cond_t* c, pthread_mutex_t* m, unsigned seconds) {
+  timespec until{};
+  clock_gettime(CLOCK_REALTIME, &until);
+  until.tv_sec += static_cast<time_t>(seconds);
+  return pthread_cond_timedwait(c, m, &until);
+}
+
 CrewCounts CrewCountsNow() {
   pthread_mutex_lock(&g_crew.mu);
   const CrewCounts n{g_crew.live, g_crew.peak, g_crew.started};

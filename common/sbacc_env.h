@@ -41,6 +41,12 @@ class Env {
   virtual time_t Now();
 };
 
+// Waits on `c` (with `m` held) until signalled or `seconds` have passed on the
+// real clock: 0, or ETIMEDOUT.  Not part of the replaceable Env: a parked
+// worker's idle time must not follow a test's fixed clock, and the worker
+// must not call into an Env that a test may be tearing down.
+int WaitUpTo(pthread_cond_t* c, pthread_mutex_t* m, unsigned seconds);
+
 // The worker crew behind the default StartThread (sbacc_worker.h): threads
 // alive, the most alive at once, and threads started since the process began.
 struct CrewCounts {

@@ -51,7 +51,7 @@ namespace sbacc {
 
 constexpr int kCrewSlots = 64;          // most workers CrewSetBound allows
 constexpr int kCrewDefaultBound = 32;   // 8 copies x 4 concurrent callers
-constexpr time_t kCrewIdleSeconds = 2;  // a parked worker retires after this
+constexpr unsigned kCrewIdleSeconds = 2;  // a parked worker retires after this
 
 struct CrewWorker {
   pthread_cond_t wake;   // set up (Env::CondInit) when the slot's thread starts
@@ -75,12 +75,8 @@ struct Crew {
 
 inline Crew g_crew = {PTHREAD_MUTEX_INITIALIZER, {}, nullptr, 0, 0, kCrewDefaultBound, 0};
 
-// The worker the calling thread is (nullptr on other threads), and when its
-// current task reported (WorkerFinish): its idle time runs from there.  The
-// clock is read before the caller is woken: once it is, a test may already
-// have replaced its Env.
+// The worker the calling thread is (nullptr on other threads).
 inline thread_local CrewWorker* t_crew_self = nullptr;
-inline thread_local time_t t_crew_reported = 0;
 
 // Puts the worker on the parked list; the crew's lock is held.
 inline void CrewPark(CrewWorker* w) {
@@ -97,7 +93,6 @@ inline void CrewPark(CrewWorker* w) {
 inline void CrewReporting() {
   CrewWorker* w = t_crew_self;
   if (w == nullptr) return;
-  t_crew_reported = CurrentEnv()->Now();
   pthread_mutex_lock(&g_crew.mu);
   CrewPark(w);
   pthread_mutex_unlock(&g_crew.mu);
@@ -116,13 +111,11 @@ inline void* CrewMain(void* arg) {
     void* task_arg = w->arg;
     w->fn = nullptr;
     pthread_mutex_unlock(&c.mu);
-    t_crew_reported = 0;
     fn(task_arg);
-    const timespec until{t_crew_reported + kCrewIdleSeconds, 0};
     pthread_mutex_lock(&c.mu);
     if (w->fn == nullptr && !w->retire) CrewPark(w);  // else handed a task while finishing this one
     while (w->fn == nullptr && !w->retire) {
-      if (pthread_cond_timedwait(&w->wake, &c.mu, &until) != 0) break;  // timed out
+      if (WaitUpTo(&w->wake, &c.mu, kCrewIdleSeconds) != 0) break;  // timed out
     }
     if (w->fn == nullptr) break;
   }
