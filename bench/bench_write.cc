@@ -14,6 +14,7 @@
 #include "bench_suite.h"
 #include "mc_logapi.h"
 #include "sbacc.h"
+#include "sbacc_env.h"
 
 namespace sbacc_bench {
 namespace {
@@ -101,6 +102,9 @@ void BM_Write(benchmark::State& state, int size, int copies, bool with_serial, b
 
   std::unique_ptr<TraceAll> trace;
   if (trace_all) trace = std::make_unique<TraceAll>();
+  // Threads the crew starts during the library's writes, counted after three
+  // warm-up iterations.
+  long starts = 0, writes_counted = 0;
 
   for (auto _ : state) {
     if (filesize + 2 * size > kDataCap) {
@@ -122,10 +126,16 @@ void BM_Write(benchmark::State& state, int size, int copies, bool with_serial, b
       const int64_t t0 = NowNs();
       bool ok = true;
       switch (ph) {
-        case kLib:
+        case kLib: {
+          const long s0 = sbacc::CrewCountsNow().started;
           ok = sbacc_write(data.data(), size, filesize, fp) == size;
           filesize += size;
+          if (rot >= 3) {  // after the warm-up
+            starts += sbacc::CrewCountsNow().started - s0;
+            ++writes_counted;
+          }
           break;
+        }
         case kSerial: {
           ScopedEnv env(&no_threads);
           ok = sbacc_write(data.data(), size, filesize, fp) == size;
@@ -185,6 +195,9 @@ void BM_Write(benchmark::State& state, int size, int copies, bool with_serial, b
     state.counters["serial_cpu_us"] = Median(cpu[kSerial]) / 1e3;
     if (lib > 0) state.counters["serial_over_parallel"] = Median(t[kSerial]) / lib;
     if (!r_serial.empty()) state.counters["serial_over_parallel_paired"] = Median(r_serial);
+  }
+  if (writes_counted > 0) {
+    state.counters["thread_starts_per_1000"] = 1000.0 * static_cast<double>(starts) / writes_counted;
   }
   state.counters["samples"] = static_cast<double>(t[kLib].size());
 }

@@ -41,6 +41,12 @@ constexpr int kMaxTracked = INT_MAX - kHeaderSize;
 volatile int tsize = 0;
 pthread_mutex_t memory_mutex = PTHREAD_MUTEX_INITIALIZER;
 
+// Held across fork(), so a child forked while another thread allocates does
+// not inherit the lock taken.
+void MemoryLock() { pthread_mutex_lock(&memory_mutex); }
+void MemoryUnlock() { pthread_mutex_unlock(&memory_mutex); }
+const int g_memory_atfork = pthread_atfork(MemoryLock, MemoryUnlock, MemoryUnlock);
+
 std::atomic<long> g_live_blocks{0};
 std::atomic<long> g_fail_countdown{0};
 

@@ -28,13 +28,36 @@ class Env {
   virtual int Close(int fd);
 
   // Threads and their synchronisation: 0 or an errno value, as pthreads.
+  // StartThread runs fn(arg) on a thread of the process's worker crew (an
+  // idle worker, or a new one while the crew is under its bound); EAGAIN when
+  // none can be had, and the caller then does the job itself.
+  // CreateThread starts one OS thread: the crew's only way to grow.
   virtual int StartThread(void* (*fn)(void*), void* arg);
+  virtual int CreateThread(void* (*fn)(void*), void* arg);
   virtual int MutexInit(pthread_mutex_t* m);
   virtual int CondInit(pthread_cond_t* c);
 
   virtual void SleepMicros(unsigned micros);
   virtual time_t Now();
 };
+
+// Waits on `c` (with `m` held) until signalled or `seconds` have passed on the
+// real clock: 0, or ETIMEDOUT.  Not part of the replaceable Env: a parked
+// worker's idle time must not follow a test's fixed clock, and the worker
+// must not call into an Env that a test may be tearing down.
+int WaitUpTo(pthread_cond_t* c, pthread_mutex_t* m, unsigned seconds);
+
+// The worker crew behind the default StartThread (sbacc_worker.h): threads
+// alive, the most alive at once, and threads started since the process began.
+struct CrewCounts {
+  int live;
+  int peak;
+  long started;
+};
+CrewCounts CrewCountsNow();
+// Tests: the most workers alive at once, 0 .. 64 (0 runs every task in its
+// caller); parked workers above it leave, and the peak starts again at 0.
+void CrewSetBound(int n);
 
 // The environment in force (the POSIX default unless a test replaced it).
 Env* CurrentEnv();

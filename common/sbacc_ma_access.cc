@@ -66,10 +66,14 @@ int AccessGet(SBACC_FILE_DISCRIPTER* sfd, const SBACC_MEM_LIST_ENTRY& e, int fla
 void AccessSet(SBACC_FILE_DISCRIPTER* sfd, const SBACC_MEM_LIST_ENTRY& e, int flags, int offset,
                const void* buf, int len) {
   const int n = sbacc_ma_copies(sfd);
-  int in_use = 0;
-  for (int i = 0; i < n; ++i) in_use += !(Bit(e.hddblockade, i) && !Bit(e.hddrepair, i));
-  // A single copy gains nothing from a worker: it is written in the calling
-  // thread, which saves a thread start per round.
+  int in_use = 0, last = -1;
+  for (int i = 0; i < n; ++i) {
+    if (Bit(e.hddblockade, i) && !Bit(e.hddrepair, i)) continue;
+    ++in_use;
+    last = i;
+  }
+  // The calling thread writes the last copy itself rather than wait idle: a
+  // single copy needs no worker at all, and K copies need K - 1 hand-offs.
   auto* blk = in_use < 2 ? nullptr : sbacc::WorkerBlockCreate<SBACC_HDDSET_THREAD_PARAM>(
       "sbacc_ma_hdd_access", sizeof(SBACC_HDDSET_THREAD_PARAM) + static_cast<size_t>(len));
   if (blk != nullptr) {
@@ -89,7 +93,7 @@ void AccessSet(SBACC_FILE_DISCRIPTER* sfd, const SBACC_MEM_LIST_ENTRY& e, int fl
       continue;
     }
     if (!EnsureOpen(sfd, i, flags)) continue;
-    if (blk != nullptr && sbacc::WorkerStart(blk, sbacc_ma_hddset_thread, &blk->param[i])) continue;
+    if (blk != nullptr && i != last && sbacc::WorkerStart(blk, sbacc_ma_hddset_thread, &blk->param[i])) continue;
     if (sbacc_l_hddset(sfd, i, offset, buf, len) != 0) {
       SBACC_TRACE(1, "[sbacc_ma_hdd_access] sbacc_l_hddset error. path=%s", sfd->sfe.hddname[i]);
       sbacc_ma_close_hdd(sfd, i);

@@ -41,10 +41,13 @@ void OpenCopies(SBACC_FILE_DISCRIPTER* sfd, uint32_t blockade, int openprm) {
     blk->sfd = sfd;
     blk->openprm = openprm;
   }
+  auto wanted = [&](int i) { return sfd->sfe.hddname[i][0] != '\0' && ((blockade >> i) & 1u) == 0; };
+  int last = n - 1;  // opened by the calling thread, which would only wait otherwise
+  while (last >= 0 && !wanted(last)) --last;
   for (int i = 0; i < n; ++i) {
     sfd->fd[i] = -1;
-    if (sfd->sfe.hddname[i][0] == '\0' || ((blockade >> i) & 1u) != 0) continue;
-    if (blk != nullptr) {
+    if (!wanted(i)) continue;
+    if (blk != nullptr && i != last) {
       blk->param[i].index = i;
       blk->param[i].addr = blk;
       if (sbacc::WorkerStart(blk, sbacc_ma_open_thread, &blk->param[i])) continue;

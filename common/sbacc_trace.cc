@@ -10,7 +10,11 @@
 namespace sbacc {
 
 void WorkerThreadSetup(WorkerLog log) {
-  pthread_detach(pthread_self());
+  // A crew worker runs many tasks: it sets up its trace output when it first
+  // runs a task of a kind, not for every task.
+  thread_local int t_log = -1;
+  if (t_log == static_cast<int>(log)) return;
+  t_log = static_cast<int>(log);
   const bool first = (log == WorkerLog::kRestore1);
   MC_SetLogProcName(first ? "env_restore1" : "env_restore2");
   MC_SetTraceName("/opt/env_frmwk/log/", first ? "env_restore1.log" : "env_restore2.log");

@@ -31,8 +31,8 @@ enum TraceLevel { kTraceError = 1, kTraceMilestone = 3, kTraceState = 4, kTraceF
 // Which per-thread trace file a library thread writes to.
 enum class WorkerLog { kRestore1, kRestore2 };
 
-// First thing every thread the library starts does: detach itself and direct
-// its trace to its own log file.
+// First thing every worker task does: direct the worker's trace to the log
+// file of the task's kind (a no-op when the worker is set up for it already).
 void WorkerThreadSetup(WorkerLog log);
 
 // The parameter block of a failing exported call, around the argument lines
