@@ -13,6 +13,7 @@ for tool in lintian pkg-config dpkg-shlibdeps; do
 done
 if [ -n "${need:-}" ]; then
   [ "$(id -u)" -eq 0 ] || { echo "missing:$need (apt-get install lintian pkg-config dpkg-dev)" >&2; exit 1; }
+  DEBIAN_FRONTEND=noninteractive apt-get update -qq
   DEBIAN_FRONTEND=noninteractive apt-get install -y -qq lintian pkg-config dpkg-dev >/dev/null
 fi
 
