@@ -70,6 +70,7 @@ TEST(DataRepairTest, LeavesTheSetConsistent) {
       {"sysback flagged, backup0 later", 1 << kSysback, 200, 100, 120, 120, 4, -1, 'B', {}},
       {"backup0 and a marker", 1 << kB0 | 1 << kSysacpt, 100, 100, 120, 120, 4, +1, 'B', {}},
       {"both backups refused", 1 << kB0 | 1 << kB1, 100, 200, 120, 120, 4, 0, 'C', {}},
+      {"backup0 and verid: verid rewritten", 1 << kB0 | 1 << kVerid, 100, 200, 120, 120, 4, +1, 'I', kPlus1},
       {"verid and verback refused", 1 << kVerid | 1 << kVerback, 100, 200, 120, 120, 4, 0, 'C', {}},
       {"verid with a marker refused", 1 << kVerid | 1 << kSysback, 100, 200, 120, 120, 4, 0, 'C', {}},
       {"verback with a backup refused", 1 << kB0 | 1 << kVerback, 100, 200, 120, 120, 4, 0, 'C', {}},
