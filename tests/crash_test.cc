@@ -272,9 +272,25 @@ TEST_P(CrashTest, EveryCutPointRecovers) {
     SCOPED_TRACE("power cut after write " + std::to_string(k) + " of " + std::to_string(total));
     Sim sim(copies, kHddBytes);
     start.Load(sim);
+    std::map<std::string, int64_t> closed;  // each area's close time before the step cut off
+    for (int a = 0; a < static_cast<int>(std::size(kAreas)); ++a) closed[kAreas[a]] = sim.Header(a, 0).closetime;
     const int fds = sbacc_test::OpenFdCount();
     const long blocks = sbacc::AllocLiveBlocks();
     const size_t cut = static_cast<size_t>(RunWorkload(work, k));  // work.size(): none
+    for (size_t i = 0; i < cut; ++i) {
+      if (work[i].kind == kClose) closed[work[i].area] = kRunTime + static_cast<int64_t>(i);
+    }
+    // A close stamps its time before it clears the open flag: a copy that
+    // reads as closed carries the time of its last close.
+    for (int a = 0; a < static_cast<int>(std::size(kAreas)); ++a) {
+      const bool closing = cut < work.size() && work[cut].kind == kClose && work[cut].area == kAreas[a];
+      for (int c = 0; c < copies; ++c) {
+        const SBACC_HDD_HEADER h = sim.Header(a, c);
+        EXPECT_TRUE(!sbacc_l_header_valid(&h) || h.openflag != 0 || h.closetime == closed[kAreas[a]] ||
+                    (closing && h.closetime == kRunTime + static_cast<int64_t>(cut)))
+            << kAreas[a] << " copy " << c << " closed at " << h.closetime;
+      }
+    }
     // Restart: the default environment, fresh process state, NV answering.
     sbacc_reset_process_state();
     sanfwctl_reset();
