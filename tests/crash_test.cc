@@ -286,8 +286,8 @@ TEST_P(CrashTest, EveryCutPointRecovers) {
       const bool closing = cut < work.size() && work[cut].kind == kClose && work[cut].area == kAreas[a];
       for (int c = 0; c < copies; ++c) {
         const SBACC_HDD_HEADER h = sim.Header(a, c);
-        EXPECT_TRUE(!sbacc_l_header_valid(&h) || h.openflag != 0 || h.closetime == closed[kAreas[a]] ||
-                    (closing && h.closetime == kRunTime + static_cast<int64_t>(cut)))
+        const int64_t want = closing ? kRunTime + static_cast<int64_t>(cut) : closed[kAreas[a]];
+        EXPECT_TRUE(!sbacc_l_header_valid(&h) || h.openflag != 0 || h.closetime == want)
             << kAreas[a] << " copy " << c << " closed at " << h.closetime;
       }
     }
