@@ -9,6 +9,7 @@
 #
 #   nice -n 5 scripts/mutate.sh [--only ID[,ID...]] [--out FILE] [--list]
 #                               [--jobs N] [--timeout SECONDS] [--reuse-baseline]
+#                               [--matrix FILE]
 #
 # --only            run only these mutants
 # --out FILE        also write the per-mutant lines and the score to FILE
@@ -17,6 +18,10 @@
 # --timeout S       limit per test in seconds (default 120)
 # --reuse-baseline  take the test order from the last run's timings instead of
 #                   running the unmodified suite first
+# --matrix FILE     run every test against every mutant (no stop at the first
+#                   failure) and write which tests kill which mutant to FILE
+#                   as JSON: the tests that alone kill a mutant are the ones a
+#                   cut must keep
 #
 # The unmodified suite runs first: it must pass, and its timings order the
 # tests cheapest first so that a kill comes quickly.  Build and failure logs
@@ -75,6 +80,7 @@ ap.add_argument("--list", action="store_true")
 ap.add_argument("--jobs", type=int, default=2)
 ap.add_argument("--timeout", type=int, default=120)
 ap.add_argument("--reuse-baseline", action="store_true")
+ap.add_argument("--matrix", default="")
 args = ap.parse_args()
 
 # ---- mutant list -----------------------------------------------------------------
@@ -201,7 +207,7 @@ def run_suite(tests, tag, stop_on_failure):
     """Runs tests in order on args.jobs workers.  Returns (first failure or
     None, {name: seconds}); the failure is (name, 'fail'|'timeout')."""
     lock = threading.Lock()
-    state = {"next": 0, "failure": None}
+    state = {"next": 0, "failure": None, "all": []}
     times = {}
     def worker():
         while True:
@@ -217,6 +223,7 @@ def run_suite(tests, tag, stop_on_failure):
                 if verdict == "pass":
                     os.unlink(log)
                     continue
+                state["all"].append(t["name"].split("  #")[0])
                 if state["failure"] is None:
                     state["failure"] = (t["name"], verdict)
                     os.replace(log, os.path.join(LOGS, f"{tag}.kill.log"))
@@ -230,6 +237,7 @@ def run_suite(tests, tag, stop_on_failure):
         th.start()
     for th in threads:
         th.join()
+    run_suite.failures = sorted(state["all"])
     return state["failure"], times
 
 # ---- applying a mutant ------------------------------------------------------------
@@ -311,6 +319,7 @@ emit(f"# mutation check at {head}, {time.strftime('%Y-%m-%d %H:%M UTC', time.gmt
 emit(f"# {'id':<6} {'result':<30} {'killing test':<62} {'time':>5}")
 
 killed = built = 0
+matrix = {}
 survivors, unbuilt, bad = [], [], []
 layers = {}  # layer -> [killed, built, total]
 def layer_of(m):
@@ -328,7 +337,9 @@ for m, target, problem in checked:
     apply(path, orig, m)
     try:
         ok = build(f"{m['id']}.build.log")
-        failure = run_suite(tests, m["id"], stop_on_failure=True)[0] if ok else None
+        failure = run_suite(tests, m["id"], stop_on_failure=not args.matrix)[0] if ok else None
+        if ok and args.matrix:
+            matrix[m["id"]] = run_suite.failures
     finally:
         restore_current()
     secs = time.monotonic() - start
@@ -348,6 +359,9 @@ for m, target, problem in checked:
     # ctest appends "  # GetParam() = ..." to parameterised names; the gtest name is enough.
     emit(f"{m['id']:<8} {result:<30} {failure[0].split('  #')[0]:<62} {secs:>4.0f}s")
 
+if args.matrix:
+    with open(args.matrix, "w") as f:
+        json.dump(matrix, f, indent=1, sort_keys=True)
 # Leave the tree built from the unmodified sources.
 build("final.build.log")
 pct = 100.0 * killed / built if built else 0.0
