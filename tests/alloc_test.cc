@@ -1,14 +1,6 @@
 // Tracked allocator: trace lines with owners and running total, the failure
 // hook, untracked mode, the total under threads.
-#include <gtest/gtest.h>
-#include <pthread.h>
-
-#include <string>
-#include <thread>
-#include <vector>
-
-#include "sbacc_alloc.h"
-#include "sim.h"
+#include "testutil.h"
 
 namespace {
 

@@ -1,17 +1,7 @@
 // Argument checks of the public area calls: each refusal returns its code,
 // traces its line and parameter block, and touches no file and no NV; every
 // call leaves thread cancellation enabled, whatever the state on entry.
-#include <pthread.h>
-
-#include <functional>
-#include <string>
-
-#include <gtest/gtest.h>
-
-#include "fault_env.h"
-#include "sanfwctl.h"
-#include "sbacc.h"
-#include "sim.h"
+#include "testutil.h"
 
 namespace {
 

@@ -2,28 +2,7 @@
 // write agree after the start-up, a read-mode handle reads the copy its open
 // chose, a rebuild stays inside its area, and a start-up that could not take
 // the repair lock leaves the headers as it found them.
-#include <limits.h>
-#include <stdlib.h>
-#include <string.h>
-
-#include <atomic>
-#include <functional>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-
-#include "fault_env.h"
-#include "sanfwctl.h"
-#include "sbacc.h"
-#include "sbacc_core.h"
-#include "sbacc_l.h"
-#include "sim.h"
-
-using sbacc_test::FaultEnv;
-using sbacc_test::Pattern;
-using sbacc_test::Sim;
-using Bytes = std::vector<uint8_t>;
+#include "testutil.h"
 
 namespace {
 
@@ -162,42 +141,5 @@ TEST_P(Consistency, Reproduction) {
 
 INSTANTIATE_TEST_SUITE_P(Cases, Consistency, ::testing::ValuesIn(kCases),
                          [](const ::testing::TestParamInfo<Case>& p) { return std::string(p.param.name); });
-
-// A power cut after write k of a start-up that resyncs (NV memory going with
-// it), for every k, then a second start-up: the copies agree on copy 0's
-// bytes and none is fenced off.
-struct Cut : FaultEnv {
-  explicit Cut(long n) { PowerCutAfterWrites(n); }
-  ssize_t WriteAt(int fd, const void* buf, size_t len, int64_t pos) override {
-    const ssize_t r = FaultEnv::WriteAt(fd, buf, len, pos);
-    const long nv_writes = sanfwctl_call_count(SANFWCTL_FAULT_WRITE);
-    if (PowerIsCut() && !nv_down.exchange(true)) sanfwctl_set_fault(SANFWCTL_FAULT_WRITE, nv_writes, -1);
-    return r;
-  }
-  std::atomic<bool> nv_down{false};
-};
-
-TEST(ConsistencyCut, ResyncCutAtEveryWrite) {
-  for (long k = 0, points = 1; k < points; ++k) {
-    SCOPED_TRACE("power cut after start-up write " + std::to_string(k));
-    Sim sim(3, 64 * 1024);
-    Case three = kCases[0];
-    three.copies = 3;
-    ASSERT_NO_FATAL_FAILURE(Prepare(sim, three));
-    {
-      Cut env(k);
-      (void)sbacc_nv_init(0);
-      if (env.PowerIsCut()) points = k + 2;
-    }
-    sbacc_reset_process_state();
-    sanfwctl_reset();
-    ASSERT_EQ(0, sbacc_nv_init(0));
-    EXPECT_EQ(0u, sim.NvEntry(0).hddblockade);
-    EXPECT_EQ(Pattern(kLen, 1), sim.Data(0, 0, kLen));
-    EXPECT_TRUE(Agree(sim));
-    sbacc_reset_process_state();
-    if (HasFailure()) return;
-  }
-}
 
 }  // namespace

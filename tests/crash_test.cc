@@ -7,37 +7,11 @@
 //
 // A power cut here: write k+1 and everything after it fails on every HDD, and
 // from the same moment NV memory takes no transfer either.  Writes of one
-// access that were already under way land; no write lands half.
-#include <stdlib.h>
-#include <string.h>
-#include <unistd.h>
+// access that were already under way land; no write lands half.  After the
+// start-up the copies of every area agree byte for byte.
+#include "testutil.h"
 
-#include <algorithm>
-#include <atomic>
-#include <map>
-#include <mutex>
-#include <set>
-#include <string>
-#include <utility>
-#include <vector>
-
-#include <gtest/gtest.h>
-
-#include "fault_env.h"
-#include "sanfwctl.h"
-#include "sbacc.h"
-#include "sbacc_alloc.h"
-#include "sbacc_core.h"
-#include "sbacc_l.h"
-#include "sbacc_ma.h"
-#include "sim.h"
-
-using sbacc_test::FaultEnv;
-using sbacc_test::Pattern;
-using sbacc_test::Sim;
-using Bytes = std::vector<uint8_t>;
 using Contents = std::map<std::string, Bytes>;  // area name to data
-using WriteLog = std::vector<std::pair<int64_t, size_t>>;  // position and length of each HDD write
 
 namespace {
 
@@ -99,69 +73,34 @@ Contents InitialContents() {
           {"plain", Pattern(100, 12)}, {"fresh", {}}};
 }
 
-// Numbers every HDD write; when the power goes, NV memory goes with it.
-class CutEnv : public FaultEnv {
- public:
-  explicit CutEnv(long cut_after = -1) { PowerCutAfterWrites(cut_after); }  // never if negative
-  ssize_t WriteAt(int fd, const void* buf, size_t len, int64_t pos) override {
-    const ssize_t n = FaultEnv::WriteAt(fd, buf, len, pos);
-    std::lock_guard<std::mutex> lock(mu_);
-    writes_.push_back({pos, len});
-    if (PowerIsCut() && cut_step < 0) {
-      cut_step = step.load();
-      sanfwctl_set_fault(SANFWCTL_FAULT_WRITE, sanfwctl_call_count(SANFWCTL_FAULT_WRITE), -1);
-      sanfwctl_set_fault(SANFWCTL_FAULT_READ, sanfwctl_call_count(SANFWCTL_FAULT_READ), -1);
-    }
-    return n;
+// One step of the workload on the handle fp (an open sets it, a failed
+// open clears it, and the steps up to the close are then skipped).
+void Do(const Step& s, void*& fp) {
+  boolean_t clean = B_FALSE;
+  if (s.kind == kOpen && sbacc_open(s.area.c_str(), "w", &fp, &clean) != 0) fp = nullptr;
+  if (fp == nullptr) return;
+  if (s.kind == kWrite) sbacc_write(s.data.data(), static_cast<int>(s.data.size()), s.offset, fp);
+  if (s.kind == kResize) sbacc_write_size(s.offset, fp);
+  if (s.kind == kClose) {
+    EXPECT_EQ(0, sbacc_close(std::exchange(fp, nullptr)));
   }
-  WriteLog Log() {  // in the order the writes were decided
-    std::lock_guard<std::mutex> lock(mu_);
-    return writes_;
-  }
-  std::atomic<int> step{-1}, cut_step{-1};  // the workload's step now, and the one the power went in
-
- private:
-  std::mutex mu_;
-  WriteLog writes_;
-};
+}
 
 // Runs the workload, the power cut after k writes (never if k < 0).  After a
 // cut the calls go on failing, as in a process that has not noticed yet, and
 // every handle is still closed.  Returns the step cut off, w.size() if none.
-int RunWorkload(const std::vector<Step>& w, long k, WriteLog* log = nullptr) {
-  CutEnv env(k);
+size_t RunWorkload(const std::vector<Step>& w, long k, long* writes = nullptr) {
+  FaultEnv env;
+  env.PowerCutAfterWrites(k);
   void* fp = nullptr;
-  boolean_t clean = B_FALSE;
+  size_t cut = w.size();
   for (size_t i = 0; i < w.size(); ++i) {
-    const Step& s = w[i];
-    env.step = static_cast<int>(i);
     env.SetNow(kRunTime + static_cast<time_t>(i));
-    if (s.kind == kOpen && sbacc_open(s.area.c_str(), "w", &fp, &clean) != 0) fp = nullptr;
-    if (fp == nullptr) continue;
-    if (s.kind == kWrite) sbacc_write(s.data.data(), static_cast<int>(s.data.size()), s.offset, fp);
-    if (s.kind == kResize) sbacc_write_size(s.offset, fp);
-    if (s.kind != kClose) continue;
-    EXPECT_EQ(0, sbacc_close(std::exchange(fp, nullptr)));
+    Do(w[i], fp);
+    if (cut == w.size() && env.PowerIsCut()) cut = i;
   }
-  if (log != nullptr) *log = env.Log();
-  return env.cut_step >= 0 ? env.cut_step.load() : static_cast<int>(w.size());
-}
-
-// A controller's area list, HDD and NV images, to start each cut point from.
-struct Images {
-  std::vector<sbacc_test::AreaSpec> areas;
-  std::vector<Bytes> hdd;
-  Bytes nv;
-  void Load(Sim& sim) const {
-    sim.SetAreas(areas);
-    for (size_t i = 0; i < hdd.size(); ++i) sim.PutHddBytes(static_cast<int>(i), 0, hdd[i].data(), kHddBytes);
-    sim.PutNvBytes(0, nv.data(), nv.size());
-  }
-};
-Images Capture(const Sim& sim) {
-  Images im{sim.Areas(), {}, sim.NvBytes(0, 8192)};
-  for (int i = 0; i < sim.Areas()[0].copies; ++i) im.hdd.push_back(sim.HddBytes(i, 0, kHddBytes));
-  return im;
+  if (writes != nullptr) *writes = env.Writes();
+  return cut;
 }
 
 // One session that writes data at offset 0.
@@ -172,8 +111,8 @@ void Store(const std::string& name, const Bytes& data) {
 }
 
 // Every area written, closed and through one start-up: a controller in normal
-// service before the workload.  Then an uncut run logs every write.
-Images Prepare(int copies, const std::vector<Step>& work, WriteLog* log) {
+// service before the workload.  Then an uncut run counts the writes.
+Sim::Images Prepare(int copies, const std::vector<Step>& work, long* total) {
   Sim sim(copies, kHddBytes);
   std::vector<sbacc_test::AreaSpec> areas;
   for (const char* a : kAreas) areas.push_back({a, 0x1000 + areas.size() * kSize, kSize, copies});
@@ -185,8 +124,8 @@ Images Prepare(int copies, const std::vector<Step>& work, WriteLog* log) {
   }
   EXPECT_EQ(0, sbacc_nv_init(0));
   sbacc_reset_process_state();
-  const Images start = Capture(sim);
-  RunWorkload(work, -1, log);
+  const Sim::Images start = sim.Save();
+  RunWorkload(work, -1, total);
   sbacc_reset_process_state();
   return start;
 }
@@ -203,60 +142,30 @@ constexpr long kStride = 4;
 constexpr long kStride = 1;
 #endif
 
-// Parameters: number of copies, which half of the cut points, and whether
-// the start-up resyncs copies (SBACC_RESTORE_RESYNC).
-class CrashTest : public ::testing::TestWithParam<std::tuple<int, int, bool>> {
+class CrashTest : public ::testing::TestWithParam<std::tuple<int, int>> {
  protected:
-  void SetUp() override {
-    if (getenv("TMPDIR") == nullptr && access("/dev/shm", W_OK) == 0) setenv("TMPDIR", "/dev/shm", 1);
-    setenv("SBACC_MEMSET_MAXRETRY", "1", 1);
-    setenv("SBACC_MEMGET_MAXRETRY", "1", 1);
-    setenv("SBACC_REPAIRLOCK_MAXRETRY", "1", 1);
-    setenv("SANFWCTL_MASTER", "0", 1);
-  }
+  void SetUp() override { sbacc_test::QuickFailures(); }
 };
-
-// HDD file positions, header and data, at which two copies of an area differ.
-std::vector<int64_t> DifferingBytes(const Sim& sim, int area, int a, int b) {
-  const SBACC_HDD_HEADER ha = sim.Header(area, a), hb = sim.Header(area, b);
-  const size_t n = 128 + static_cast<size_t>(std::max({ha.filesize, hb.filesize, 0}));
-  const uint64_t base = sim.Areas()[static_cast<size_t>(area)].addr;
-  const Bytes x = sim.HddBytes(a, base, n), y = sim.HddBytes(b, base, n);
-  std::vector<int64_t> diff;
-  for (size_t i = 0; i < n; ++i) {
-    if (x[i] != y[i]) diff.push_back(static_cast<int64_t>(base + i));
-  }
-  return diff;
-}
 
 Bytes Content(const Sim& sim, int area, int copy) {
   const int32_t size = std::clamp<int32_t>(sim.Header(area, copy).filesize, 0, static_cast<int32_t>(kSize) - 128);
   return sim.Data(area, copy, static_cast<size_t>(size));
 }
 
-// The scrub `sbacc verify --repair` performs: every usable copy rewritten
-// from the one an open reads (the lowest usable index when the blockade
-// words agree), magic first off and last on.
-void Scrub(Sim& sim, int area, int copies) {
-  const uint64_t base = sim.Areas()[static_cast<size_t>(area)].addr;
-  const Bytes raw = sim.HddBytes(0, base, 128 + static_cast<size_t>(std::max(sim.Header(area, 0).filesize, 0)));
-  for (int c = 1; c < copies; ++c) {
-    sim.PutHddBytes(c, base, "\0\0\0\0", 4);
-    sim.PutHddBytes(c, base + 4, raw.data() + 4, raw.size() - 4);
-    sim.PutHddBytes(c, base, raw.data(), 4);
-  }
+// Header and data bytes of a copy, as far as any copy's size reaches.
+Bytes Raw(const Sim& sim, int area, int copy, int copies) {
+  int32_t size = 0;
+  for (int c = 0; c < copies; ++c) size = std::max(size, sim.Header(area, c).filesize);
+  const uint64_t at = sim.Areas()[static_cast<size_t>(area)].addr;
+  return sim.HddBytes(copy, at, 128 + static_cast<size_t>(std::clamp<int32_t>(size, 0, kSize - 128)));
 }
 
+// Parameters: number of copies, and which half of the cut points.
 TEST_P(CrashTest, EveryCutPointRecovers) {
-  const auto [copies, half, resync] = GetParam();
-  setenv("SBACC_RESTORE_RESYNC", resync ? "1" : "0", 1);
+  const auto [copies, half] = GetParam();
   const std::vector<Step> work = Workload();
-  // The uncut run's log tells how many writes there are, and which form one
-  // access (the copies' writes of one access come one after the other, each
-  // at the same position and length).
-  WriteLog log;
-  const Images start = Prepare(copies, work, &log);
-  const long total = static_cast<long>(log.size());
+  long total = 0;
+  const Sim::Images start = Prepare(copies, work, &total);
   ASSERT_GT(total, 40 * copies);
   const long first = half == 0 ? 0 : total / 2 + 1, last = half == 0 ? total / 2 : total;
 
@@ -267,16 +176,16 @@ TEST_P(CrashTest, EveryCutPointRecovers) {
     data.back()[work[i].area] = Apply(data[i][work[i].area], work[i]);
   }
 
-  long diverged = 0, repaired = 0, points = 0;
+  long repaired = 0, points = 0;
   for (long k = first; k <= last; k += kStride, ++points) {
     SCOPED_TRACE("power cut after write " + std::to_string(k) + " of " + std::to_string(total));
     Sim sim(copies, kHddBytes);
-    start.Load(sim);
+    sim.Load(start);
     std::map<std::string, int64_t> closed;  // each area's close time before the step cut off
     for (int a = 0; a < static_cast<int>(std::size(kAreas)); ++a) closed[kAreas[a]] = sim.Header(a, 0).closetime;
     const int fds = sbacc_test::OpenFdCount();
     const long blocks = sbacc::AllocLiveBlocks();
-    const size_t cut = static_cast<size_t>(RunWorkload(work, k));  // work.size(): none
+    const size_t cut = RunWorkload(work, k);  // work.size(): none
     for (size_t i = 0; i < cut; ++i) {
       if (work[i].kind == kClose) closed[work[i].area] = kRunTime + static_cast<int64_t>(i);
     }
@@ -321,11 +230,11 @@ TEST_P(CrashTest, EveryCutPointRecovers) {
     if (repair) {
       EXPECT_LT(std::find(kAreas, kAreas + kSeven, victim), kAreas + kSeven) << "data repair for '" << victim << "'";
     }
-
     for (int a = 0; a < static_cast<int>(std::size(kAreas)); ++a) {
       SCOPED_TRACE(kAreas[a]);
       const SBACC_MEM_LIST_ENTRY nv = sim.NvEntry(a);
-      // No disk failed: every copy comes back usable.
+      // No disk failed: every copy comes back usable, and the start-up's
+      // resync leaves the copies of the area cut off byte for byte alike.
       EXPECT_TRUE(sbacc_l_entry_valid(&nv));
       EXPECT_EQ(0u, nv.hddblockade);
       EXPECT_EQ(0, nv.hddrepair);
@@ -335,113 +244,118 @@ TEST_P(CrashTest, EveryCutPointRecovers) {
         EXPECT_EQ(0, h.openflag) << "copy " << c;
         EXPECT_TRUE((repair && a < kSeven) || allowed[kAreas[a]].count(Content(sim, a, c)))
             << "copy " << c << " holds " << Content(sim, a, c).size() << " bytes no allowed state has";
+        EXPECT_EQ(Raw(sim, a, 0, copies), Raw(sim, a, c, copies)) << "copy " << c << " differs from copy 0";
       }
-      // Without the resync the start-up only rebuilds a copy whose blockade
-      // word says it missed writes; a cut between the copies' writes of one
-      // access leaves words that agree and bytes that do not, exactly in that
-      // access's range and only in the area cut off.  A scrub ends it.
-      bool differ = false;
-      for (int c = 1; c < copies; ++c) {
-        const std::vector<int64_t> diff = DifferingBytes(sim, a, 0, c);
-        if (diff.empty()) continue;
-        differ = true;
-        EXPECT_FALSE(resync) << "copies differ after a start-up that resyncs";
-        EXPECT_EQ(victim, kAreas[a]) << "copies of an area that was not cut off differ";
-        // The access cut off between its copies' writes: the same write again.
-        ASSERT_TRUE(k > 0 && k < total && log[k] == log[k - 1]) << "copies differ, yet the cut split no access";
-        EXPECT_GE(diff.front(), log[k].first);
-        EXPECT_LT(diff.back(), log[k].first + static_cast<int64_t>(log[k].second));
-      }
-      if (!differ) continue;
-      ++diverged;
-      Scrub(sim, a, copies);
-      for (int c = 1; c < copies; ++c) EXPECT_TRUE(DifferingBytes(sim, a, 0, c).empty()) << "after the scrub";
     }
     repaired += flags != 0;
     sbacc_reset_process_state();
     if (HasFailure()) break;
   }
   RecordProperty("crash_points", static_cast<int>(points));
-  printf("%d copies, cut points %ld..%ld of %ld: %ld explored, %ld with a data repair, %ld left to the scrub\n",
-         copies, first, last, total, points, repaired, diverged);
+  printf("%d copies, cut points %ld..%ld of %ld: %ld explored, %ld with a data repair\n", copies, first, last, total,
+         points, repaired);
 }
 
-std::string CrashName(const ::testing::TestParamInfo<std::tuple<int, int, bool>>& p) {
-  return std::to_string(std::get<0>(p.param)) + "_copies_part_" + std::to_string(std::get<1>(p.param)) +
-         (std::get<2>(p.param) ? "" : "_resync_off");
-}
-INSTANTIATE_TEST_SUITE_P(Copies, CrashTest,
-                         ::testing::Combine(::testing::Values(1, 2, 3), ::testing::Values(0, 1), ::testing::Values(true)),
-                         CrashName);
-INSTANTIATE_TEST_SUITE_P(ResyncOff, CrashTest,
-                         ::testing::Combine(::testing::Values(2), ::testing::Values(0, 1), ::testing::Values(false)),
-                         CrashName);
+INSTANTIATE_TEST_SUITE_P(Copies, CrashTest, ::testing::Combine(::testing::Values(1, 2, 3), ::testing::Values(0, 1)),
+                         [](const ::testing::TestParamInfo<std::tuple<int, int>>& p) {
+                           return std::to_string(std::get<0>(p.param)) + "_copies_part_" +
+                                  std::to_string(std::get<1>(p.param));
+                         });
 
-// A cut during the start-up's own rebuild of a copy that missed writes, then
-// a second start-up: whatever the first got done, the data written after the
-// fence must survive and the copies must agree.  The stale copy is the first
-// or the last; the area was closed after the fence, or left open by a stop
-// (both copies then carry the same close time).
-TEST_F(CrashTest, CutWhileTheStartupRebuildsAStaleCopy) {
-  long points = 0;
+// A cut at every write of a start-up that has work to do, then a second
+// start-up: whatever the first got done, no data written before is lost,
+// every usable copy holds it, and a copy is fenced off only where a copy
+// was stale to begin with.
+//  - A copy missed the last write (fenced off; the first or the last one),
+//    and the area was closed after the fence, or left open by a stop (both
+//    copies then carry the same close time): the start-up rebuilds it.
+//  - A write was cut between its copies: copy 0 holds the new bytes and its
+//    write-intent record, copy 1 the old bytes: the start-up resyncs.
+TEST_F(CrashTest, CutWhileTheStartupRebuildsOrResyncs) {
   const Bytes old_data = Pattern(3000, 20), new_data = Pattern(3000, 21);
+  struct Scenario {
+    std::string name;
+    int copies;
+    std::function<void(Sim&, FaultEnv&)> make;  // from a fresh area
+    bool stale;
+  };
+  std::vector<Scenario> scenarios;
   for (int copies : {2, 3}) {
     for (int stale : {0, copies - 1}) {
       for (bool closed : {true, false}) {
-        SCOPED_TRACE(std::to_string(copies) + " copies, stale copy " + std::to_string(stale) +
-                     (closed ? ", closed after the fence" : ", left open"));
-        Images start;
-        long total = 0;  // writes of the uncut start-up
-        {
-          Sim sim(copies, kHddBytes);
-          sim.SetAreas({{"area", 0x1000, kSize, copies}});
-          FaultEnv env;
-          env.SetNow(kSetupTime);
-          ASSERT_NO_FATAL_FAILURE(Store("area", old_data));
-          env.SetNow(kSetupTime + 10);
-          void* fp = sbacc_test::OpenArea("area", "w");
-          env.FailOp(FaultEnv::kWrite, sim.HddPath(stale), 0, -1, EIO);
-          ASSERT_EQ(3000, sbacc_write(new_data.data(), 3000, 0, fp));
-          env.ClearRules();
-          env.SetNow(kSetupTime + 20);
-          if (closed) {
-            ASSERT_EQ(0, sbacc_close(fp));
-          } else {  // the controller stops: the handle is never closed
-            sbacc_test::Abandon(fp);
-          }
-          ASSERT_EQ(1u << stale, sim.NvEntry(0).hddblockade);
-          start = Capture(sim);
-          sbacc_reset_process_state();
-          CutEnv uncut;
-          ASSERT_EQ(0, sbacc_nv_init(0));
-          total = uncut.Writes();
-          sbacc_reset_process_state();
-        }
-        for (long k = 0; k <= total; ++k, ++points) {
-          SCOPED_TRACE("power cut after start-up write " + std::to_string(k) + " of " + std::to_string(total));
-          Sim sim(copies, kHddBytes);
-          start.Load(sim);
-          {
-            CutEnv env(k);
-            (void)sbacc_nv_init(0);
-          }
-          sbacc_reset_process_state();
-          sanfwctl_reset();
-          ASSERT_EQ(0, sbacc_nv_init(0));
-          const uint32_t usable = ((1u << copies) - 1) & ~sim.NvEntry(0).hddblockade;
-          EXPECT_NE(0u, usable);
-          for (int c = 0; c < copies; ++c) {
-            if ((usable >> c & 1u) == 0) continue;
-            EXPECT_EQ(new_data, Content(sim, 0, c)) << "copy " << c << (c == stale ? " (the stale one)" : "");
-          }
-          sbacc_reset_process_state();
-          if (HasFailure()) return;
-        }
+        scenarios.push_back({std::to_string(copies) + " copies, stale copy " + std::to_string(stale) +
+                                 (closed ? ", closed after the fence" : ", left open"),
+                             copies,
+                             [&, stale, closed](Sim& sim, FaultEnv& env) {
+                               Store("area", old_data);
+                               env.SetNow(kSetupTime + 10);
+                               void* fp = sbacc_test::OpenArea("area", "w");
+                               env.FailOp(FaultEnv::kWrite, sim.HddPath(stale), 0, -1, EIO);
+                               ASSERT_EQ(3000, sbacc_write(new_data.data(), 3000, 0, fp));
+                               env.ClearRules();
+                               env.SetNow(kSetupTime + 20);
+                               if (closed) {
+                                 EXPECT_EQ(0, sbacc_close(fp));
+                               } else {  // the controller stops: the handle is never closed
+                                 sbacc_test::Abandon(fp);
+                               }
+                               ASSERT_EQ(1u << stale, sim.NvEntry(0).hddblockade);
+                             },
+                             true});
       }
     }
   }
+  scenarios.push_back({"a write cut between its copies", 3,
+                       [&](Sim& sim, FaultEnv&) {
+                         Store("area", new_data);
+                         sim.PutHddBytes(1, 0x1000 + 128 + 100, old_data.data(), 50);
+                         SBACC_HDD_HEADER h = sim.Header(0, 0);
+                         h.writeflag = 1, h.write_offset = 100, h.write_size = 50;
+                         sim.PutHeader(0, 0, h);
+                       },
+                       false});
+  long points = 0;
+  for (const Scenario& s : scenarios) {
+    SCOPED_TRACE(s.name);
+    Sim::Images start;
+    long total = 0;  // writes of the uncut start-up
+    {
+      Sim sim(s.copies, kHddBytes);
+      sim.SetAreas({{"area", 0x1000, kSize, s.copies}});
+      FaultEnv env;
+      env.SetNow(kSetupTime);
+      ASSERT_NO_FATAL_FAILURE(s.make(sim, env));
+      start = sim.Save();
+      sbacc_reset_process_state();
+      FaultEnv uncut;
+      ASSERT_EQ(0, sbacc_nv_init(0));
+      total = uncut.Writes();
+      sbacc_reset_process_state();
+    }
+    for (long k = 0; k <= total; ++k, ++points) {
+      SCOPED_TRACE("power cut after start-up write " + std::to_string(k) + " of " + std::to_string(total));
+      Sim sim(s.copies, kHddBytes);
+      sim.Load(start);
+      {
+        FaultEnv env;
+        env.PowerCutAfterWrites(k);
+        (void)sbacc_nv_init(0);
+      }
+      sbacc_reset_process_state();
+      sanfwctl_reset();
+      ASSERT_EQ(0, sbacc_nv_init(0));
+      const uint32_t mask = sim.NvEntry(0).hddblockade, usable = ((1u << s.copies) - 1) & ~mask;
+      EXPECT_NE(0u, usable);
+      EXPECT_TRUE(s.stale || mask == 0) << "fenced off 0x" << std::hex << mask;
+      for (int c = 0; c < s.copies; ++c) {
+        EXPECT_TRUE((usable >> c & 1u) == 0 || new_data == Content(sim, 0, c)) << "copy " << c;
+      }
+      sbacc_reset_process_state();
+      if (HasFailure()) return;
+    }
+  }
   RecordProperty("crash_points", static_cast<int>(points));
-  printf("%ld cut points in the start-up rebuild\n", points);
+  printf("%ld cut points in start-ups that rebuild or resync\n", points);
 }
 
 }  // namespace

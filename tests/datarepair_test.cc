@@ -1,21 +1,6 @@
 // Data repair of the seven paired areas at start-up, checked on the bytes each
 // area holds afterwards.
-#include <stdint.h>
-#include <string.h>
-
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-
-#include "sbacc.h"
-#include "sbacc_alloc.h"
-#include "sbacc_core.h"
-#include "sbacc_l.h"
-#include "sim.h"
-
-using sbacc_test::Sim;
-using Bytes = std::vector<uint8_t>;
+#include "testutil.h"
 
 namespace {
 

@@ -1,19 +1,9 @@
 // Diagnostic dump: exact hex lines, the section layout of a snapshot, failures.
-#include <gtest/gtest.h>
-#include <stdio.h>
-#include <stdlib.h>
-
-#include <filesystem>
 #include <regex>
-#include <string>
 
-#include "sbacc_core.h"
-#include "sim.h"
+#include "testutil.h"
 
 namespace {
-
-using sbacc_test::Sim;
-using sbacc_test::TraceCapture;
 
 TEST(DumpTest, ExactHexLines) {
   const struct {

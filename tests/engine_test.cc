@@ -1,23 +1,6 @@
 // The mirror engine through the public area calls, on real HDD image files and
 // the NV stand-in: the rules the fault matrix does not derive.
-#include <gtest/gtest.h>
-#include <string.h>
-#include <unistd.h>
-
-#include <memory>
-#include <string>
-#include <vector>
-
-#include "fault_env.h"
-#include "sbacc.h"
-#include "sbacc_l.h"
-#include "sbacc_ma.h"
-#include "sim.h"
-
-using sbacc_test::FaultEnv;
-using sbacc_test::Pattern;
-using sbacc_test::Sim;
-using Bytes = std::vector<uint8_t>;
+#include "testutil.h"
 
 namespace {
 

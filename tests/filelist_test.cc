@@ -1,15 +1,6 @@
 // Area list: which lines are accepted and what they yield, the two index
 // rules, the failure codes; no FILE* and no block may be left behind.
-#include <gtest/gtest.h>
-#include <stdlib.h>
-#include <string.h>
-
-#include <fstream>
-#include <string>
-
-#include "sbacc_alloc.h"
-#include "sbacc_l.h"
-#include "sim.h"
+#include "testutil.h"
 
 namespace {
 

@@ -2,30 +2,10 @@
 // at their offsets, the magic last), positions beyond 4 GiB, the tunables a
 // descriptor takes from the environment, the repair lock bytes per controller
 // with master precedence, and the repair set-up.
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <stdlib.h>
-#include <string.h>
-#include <unistd.h>
-
-#include <climits>
-#include <functional>
-#include <sstream>
-#include <string>
-#include <vector>
-
-#include "fault_env.h"
-#include "sanfwctl.h"
-#include "sbacc.h"
-#include "sbacc_core.h"
-#include "sbacc_l.h"
-#include "sbacc_ma.h"
-#include "sim.h"
+#include "testutil.h"
 
 namespace {
 
-using sbacc_test::FaultEnv;
-using Bytes = std::vector<uint8_t>;
 constexpr uint64_t kRec3 = SBACC_NV_BASE + 3 * 128;  // record of the area with index 3
 constexpr uint64_t kAt = (4ull << 30) + 4096;        // area a3's header in its HDD files
 

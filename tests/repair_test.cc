@@ -1,25 +1,7 @@
 // Rebuild of one HDD copy from another, on HDD image files: the bytes on
 // disk, retries and giving up, the unfencing, and two copies rebuilt at once
 // on one descriptor.
-#include <fcntl.h>
-#include <stdlib.h>
-#include <string.h>
-
-#include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
-
-#include "fault_env.h"
-#include "sanfwctl.h"
-#include "sbacc.h"
-#include "sbacc_core.h"
-#include "sbacc_l.h"
-#include "sbacc_ma.h"
-#include "sim.h"
-
-using sbacc_test::FaultEnv;
-using sbacc_test::Sim;
+#include "testutil.h"
 
 namespace {
 

@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <string>
 
+#include "sanfwctl.h"
+
 namespace sbacc_test {
 
 namespace {
@@ -101,7 +103,10 @@ int FaultEnv::Enter(Op op, int fd, const std::string& named, size_t* cut) {
       if (op == kClose) fd_paths_.erase(fd);
     }
     ++calls_[{op, path}];
-    if (op == kWrite && power_budget_ >= 0 && !power_cut_) power_cut_ = power_budget_-- == 0;
+    if (op == kWrite && power_budget_ >= 0 && !power_cut_ && power_budget_-- == 0) {
+      power_cut_ = true;  // NV memory goes down with the HDDs
+      for (int kind : {SANFWCTL_FAULT_READ, SANFWCTL_FAULT_WRITE}) sanfwctl_set_fault(kind, sanfwctl_call_count(kind), -1);
+    }
     for (Rule& r : rules_) {
       if (r.op != op || !(r.path.empty() || r.path == path)) continue;
       if (++r.seen <= r.start || (r.count >= 0 && r.seen > r.start + r.count)) continue;

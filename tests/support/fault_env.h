@@ -54,7 +54,8 @@ class FaultEnv : public sbacc::Env {
 
   // Power cut: counting writes on all paths from now, write n+1 never reaches
   // its file and fails with EIO, and from then on every file call but Close
-  // fails with EIO (Close still closes the real descriptor).  n < 0 restores power.
+  // fails with EIO (Close still closes the real descriptor), and so does
+  // every NV transfer until the stand-in is reset.  n < 0: no cut.
   void PowerCutAfterWrites(long n);
   bool PowerIsCut() const;
 

@@ -153,6 +153,12 @@ SBACC_MEM_LIST_ENTRY ValidEntry(const std::string& name, int hddcount, uint32_t 
   return e;
 }
 
+void QuickFailures() {
+  if (getenv("TMPDIR") == nullptr && access("/dev/shm", W_OK) == 0) setenv("TMPDIR", "/dev/shm", 1);
+  for (const char* v : {"SBACC_MEMSET_MAXRETRY", "SBACC_MEMGET_MAXRETRY", "SBACC_REPAIRLOCK_MAXRETRY"}) setenv(v, "1", 1);
+  setenv("SANFWCTL_MASTER", "0", 1);
+}
+
 void* OpenArea(const std::string& name, const char* mode, boolean_t* clean) {
   void* fp = nullptr;
   boolean_t cf = B_FALSE;
@@ -166,6 +172,19 @@ void Abandon(void* fp) {
   auto* sfd = static_cast<SBACC_FILE_DISCRIPTER*>(fp);
   for (int h = 0; h < SBACC_HDD_MAX; ++h) sbacc_ma_close_hdd(sfd, h);
   sbacc_ma_free_sfd(sfd);
+}
+
+Sim::Images Sim::Save() const {
+  Images im{areas_, {NvBytes(0, SBACC_NV_BASE + 128 * areas_.size())}};
+  for (int i = 0; i < hdds_; ++i) im.files.push_back(HddBytes(i, 0, hdd_bytes_));
+  return im;
+}
+
+void Sim::Load(const Images& im) {
+  if (im.files.size() != static_cast<size_t>(hdds_) + 1) throw std::runtime_error("images of another controller");
+  SetAreas(im.areas);
+  PutNvBytes(0, im.files[0].data(), im.files[0].size());
+  for (int i = 0; i < hdds_; ++i) PutHddBytes(i, 0, im.files[i + 1].data(), im.files[i + 1].size());
 }
 
 void Sim::RemoveHdd(int hdd) { ::unlink(HddPath(hdd).c_str()); }

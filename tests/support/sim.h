@@ -41,6 +41,7 @@ struct AreaSpec {
   uint64_t addr;   // position of the header in every HDD file
   uint64_t size;   // header included
   int copies;      // uses HDD files 0 .. copies-1
+  bool operator==(const AreaSpec&) const = default;
 };
 
 // A controller: `hdds` HDD image files of `hdd_bytes` each, an area list and
@@ -75,6 +76,16 @@ class Sim {
   // A copy's header, and its data from data offset 0.
   void PutCopy(int area, int hdd, const SBACC_HDD_HEADER& h, const std::vector<uint8_t>& data);
 
+  // The area list, the NV records in use and every HDD image, to start
+  // several runs from one state.
+  struct Images {
+    std::vector<AreaSpec> areas;
+    std::vector<std::vector<uint8_t>> files;  // NV, then HDD 0, 1, ...
+    bool operator==(const Images&) const = default;
+  };
+  Images Save() const;
+  void Load(const Images& im);
+
   void RemoveHdd(int hdd);
   void RecreateHdd(int hdd);  // empty, full size
 
@@ -88,6 +99,10 @@ class Sim {
 // Records as a system that ran before leaves them: magic and version valid.
 SBACC_HDD_HEADER ValidHeader(const std::string& name, uint64_t areasize, int32_t filesize, uint32_t mask = 0);
 SBACC_MEM_LIST_ENTRY ValidEntry(const std::string& name, int hddcount, uint32_t mask = 0);
+
+// Failure paths at test speed: one NV retry, one repair lock attempt, this
+// controller the master; temporary files in memory when there is such a place.
+void QuickFailures();
 
 // sbacc_open that throws when the open is refused.
 void* OpenArea(const std::string& name, const char* mode, boolean_t* clean = nullptr);
