@@ -21,13 +21,6 @@ struct Case {
   int seed;   // kRead: the read returns Pattern(100, seed)
 };
 
-void Edit(Sim& sim, int copy, const std::function<void(SBACC_HDD_HEADER&)>& f) {
-  SBACC_HDD_HEADER h = sim.Header(0, copy);
-  f(h);
-  sim.PutHeader(0, copy, h);
-}
-void PutData(Sim& sim, int copy, int offset, const Bytes& d) { sim.PutHddBytes(copy, kAddr + 128 + offset, d.data(), d.size()); }
-
 // Copies agree on the data and on everything the header says about it.
 bool Agree(const Sim& sim) {
   bool same = sim.Header(0, 0).writeflag == 0;
@@ -41,8 +34,8 @@ bool Agree(const Sim& sim) {
 // A cut between the copies' writes of one access: copy 0 has the intent
 // record and the new bytes, copy 1 the old bytes.
 void CutWrite(Sim& s) {
-  PutData(s, 1, 100, Pattern(50, 9));
-  Edit(s, 0, [](auto& h) { h.writeflag = 1, h.write_offset = 100, h.write_size = 50; });
+  s.PutData(0, 1, 100, Pattern(50, 9));
+  s.EditHeader(0, 0, [](auto& h) { h.writeflag = 1, h.write_offset = 100, h.write_size = 50; });
 }
 
 const Case kCases[] = {
@@ -51,38 +44,36 @@ const Case kCases[] = {
     // A cut between the copies' size writes; a record that names no range.
     {"resync_size", 3, nullptr,
      [](Sim& s) {
-       Edit(s, 2, [](auto& h) { h.filesize = 2000; });
-       PutData(s, 2, 2500, Pattern(100, 9));
-       Edit(s, 1, [](auto& h) { h.writeflag = 7, h.write_offset = -5; });
+       s.EditHeader(0, 2, [](auto& h) { h.filesize = 2000; });
+       s.PutData(0, 2, 2500, Pattern(100, 9));
+       s.EditHeader(0, 1, [](auto& h) { h.writeflag = 7, h.write_offset = -5; });
      },
      kStartup, 0, 1, 0},
     // Copy 1's header records copy 2 fenced off: the open chooses copy 1.
     {"read_follows_choice", 3, nullptr,
      [](Sim& s) {
-       PutData(s, 1, 0, Pattern(kLen, 2));
-       Edit(s, 1, [](auto& h) { h.hddblockade = 0x4; });
+       s.PutData(0, 1, 0, Pattern(kLen, 2));
+       s.EditHeader(0, 1, [](auto& h) { h.hddblockade = 0x4; });
      },
      kRead, 100, 0, 2},
     {"read_skips_invalid_header", 2, nullptr,
      [](Sim& s) {
-       PutData(s, 0, 0, Pattern(kLen, 3));
-       Edit(s, 0, [](auto& h) { h.magic[0] = 'X'; });
+       s.PutData(0, 0, 0, Pattern(kLen, 3));
+       s.EditHeader(0, 0, [](auto& h) { h.magic[0] = 'X'; });
      },
      kRead, 100, 0, 1},
     // Copy 1 is stale and copy 0's size impossible: the rebuild must not
     // write into whatever lies behind the area.
-    {"rebuild_size_6000", 2, nullptr, [](Sim& s) { Edit(s, 0, [](auto& h) { h.filesize = 6000, h.hddblockade = 0x2; }); },
+    {"rebuild_size_6000", 2, nullptr, [](Sim& s) { s.EditHeader(0, 0, [](auto& h) { h.filesize = 6000, h.hddblockade = 0x2; }); },
      kRestore, 0, 1, 0},
-    {"rebuild_size_max", 2, nullptr, [](Sim& s) { Edit(s, 0, [](auto& h) { h.filesize = INT_MAX, h.hddblockade = 0x2; }); },
+    {"rebuild_size_max", 2, nullptr, [](Sim& s) { s.EditHeader(0, 0, [](auto& h) { h.filesize = INT_MAX, h.hddblockade = 0x2; }); },
      kRestore, 0, 1, 0},
     // Left open, and controller 1 holds the repair lock; this controller is
     // not the master, so the lock is never had.
     {"lock_refused_keeps_headers", 2, nullptr,
      [](Sim& s) {
-       for (int c = 0; c < 2; ++c) Edit(s, c, [](auto& h) { h.openflag = 1; });
-       SBACC_MEM_LIST_ENTRY e = s.NvEntry(0);
-       e.hddrepairlock_cntno[1] = 1;
-       s.PutNvEntry(0, e);
+       for (int c = 0; c < 2; ++c) s.EditHeader(0, c, [](auto& h) { h.openflag = 1; });
+       s.EditNvEntry(0, [](auto& e) { e.hddrepairlock_cntno[1] = 1; });
      },
      kRestore, SBACC_E_REPAIR, 0, 0},
 };

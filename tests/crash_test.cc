@@ -308,10 +308,8 @@ TEST_F(CrashTest, CutWhileTheStartupRebuildsOrResyncs) {
   scenarios.push_back({"a write cut between its copies", 3,
                        [&](Sim& sim, FaultEnv&) {
                          Store("area", new_data);
-                         sim.PutHddBytes(1, 0x1000 + 128 + 100, old_data.data(), 50);
-                         SBACC_HDD_HEADER h = sim.Header(0, 0);
-                         h.writeflag = 1, h.write_offset = 100, h.write_size = 50;
-                         sim.PutHeader(0, 0, h);
+                         sim.PutData(0, 1, 100, Bytes(old_data.begin(), old_data.begin() + 50));
+                         sim.EditHeader(0, 0, [](auto& h) { h.writeflag = 1, h.write_offset = 100, h.write_size = 50; });
                        },
                        false});
   long points = 0;

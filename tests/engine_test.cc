@@ -102,27 +102,6 @@ TEST_F(EngineTest, CapacityEdgesAndUnknownName) {
   EXPECT_TRUE(nv == sim.NvBytes(0, 8192) && hdd == sim.HddBytes(0, 0, 1 << 14));
 }
 
-// A header whose size is negative sends no transfer into the header: read
-// and write are refused until a resize mends it.
-TEST_F(EngineTest, NegativeSizeIsRefusedUntilAResizeMendsIt) {
-  Sim& sim = Area(1);
-  void* fp = Open("w");
-  const Bytes d = Pattern(16, 3);
-  Bytes got(16);
-  ASSERT_EQ(8, sbacc_write(d.data(), 8, 0, fp));
-  SBACC_HDD_HEADER h = sim.Header(0, 0);
-  h.filesize = -50;
-  sim.PutHeader(0, 0, h);
-  EXPECT_EQ(SBACC_E_HDDREAD, sbacc_read(got.data(), 8, 0, fp));
-  EXPECT_EQ(SBACC_E_HDDREAD, sbacc_write(d.data(), 8, 20, fp));
-  EXPECT_EQ(-50, sim.Header(0, 0).filesize);
-  EXPECT_EQ(Bytes(d.begin(), d.begin() + 8), sim.Data(0, 0, 8));
-  EXPECT_EQ(16, sbacc_write_size(16, fp));  // grows from 0
-  EXPECT_EQ(16, sbacc_read(got.data(), 16, 0, fp));
-  EXPECT_EQ(Bytes(16, 0), got);
-  ASSERT_EQ(0, sbacc_close(fp));
-}
-
 // Copies fenced off stay closed at the next open; when the last one fails
 // too, NV names it as the last one standing and its header keeps its mask.
 TEST_F(EngineTest, LastCopyStandingIsRecorded) {
@@ -147,26 +126,6 @@ TEST_F(EngineTest, LastCopyStandingIsRecorded) {
   ASSERT_EQ(0, sbacc_close(fp));
 }
 
-// A read-only handle falls back to the next copy on a failed read, records
-// nothing, and tries copy 0 afresh next time; no HDD or NV byte changes.
-TEST_F(EngineTest, ReadOnlyHandleFallsBackAndWritesNothing) {
-  Sim& sim = Area(2);
-  void* fp = Open("w");
-  const Bytes d = Pattern(32, 2);
-  ASSERT_EQ(32, sbacc_write(d.data(), 32, 0, fp));
-  ASSERT_EQ(0, sbacc_close(fp));
-  const Bytes hdd0 = sim.HddBytes(0, 0, 1 << 14), nv = sim.NvBytes(0, 8192);
-  fp = Open("r");
-  FaultEnv env;
-  env.FailOp(FaultEnv::kRead, sim.HddPath(0), 0, 1, EIO);
-  Bytes got(32);
-  for (int k = 0; k < 2; ++k) EXPECT_TRUE(sbacc_read(got.data(), 32, 0, fp) == 32 && got == d);
-  EXPECT_EQ(4, env.Calls(FaultEnv::kRead, sim.HddPath(0)));  // header and data, both times
-  ASSERT_EQ(0, sbacc_close(fp));
-  EXPECT_EQ(0, env.Calls(FaultEnv::kWrite));
-  EXPECT_TRUE(hdd0 == sim.HddBytes(0, 0, 1 << 14) && nv == sim.NvBytes(0, 8192));
-}
-
 // Crafted headers: which copy a write-mode open keeps (the other is fenced):
 // more blockade bits, then the later close, then the lower index; equal
 // words fence nothing.
@@ -183,10 +142,8 @@ TEST_F(EngineTest, LatestCopyRuleAtOpen) {
     Sim& sim = Area(2);
     ASSERT_EQ(0, sbacc_close(Open("w")));
     for (int i = 0; i < 2; ++i) {
-      SBACC_HDD_HEADER h = sim.Header(0, i);
-      h.hddblockade = c.mask[i], h.closetime = c.close[i], h.filesize = 1;
-      sim.PutHeader(0, i, h);
-      sim.PutHddBytes(i, kAddr + 128, i == 0 ? "A" : "B", 1);
+      sim.EditHeader(0, i, [&](auto& h) { h.hddblockade = c.mask[i], h.closetime = c.close[i], h.filesize = 1; });
+      sim.PutData(0, i, 0, {static_cast<uint8_t>('A' + i)});
     }
     void* fp = Open("w");
     EXPECT_EQ(c.fenced, sim.NvEntry(0).hddblockade);

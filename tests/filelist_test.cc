@@ -83,24 +83,6 @@ TEST_F(Filelist, LinesAcceptedOrIgnored) {
   }
 }
 
-TEST_F(Filelist, IndexRulesDuplicatesAndUnacceptedLookups) {
-  EXPECT_EQ(Load("B,zz,1,/b\nA,0,1,/a\n")[0].index, 0);
-  EXPECT_EQ(Lookup("A").index, 1);
-  // A failed same-name line is not counted; the first valid duplicate wins.
-  const auto l = Load("A,zz,1,/x\nB,zz,1,/b\nA,1,1,/a1\nA,2,2,/a2\nC,5,zz,/c\n");
-  ASSERT_EQ(l.size(), 2u);
-  EXPECT_EQ(l[1].areaaddr, 2u);
-  SBACC_FILE_LIST_ENTRY e = Lookup("A");
-  EXPECT_EQ(e.index, 1);
-  EXPECT_STREQ(e.hddname[0], "/a1");
-  e = Lookup("C");  // success, with what the failed line stored
-  EXPECT_EQ(e.hddcount + e.index, 0);
-  EXPECT_EQ(e.areaaddr, 5u);
-  const SBACC_FILE_LIST_ENTRY zero = {};
-  e = Lookup("Q");
-  EXPECT_EQ(memcmp(&e, &zero, sizeof e), 0);
-}
-
 TEST_F(Filelist, PathAndFailureCodes) {
   setenv("SBACC_FILELIST", "", 1);
   EXPECT_STREQ(sbacc_l_filelist_path(), "/etc/env_frmwkapi/filelist.ini");

@@ -9,13 +9,6 @@ namespace {
 constexpr uint64_t kRec3 = SBACC_NV_BASE + 3 * 128;  // record of the area with index 3
 constexpr uint64_t kAt = (4ull << 30) + 4096;        // area a3's header in its HDD files
 
-Bytes Hex(const std::string& text) {
-  std::istringstream in(text);
-  Bytes out;
-  for (unsigned b; in >> std::hex >> b;) out.push_back(static_cast<uint8_t>(b));
-  return out;
-}
-
 class NvTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -43,28 +36,6 @@ class NvTest : public ::testing::Test {
   sbacc_test::TraceCapture trace_;
   SBACC_FILE_DISCRIPTER* sfd_ = nullptr;
 };
-
-TEST_F(NvTest, HeaderFieldsLandLittleEndianAtTheirOffsets) {
-  SBACC_HDD_HEADER h{};
-  memcpy(h.magic, "SBFS", 4);
-  h.version = 3;
-  memset(h.filename, 'n', sizeof h.filename);  // all 32 bytes, no NUL: kept as is
-  h.areasize = -2, h.filesize = 0x01020304, h.hddblockade = 0x80000001u, h.openflag = 1;
-  h.opencnt = 0x0a0b0c0d, h.opentime = 0x1122334455667788, h.closetime = -1;
-  h.writeflag = 0xfe, h.write_offset = 0x100, h.write_size = 0x7fffffff;
-  // From offset 40: areasize, filesize, hddblockade, 7 spare, openflag, opencnt,
-  // opentime, closetime, writeflag, 3 spare, write_offset, write_size.
-  Bytes want = {'S', 'B', 'F', 'S', 3, 0, 0, 0};
-  want.resize(40, 'n');
-  const Bytes fields = Hex(
-      "fe ff ff ff  04 03 02 01  01 00 00 80  00 00 00 00 00 00 00  01  0d 0c 0b 0a  88 77 66 55 44 33 22 11"
-      "  ff ff ff ff ff ff ff ff  fe 00 00 00  00 01 00 00  ff ff ff 7f");
-  want.insert(want.end(), fields.begin(), fields.end());
-  want.resize(128, 0);
-  uint8_t raw[128];
-  sbacc_l_encode_header(&h, raw);
-  EXPECT_EQ(Bytes(raw, raw + 128), want);
-}
 
 // Header and NV record initialisation: exact bytes, each write flushed, the
 // magic written last, so a failure before it leaves an invalid record.
@@ -134,10 +105,8 @@ TEST_F(NvTest, AccessorsTouchExactlyTheirBytes) {
 }
 
 // A tunable is read like atoi; a value out of its range (1..999; the resync
-// switch 0..1) gives the default.  With
-// the default NV retry count a transfer is tried 6 times, each failure followed
-// by a 100 ms pause; one that gets through in time succeeds.
-TEST_F(NvTest, TunablesAndNvRetries) {
+// switch 0..1) gives the default.
+TEST_F(NvTest, TunablesReadLikeAtoiWithinRange) {
   const struct { int slot; const char* value; int want; } cases[] = {
       {0, "0", 5}, {0, "1000", 5}, {0, "999", 999}, {1, "1", 1}, {1, "12abc", 12}, {3, "  +7", 7}, {2, "4294967298", 3},
       {4, "0", 0}, {4, "2", 1}};
@@ -150,20 +119,6 @@ TEST_F(NvTest, TunablesAndNvRetries) {
     want[c.slot] = c.want;
     EXPECT_EQ(std::vector<int>(sfd_->env, sfd_->env + SBACC_ENV_NUM), want);
     EXPECT_TRUE(trace_.Has("[sbacc_ma_alloc_sfd] " + std::string(sbacc_env_list[c.slot].name) + ": " + std::to_string(c.want)));
-  }
-  Alloc();
-  const struct { bool write; long failures; int rc; long attempts; } retries[] = {
-      {false, -1, SBACC_E_NVREAD, 6}, {false, 2, 0, 3}, {true, 2, 0, 3}};
-  for (const auto& c : retries) {
-    const int kind = c.write ? SANFWCTL_FAULT_WRITE : SANFWCTL_FAULT_READ;
-    const long before = Calls(kind);
-    sanfwctl_set_fault(kind, before, c.failures);
-    env_.ResetCounters();
-    uint8_t v = 0x5a;
-    EXPECT_EQ(c.write ? sbacc_memset_hddrepair(sfd_, v) : sbacc_memget_hddrepair(sfd_, &v), c.rc);
-    EXPECT_EQ(Calls(kind) - before, c.attempts);
-    EXPECT_EQ(env_.Sleeps(), std::vector<unsigned>(c.rc == 0 ? c.attempts - 1 : c.attempts, 100000u));
-    sanfwctl_set_fault(kind, 0, 0);
   }
 }
 

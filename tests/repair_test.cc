@@ -107,24 +107,4 @@ TEST_F(RepairTest, RebuildsOrGivesUp) {
   }
 }
 
-// Each rebuild clears its own bit: neither may put back the other's.
-TEST_F(RepairTest, ParallelRebuildsLoseNoBit) {
-  for (int round = 0; round < 15 && !HasFailure(); ++round) {
-    SBACC_FILE_DISCRIPTER* sfd = Prepare(7000, 0x6);
-    FaultEnv env;
-    env.DelayOp(FaultEnv::kWrite, sim_.HddPath(round % 2 + 1), 200);
-    int rc[3] = {-1, -1, -1};
-    std::thread t1([&] { rc[1] = sbacc_ma_hddrepair_copy(sfd, 0, 1); });
-    std::thread t2([&] { rc[2] = sbacc_ma_hddrepair_copy(sfd, 0, 2); });
-    t1.join();
-    t2.join();
-    EXPECT_EQ(0, rc[1]);
-    EXPECT_EQ(0, rc[2]);
-    EXPECT_EQ(0, sim_.NvEntry(0).hddrepair) << "round " << round;
-    ExpectRebuilt(1, 7000);
-    ExpectRebuilt(2, 7000);
-    CloseAll();
-  }
-}
-
 }  // namespace

@@ -128,13 +128,29 @@ void Sim::PutHeader(int area, int hdd, const SBACC_HDD_HEADER& h) {
   PutHddBytes(hdd, areas_.at(area).addr, raw, sizeof raw);
 }
 
+void Sim::EditHeader(int area, int hdd, const std::function<void(SBACC_HDD_HEADER&)>& f) {
+  SBACC_HDD_HEADER h = Header(area, hdd);
+  f(h);
+  PutHeader(area, hdd, h);
+}
+
+void Sim::EditNvEntry(int index, const std::function<void(SBACC_MEM_LIST_ENTRY&)>& f) {
+  SBACC_MEM_LIST_ENTRY e = NvEntry(index);
+  f(e);
+  PutNvEntry(index, e);
+}
+
+void Sim::PutData(int area, int hdd, size_t offset, const std::vector<uint8_t>& data) {
+  PutHddBytes(hdd, areas_.at(area).addr + 128 + offset, data.data(), data.size());
+}
+
 std::vector<uint8_t> Sim::Data(int area, int hdd, size_t len) const {
   return HddBytes(hdd, areas_.at(area).addr + 128, len);
 }
 
 void Sim::PutCopy(int area, int hdd, const SBACC_HDD_HEADER& h, const std::vector<uint8_t>& data) {
   PutHeader(area, hdd, h);
-  if (!data.empty()) PutHddBytes(hdd, areas_.at(area).addr + 128, data.data(), data.size());
+  PutData(area, hdd, 0, data);
 }
 
 SBACC_HDD_HEADER ValidHeader(const std::string& name, uint64_t areasize, int32_t filesize, uint32_t mask) {

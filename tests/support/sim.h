@@ -5,6 +5,7 @@
 
 #include <stdint.h>
 
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -56,7 +57,7 @@ class Sim {
   void SetFilelistText(const std::string& text);
 
   std::string HddPath(int i) const;
-  std::string NvPath() const { return dir_.File("nv.img"); }
+  std::string NvPath() const { return dir_.File("nv.img"); }  // where the stand-in keeps NV memory
   const std::string& Dir() const { return dir_.path(); }
   const std::vector<AreaSpec>& Areas() const { return areas_; }
 
@@ -71,8 +72,12 @@ class Sim {
   void PutNvEntry(int index, const SBACC_MEM_LIST_ENTRY& e);
   SBACC_HDD_HEADER Header(int area, int hdd) const;
   void PutHeader(int area, int hdd, const SBACC_HDD_HEADER& h);
-  // Data bytes of an area's copy (from data offset 0).
+  // Record changed in place.
+  void EditHeader(int area, int hdd, const std::function<void(SBACC_HDD_HEADER&)>& f);
+  void EditNvEntry(int index, const std::function<void(SBACC_MEM_LIST_ENTRY&)>& f);
+  // Data bytes of an area's copy (from data offset 0 / from `offset`).
   std::vector<uint8_t> Data(int area, int hdd, size_t len) const;
+  void PutData(int area, int hdd, size_t offset, const std::vector<uint8_t>& data);
   // A copy's header, and its data from data offset 0.
   void PutCopy(int area, int hdd, const SBACC_HDD_HEADER& h, const std::vector<uint8_t>& data);
 
