@@ -37,6 +37,22 @@ class NvTest : public ::testing::Test {
   SBACC_FILE_DISCRIPTER* sfd_ = nullptr;
 };
 
+// The on-media header: every field little-endian at its offset (a byte of
+// 0x11 + i in field i's lowest byte, and in the highest of the two times).
+TEST_F(NvTest, HeaderFieldsAtTheirOffsets) {
+  SBACC_HDD_HEADER h{};
+  h.areasize = 0x11, h.filesize = 0x12, h.hddblockade = 0x13, h.openflag = 0x14, h.opencnt = 0x15;
+  h.opentime = 0x1600000000000016, h.closetime = 0x1700000000000017, h.writeflag = 0x18, h.write_offset = 0x19;
+  h.write_size = 0x1a;
+  uint8_t raw[128];
+  sbacc_l_encode_header(&h, raw);
+  const int at[] = {40, 44, 48, 59, 60, 64, 72, 80, 84, 88}, high[] = {71, 79};
+  for (int i = 0; i < 10; ++i) EXPECT_EQ(0x11 + i, raw[at[i]]) << "field " << i;
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(0x16 + i, raw[high[i]]) << "time " << i;
+  EXPECT_EQ(0x11 + 0x12 + 0x13 + 0x14 + 0x15 + 2 * 0x16 + 2 * 0x17 + 0x18 + 0x19 + 0x1a,
+            std::accumulate(raw, raw + 128, 0)) << "a byte lands where no field is";
+}
+
 // Header and NV record initialisation: exact bytes, each write flushed, the
 // magic written last, so a failure before it leaves an invalid record.
 TEST_F(NvTest, InitialisationWritesExactRecordsMagicLast) {
