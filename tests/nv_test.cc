@@ -23,7 +23,7 @@ class NvTest : public ::testing::Test {
   }
   void Free() {
     if (sfd_ == nullptr) return;
-    for (int& fd : sfd_->fd) fd >= 0 && ::close(fd);
+    for (int& fd : sfd_->fd) fd >= 0 && sbacc::CurrentEnv()->Close(fd);
     sbacc_ma_free_sfd(sfd_);
     sfd_ = nullptr;
   }
@@ -56,7 +56,7 @@ TEST_F(NvTest, HeaderFieldsAtTheirOffsets) {
 // Header and NV record initialisation: exact bytes, each write flushed, the
 // magic written last, so a failure before it leaves an invalid record.
 TEST_F(NvTest, InitialisationWritesExactRecordsMagicLast) {
-  for (int i = 0; i < 2; ++i) sfd_->fd[i] = ::open(sim_.HddPath(i).c_str(), O_RDWR | O_CLOEXEC);
+  for (int i = 0; i < 2; ++i) sfd_->fd[i] = sbacc::CurrentEnv()->Open(sim_.HddPath(i).c_str(), O_RDWR);
   sfd_->sfe.areasize = 0x100002000ull;  // stored cut to 32 bits
   ASSERT_EQ(sbacc_l_hddini_header(sfd_, 1, 0x5), 0);
   Bytes want(130, 0);  // a guard byte on each side

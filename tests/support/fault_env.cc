@@ -2,7 +2,6 @@
 
 #include <limits.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,15 +11,6 @@
 
 namespace sbacc_test {
 
-namespace {
-
-std::string Canonical(const std::string& path) {
-  char buf[PATH_MAX];
-  return !path.empty() && realpath(path.c_str(), buf) != nullptr ? std::string(buf) : path;
-}
-
-}  // namespace
-
 FaultEnv::FaultEnv() { sbacc::SetEnvForTest(this); }
 
 FaultEnv::~FaultEnv() { sbacc::SetEnvForTest(nullptr); }
@@ -29,7 +19,7 @@ void FaultEnv::AddRule(Op op, const std::string& path, long start, long count, i
                        bool replace) {
   std::lock_guard<std::mutex> lock(mu_);
   if (replace) std::erase_if(rules_, [op](const Rule& r) { return r.op == op; });
-  rules_.push_back(Rule{op, Canonical(path), start, count, 0, err, cut, delay});
+  rules_.push_back(Rule{op, path, start, count, 0, err, cut, delay});
 }
 
 void FaultEnv::ClearRules() {
@@ -71,9 +61,8 @@ std::vector<unsigned> FaultEnv::Sleeps() const {
 
 long FaultEnv::Calls(Op op, const std::string& path) const {
   std::lock_guard<std::mutex> lock(mu_);
-  const std::string canon = Canonical(path);
   long n = 0;
-  for (const auto& [key, count] : calls_) n += key.first == op && (path.empty() || key.second == canon) ? count : 0;
+  for (const auto& [key, count] : calls_) n += key.first == op && (path.empty() || key.second == path) ? count : 0;
   return n;
 }
 
@@ -93,12 +82,11 @@ int FaultEnv::Enter(Op op, int fd, const std::string& named, size_t* cut) {
       auto it = fd_paths_.find(fd);
       if (it != fd_paths_.end()) {
         path = it->second;
-      } else {  // opened by the test itself: ask the kernel
+      } else {  // opened before this Env was installed: ask the kernel
         char link[64], buf[PATH_MAX];
         snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
         const ssize_t n = readlink(link, buf, sizeof buf - 1);
         path.assign(buf, n > 0 ? static_cast<size_t>(n) : 0);
-        if (path.ends_with(" (deleted)")) path.resize(path.size() - 10);
       }
       if (op == kClose) fd_paths_.erase(fd);
     }
@@ -122,12 +110,11 @@ int FaultEnv::Enter(Op op, int fd, const std::string& named, size_t* cut) {
 }
 
 int FaultEnv::Open(const char* path, int flags) {
-  const std::string canon = Canonical(path != nullptr ? path : "");
-  if (Enter(kOpen, -1, canon) != 0) return -1;
+  if (Enter(kOpen, -1, path != nullptr ? path : "") != 0) return -1;
   const int fd = Env::Open(path, flags);
   if (fd >= 0) {
     std::lock_guard<std::mutex> lock(mu_);
-    fd_paths_[fd] = canon;
+    fd_paths_[fd] = path;
   }
   return fd;
 }

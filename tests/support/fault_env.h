@@ -3,9 +3,9 @@
 // says otherwise, sleeps are recorded instead of slept, and the clock can be
 // fixed.
 //
-// Paths: a rule names a path as the test knows it ("" = any path); both sides
-// are compared in canonical form.  Descriptors the test opened itself are
-// resolved through /proc/self/fd.
+// Paths: a rule names a path exactly as the library opens it ("" = any
+// path); a descriptor opened before this Env was installed is resolved
+// through /proc/self/fd, so the simulated controller's paths are canonical.
 //
 // Counting: each rule counts the calls it matches from the moment it is added;
 // calls S+1 .. S+N are hit (N = -1: every call after the first S).  Calls()
@@ -91,7 +91,7 @@ class FaultEnv : public sbacc::Env {
  private:
   struct Rule {
     Op op;
-    std::string path;  // canonical, "" = any
+    std::string path;  // "" = any
     long start, count, seen;
     int err;
     size_t cut;

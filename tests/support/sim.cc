@@ -22,6 +22,7 @@ TempDir::TempDir() {
   const char* base = getenv("TMPDIR");
   path_ = std::string(base != nullptr ? base : "/tmp") + "/sbacc-test-XXXXXX";
   if (mkdtemp(path_.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+  path_ = std::filesystem::canonical(path_);  // as /proc/self/fd names its files
 }
 
 TempDir::~TempDir() {
