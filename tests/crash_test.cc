@@ -249,7 +249,6 @@ TEST_P(CrashTest, EveryCutPointRecovers) {
     sbacc_reset_process_state();
     if (HasFailure()) break;
   }
-  RecordProperty("crash_points", static_cast<int>(points));
   printf("%d copies: %ld of %ld cut points explored, %ld with a data repair\n", copies, points, total + 1, repaired);
 }
 
@@ -345,7 +344,6 @@ TEST_F(CrashTest, CutWhileTheStartupRebuildsOrResyncs) {
       if (HasFailure()) return;
     }
   }
-  RecordProperty("crash_points", static_cast<int>(points));
   printf("%ld cut points in start-ups that rebuild or resync\n", points);
 }
 
