@@ -1,8 +1,7 @@
 // Start-up restore on HDD image files: which copy wins and how stale copies
-// are rebuilt, the mask and verdict recorded per area, a stale copy kept
-// fenced off, and the parallel restore of every area.
+// are rebuilt, the mask and verdict recorded per area, and a stale copy kept
+// fenced off.  The parallel restore of many areas is in concurrency_test.cc.
 #include <stdlib.h>
-#include <string.h>
 
 #include <string>
 #include <vector>
@@ -18,15 +17,14 @@
 #include "sim.h"
 
 using sbacc_test::FaultEnv;
-using sbacc_test::Sim;
 
 namespace {
 
 constexpr uint64_t kSize = 4096;
 constexpr int32_t kFill = 3000;
 
-SBACC_HDD_HEADER Hdr(const std::string& name, uint32_t word, int64_t closetime, int opencnt, uint8_t openflag = 0) {
-  SBACC_HDD_HEADER h = sbacc_test::ValidHeader(name, kSize, kFill, word);
+SBACC_HDD_HEADER Hdr(uint32_t word, int64_t closetime, int opencnt, uint8_t openflag = 0) {
+  SBACC_HDD_HEADER h = sbacc_test::ValidHeader("a", kSize, kFill, word);
   h.openflag = openflag, h.opencnt = opencnt, h.closetime = closetime;
   return h;
 }
@@ -36,7 +34,6 @@ std::vector<uint8_t> Pattern(int seed) { return sbacc_test::Pattern(kFill, seed)
 class RestoreTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    unsetenv("SBACC_REPAIRLOCK_MAXRETRY");
     setenv("SANFWCTL_MASTER", "1", 1);  // this process (controller 0) is not the master
     sim_.SetAreas({{"a", 0x2000, kSize, 3}});
     blocks_ = sbacc::AllocLiveBlocks();
@@ -48,7 +45,7 @@ class RestoreTest : public ::testing::Test {
   void PutCopy(int hdd, const SBACC_HDD_HEADER& h, int seed) { sim_.PutCopy(0, hdd, h, Pattern(seed)); }
   void PutNv(int hddcount) { sim_.PutNvEntry(0, sbacc_test::ValidEntry("a", hddcount)); }
 
-  Sim sim_{3};
+  sbacc_test::Sim sim_{3};
   long blocks_ = 0;
 };
 
@@ -68,14 +65,14 @@ TEST_F(VerdictTest, RecordsMaskAndVerdict) {
     int src;
     uint32_t rebuilt, mask;
     int data_repair, rc;
-  } const kCases[] = {{"vvv", {0, 0, 0}, {100, 300, 200}, 1, 0, 0, 0, 0},  // equal words: later close wins
+  } const kCases[] = {{"vvv", {0, 0, 0}, {100, 300, 200}, 1, 0, 0, 0, 0},    // equal words: later close wins
                       {"vvv", {2, 4, 4}, {300, 200, 200}, 0, 0x6, 0, 0, 0},  // equal bit counts: earlier close loses
                       {"vvv", {4, 4, 4}, {100, 100, 100}, 0, 0x4, 0, 0, 0},  // the source names a stale copy
                       {"vvv", {6, 0, 0}, {100, 100, 100}, 0, 0x6, 0, 0, 0},  // two stale copies
-                      {"ovv", {0, 0, 0}, {300, 200, 200}, 0, 0, 0, 1, 0},  // the latest was left open
-                      {"vzv", {0, 0, 0}, {300, 0, 200}, 0, 0x2, 0, 0, 0},  // no header: rebuilt
-                      {"vvm", {0, 0, 0}, {300, 200, 0}, 0, 0, 0x4, 0, 0},  // no file: fenced off
-                      {"zzz", {0, 0, 0}, {0, 0, 0}, -1, 0, 0, 1, 0},  // new HDDs
+                      {"ovv", {0, 0, 0}, {300, 200, 200}, 0, 0, 0, 1, 0},    // the latest was left open
+                      {"vzv", {0, 0, 0}, {300, 0, 200}, 0, 0x2, 0, 0, 0},    // no header: rebuilt
+                      {"vvm", {0, 0, 0}, {300, 200, 0}, 0, 0, 0x4, 0, 0},    // no file: fenced off
+                      {"zzz", {0, 0, 0}, {0, 0, 0}, -1, 0, 0, 1, 0},         // new HDDs
                       {"zzm", {0, 0, 0}, {0, 0, 0}, -1, 0, 0x4, 1, 0},
                       {"mmm", {0, 0, 0}, {0, 0, 0}, -1, 0, 0x7, 0, SBACC_E_ALLBLOCKADE}};
   for (const auto& c : kCases) {
@@ -83,10 +80,10 @@ TEST_F(VerdictTest, RecordsMaskAndVerdict) {
       SCOPED_TRACE("case " + std::to_string(&c - kCases) + ", round " + std::to_string(round));
       PutNv(3);
       for (int i = 0; i < 3; ++i) {
+        const char kind = c.kinds[i];
         sim_.RecreateHdd(i);
-        if (c.kinds[i] == 'm') sim_.RemoveHdd(i);
-        const bool open = c.kinds[i] == 'o';
-        if (c.kinds[i] == 'v' || open) PutCopy(i, Hdr("a", c.words[i], c.close[i], 10 * i + 1, open), i);
+        if (kind == 'm') sim_.RemoveHdd(i);
+        if (kind == 'v' || kind == 'o') PutCopy(i, Hdr(c.words[i], c.close[i], 10 * i + 1, kind == 'o'), i);
       }
       SBACC_DATA_REPAIR rec[1] = {};
       ASSERT_EQ(0, sbacc_l_get_filelist(&p_sbacc_file_list));
@@ -109,10 +106,8 @@ TEST_F(VerdictTest, RecordsMaskAndVerdict) {
         EXPECT_EQ(c.mask, h.hddblockade);
         EXPECT_EQ(0, h.openflag);
         EXPECT_EQ(1800000000, h.closetime);
-        if (c.src < 0) {
-          EXPECT_EQ(0, h.filesize);
-          continue;
-        }
+        EXPECT_EQ(c.src < 0 ? 0 : kFill, h.filesize);
+        if (c.src < 0) continue;
         EXPECT_EQ(1800000000, h.opentime);
         const bool current = i == c.src || (c.rebuilt >> i & 1) != 0;
         EXPECT_EQ(Pattern(current ? c.src : i), sim_.Data(0, i, kFill)) << "copy " << i;
@@ -128,59 +123,13 @@ TEST_F(VerdictTest, RecordsMaskAndVerdict) {
 TEST_F(RestoreTest, StaleCopyStaysFencedWhenAStepFails) {
   sim_.SetAreas({{"a", 0x2000, kSize, 2}});
   PutNv(2);
-  PutCopy(0, Hdr("a", 0x2, 100, 1), 0);
-  PutCopy(1, Hdr("a", 0x0, 100, 1), 1);  // missed the last write
+  PutCopy(0, Hdr(0x2, 100, 1), 0);
+  PutCopy(1, Hdr(0x0, 100, 1), 1);  // missed the last write
   FaultEnv env;
   env.FailOp(FaultEnv::kWrite, sim_.HddPath(0), 0, 1, EIO);
   EXPECT_EQ(0, sbacc_hdd_restore(0));
   EXPECT_EQ(0x2u, sim_.NvEntry(0).hddblockade & 0x2);
   EXPECT_EQ(Pattern(1), sim_.Data(0, 1, kFill));
-}
-
-// Fails the start of one area's restore worker.
-class FailAreaStart : public FaultEnv {
- public:
-  explicit FailAreaStart(int index) : index_(index) {}
-  int StartThread(void* (*fn)(void*), void* arg) override {
-    const bool hit = fn == sbacc_ma_repair_for_restore_p_thread &&
-                     static_cast<SBACC_HDDRST_THREAD_PARAM_SUB*>(arg)->index == index_;
-    return hit ? EAGAIN : FaultEnv::StartThread(fn, arg);
-  }
-
- private:
-  int index_;
-};
-
-// Every area has a fenced copy 1 to rebuild, and the last one cannot take its
-// repair lock: the restore reports that, and returns only once every other
-// area is done, also when the failing one ran in the calling thread (while the
-// workers are slowed down) or in the second batch of 64.
-TEST_F(RestoreTest, ParallelRestoreRepairsEveryArea) {
-  setenv("SBACC_REPAIRLOCK_MAXRETRY", "1", 1);
-  for (const int areas : {4, 70}) {
-    SCOPED_TRACE(std::to_string(areas) + " areas");
-    const int last = areas - 1, inline_area = areas < 64 ? last : -1;
-    Sim sim(2);
-    std::vector<sbacc_test::AreaSpec> specs;
-    for (int a = 0; a < areas; ++a) specs.push_back({"area" + std::to_string(a), kSize * a, kSize, 2});
-    sim.SetAreas(specs);
-    for (int a = 0; a < areas; ++a) {
-      sim.PutCopy(a, 0, Hdr(specs[a].name, 0x2, 5, 1), Pattern(a));
-      sim.PutHeader(a, 1, Hdr(specs[a].name, 0x0, 5, 1));
-    }
-    const uint8_t held = 1;
-    sim.PutNvBytes(SBACC_NV_BASE + 128ull * last + kMemRepairlock + 1, &held, 1);
-    FailAreaStart env(inline_area);
-    if (inline_area >= 0) env.DelayOp(FaultEnv::kWrite, "", 3000);
-    sbacc_test::TraceCapture trace;
-    EXPECT_EQ(SBACC_E_REPAIR, sbacc_hdd_restore(0));
-    for (int a = 0; a < areas; ++a) {
-      EXPECT_EQ(Pattern(a) == sim.Data(a, 1, kFill), a != last) << "area " << a;
-      EXPECT_EQ(a == last ? 1 : 0, sim.NvEntry(a).hddrepairlock_cntno[1]);
-    }
-    EXPECT_EQ(areas < 64 ? 1 : 0, trace.CountContaining("is single exec. file_index=" + std::to_string(last)));
-    sbacc_reset_process_state();
-  }
 }
 
 }  // namespace
