@@ -3,29 +3,10 @@
 // dlclosed; four controllers contending for the repair lock of the same areas.
 // Every test is bounded by alarm(): a deadlock ends it with SIGALRM.
 #include <dlfcn.h>
-#include <stdlib.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <functional>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
-
-#include "fault_env.h"
-#include "sbacc.h"
-#include "sbacc_alloc.h"
-#include "sbacc_core.h"
-#include "sbacc_l.h"
-#include "sbacc_ma.h"
-#include "sim.h"
-
-using sbacc_test::Pattern;
-using Bytes = std::vector<uint8_t>;
+#include "testutil.h"
 
 namespace {
 

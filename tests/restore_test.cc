@@ -1,22 +1,7 @@
 // Start-up restore on HDD image files: which copy wins and how stale copies
 // are rebuilt, the mask and verdict recorded per area, and a stale copy kept
 // fenced off.  The parallel restore of many areas is in concurrency_test.cc.
-#include <stdlib.h>
-
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-
-#include "fault_env.h"
-#include "sbacc.h"
-#include "sbacc_alloc.h"
-#include "sbacc_core.h"
-#include "sbacc_l.h"
-#include "sbacc_ma.h"
-#include "sim.h"
-
-using sbacc_test::FaultEnv;
+#include "testutil.h"
 
 namespace {
 
