@@ -62,7 +62,7 @@ class ToolTest : public ::testing::Test {
   void Create(const std::string& name, Args options) {
     dir_ = tmp_ + "/" + name;
     options.insert(options.begin(), {"sim", "create", dir_, "--size", std::to_string(kAreaSize)});
-    ASSERT_EQ(Run(options).status, 0);
+    Run(options);
     setenv("SBACC_FILELIST", (dir_ + "/filelist.ini").c_str(), 1);
     setenv("SANFWCTL_NV_IMAGE", (dir_ + "/nv.img").c_str(), 1);
   }
@@ -77,17 +77,14 @@ class ToolTest : public ::testing::Test {
     pid_t pid = -1;
     return posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv.data()), environ) == 0 ? pid : -1;
   }
-  Result Run(const Args& args, const std::string& input = "") {
+  // Runs the tool and expects exit WANT with every one of PARTS in its standard output.
+  Result Run(const Args& args, int want = 0, std::initializer_list<std::string> parts = {},
+             const std::string& input = "") {
     int ws = 0;
     const pid_t pid = Spawn(args, input, tmp_ + "/run");
-    if (pid <= 0 || waitpid(pid, &ws, 0) != pid) return {};
-    return {WIFEXITED(ws) ? WEXITSTATUS(ws) : 128 + WTERMSIG(ws), Slurp(tmp_ + "/run.out"), Slurp(tmp_ + "/run.err")};
-  }
-  // Runs ARGS and expects exit STATUS with every one of PARTS in its output.
-  Result Expect(const Args& args, int status, std::initializer_list<std::string> parts = {},
-                const std::string& input = "") {
-    Result r = Run(args, input);
-    EXPECT_EQ(r.status, status) << ::testing::PrintToString(args) << "\n" << r.out << r.err;
+    EXPECT_TRUE(pid > 0 && waitpid(pid, &ws, 0) == pid);
+    Result r{WIFEXITED(ws) ? WEXITSTATUS(ws) : 128 + WTERMSIG(ws), Slurp(tmp_ + "/run.out"), Slurp(tmp_ + "/run.err")};
+    EXPECT_EQ(r.status, want) << ::testing::PrintToString(args) << "\n" << r.out << r.err;
     for (const std::string& part : parts) EXPECT_TRUE(Has(r.out, part)) << ::testing::PrintToString(args);
     return r;
   }
@@ -100,8 +97,7 @@ class ToolTest : public ::testing::Test {
   }
   // status --json for AREA (all areas if empty), expecting exit WANT_STATUS.
   json Status(const std::string& area, int want_status) {
-    return json::parse(
-        Expect(area.empty() ? Args{"status", "--json"} : Args{"status", "--json", area}, want_status).out);
+    return json::parse(Run(area.empty() ? Args{"status", "--json"} : Args{"status", "--json", area}, want_status).out);
   }
   json Area(const std::string& area, int want_status) { return Status(area, want_status)["areas"][0]; }
   std::string Hdd(int copy) const { return dir_ + "/hdd" + std::to_string(copy) + ".img"; }
@@ -120,27 +116,28 @@ class ToolTest : public ::testing::Test {
 };
 
 TEST_F(ToolTest, DataCommandsAndLibraryErrors) {
-  const Result r = Expect({"cat", "envfw_backup0"}, 2);  // NV never initialised: a library error
+  const Result r = Run({"cat", "envfw_backup0"}, 2);  // NV never initialised: a library error
   EXPECT_TRUE(Has(r.err, "SBACC_E_NOTINIT (-104): not initialised"));
   EXPECT_EQ(r.out, "");
-  ASSERT_EQ(Run({"init"}).status, 0);
-  Expect({"put", "envfw_backup0"}, 0, {}, "hello world");
-  Expect({"write", "envfw_backup0", "6", "-"}, 0, {}, "WORLD!");
+  Run({"init"});
+  Run({"put", "envfw_backup0"}, 0, {}, "hello world");
+  Run({"write", "envfw_backup0", "6", "-"}, 0, {}, "WORLD!");
   EXPECT_EQ(Run({"cat", "envfw_backup0"}).out, "hello WORLD!");
-  Expect({"truncate", "envfw_backup0", "5"}, 0);
+  Run({"truncate", "envfw_backup0", "5"});
   EXPECT_EQ(Run({"cat", "envfw_backup0"}).out, "hello");
-  Expect({"put", "envfw_backup0"}, 0, {}, "hi");
+  Run({"put", "envfw_backup0"}, 0, {}, "hi");
   EXPECT_EQ(Run({"cat", "envfw_backup0"}).out, "hi");  // no old tail left behind
   const std::string dump = Run({"dump"}).out, file = tmp_ + "/dump.txt";
   EXPECT_EQ(dump.rfind(">>>>> OUTPUT TIME: ", 0), 0u);
-  EXPECT_EQ(Run({"dump", file}).status + Run({"dump", file}).status, 0);
+  Run({"dump", file});
+  Run({"dump", file});
   EXPECT_EQ(Slurp(file).size(), 2 * dump.size());  // appended
 }
 
 TEST_F(ToolTest, StatusFollowsAPulledAndReplacedDisk) {
   EXPECT_EQ(Pick(Status("envfw_backup1", 1), {"/areas/0/copies/1/state", "/action"}),
             json::array({"blank", "NV not initialised: run 'sbacc init'"}));  // never started
-  ASSERT_EQ(Run({"init"}).status, 0);
+  Run({"init"});
   Plant(1, 2 * kAreaSize + 80, "\x01");  // an unfinished write in copy 1 of envfw_sysback
   EXPECT_TRUE(Has(Area("envfw_sysback", 1)["flags"][0]["text"], "copy 1 has a write-intent record set (0 bytes at 0)"));
   Plant(1, 2 * kAreaSize + 80, std::string(1, '\0'));
@@ -149,17 +146,17 @@ TEST_F(ToolTest, StatusFollowsAPulledAndReplacedDisk) {
                                               "/areas/0/copies/1/state", "/areas/0/copies/2", "/areas/1"}),
             json::array({1, kAreaSize, kAreaSize - 128, "healthy", nullptr, nullptr}));
 
-  ASSERT_EQ(Run({"sim", "pull", dir_, "1"}).status, 0);
+  Run({"sim", "pull", dir_, "1"});
   EXPECT_EQ(Area("envfw_backup0", 1)["copies"][1]["state"], "missing");
-  ASSERT_EQ(Run({"put", "envfw_backup0"}, "still here").status, 0);
+  Run({"put", "envfw_backup0"}, 0, {}, "still here");
   EXPECT_EQ(Pick(Area("envfw_backup0", 1), {"/copies/1/state", "/nv/hddblockade", "/verdict"}),
             json::array({"fenced off", 2, "degraded"}));
   EXPECT_EQ(Status("", 1)["action"], "disk 1 fenced off in 8 of 8 areas: replace it, then run 'sbacc restore'");
-  EXPECT_TRUE(Has(Run({"status", "-x"}).out, "blockade 0x2 (copy 1)"));
+  Run({"status", "-x"}, 1, {"blockade 0x2 (copy 1)"});
   EXPECT_EQ(Run({"cat", "envfw_backup0"}).out, "still here");
 
-  ASSERT_EQ(Run({"sim", "replace", dir_, "1"}).status, 0);
-  ASSERT_EQ(Run({"init"}).status, 0);
+  Run({"sim", "replace", dir_, "1"});
+  Run({"init"});
   EXPECT_EQ(Pick(Status("", 0), {"/ok", "/areas/7/name", "/areas/8"}), json::array({true, "area00", nullptr}));
   EXPECT_EQ(AreaBytes(1, 0, kAreaSize), AreaBytes(0, 0, kAreaSize));  // rebuilt at start-up
 }
@@ -183,34 +180,34 @@ TEST_F(ToolTest, VerifyRepairsOnlyWhatItCanJustify) {
        "header field closetime; 3 data bytes differ",
        "copy 1 is taken as right: it was closed last",
        1}};
-  ASSERT_EQ(Run({"init"}).status, 0);
+  Run({"init"});
   for (const auto& [writes, report, decision, right] : cases) {
     SCOPED_TRACE(report);
-    ASSERT_EQ(Run({"put", "envfw_backup1"}, "0123456789abcdef").status, 0);
-    ASSERT_EQ(Run({"verify"}).status, 0);
+    Run({"put", "envfw_backup1"}, 0, {}, "0123456789abcdef");
+    Run({"verify"});
     for (const auto& [copy, offset, bytes] : writes) Plant(copy, kAreaSize + offset, bytes);
-    Expect({"verify"}, 1, {report, "1 mismatch"});
+    Run({"verify"}, 1, {report, "1 mismatch"});
     // Kept by verify for status.
     EXPECT_EQ(Pick(Status("", 0), {"/last_scrub/areas", "/last_scrub/mismatches", "/last_scrub/status"}),
               json::array({8, 1, 1}));
     const std::string planted = Images(), rewritten = "rewritten from copy " + std::to_string(right);
     if (decision.empty()) {
-      Expect({"verify", "--repair", "envfw_backup1"}, 1, {"not repaired: nothing shows which copy is right"});
+      Run({"verify", "--repair", "envfw_backup1"}, 1, {"not repaired: nothing shows which copy is right"});
       EXPECT_EQ(Images(), planted);
-      Expect({"verify", "--repair", "--from", std::to_string(right), "envfw_backup1"}, 0, {rewritten});
+      Run({"verify", "--repair", "--from", std::to_string(right), "envfw_backup1"}, 0, {rewritten});
     } else {
-      Expect({"verify", "--repair", "envfw_backup1"}, 0, {decision, rewritten});
+      Run({"verify", "--repair", "envfw_backup1"}, 0, {decision, rewritten});
     }
     EXPECT_EQ(AreaBytes(0, 1, 128 + 16), AreaBytes(1, 1, 128 + 16));  // header and data up to the size (16)
-    EXPECT_EQ(Run({"verify"}).status, 0);
+    Run({"verify"});
     EXPECT_EQ(Area("envfw_backup1", 0)["nv"]["repairlock"][0], 0);
   }
   // With three copies, two that agree outvote the one a flipped byte damaged.
   Create("ctl3", {"-k", "3"});
-  ASSERT_EQ(Run({"init"}).status, 0);
-  ASSERT_EQ(Run({"put", "envfw_verid"}, "0123").status, 0);
+  Run({"init"});
+  Run({"put", "envfw_verid"}, 0, {}, "0123");
   Plant(0, 4 * kAreaSize + 128 + 1, "?");
-  Expect({"verify", "--repair"}, 0, {"copy 1 is taken as right: copies 1 and 2 hold the same data, a majority of 3"});
+  Run({"verify", "--repair"}, 0, {"copy 1 is taken as right: copies 1 and 2 hold the same data, a majority of 3"});
   EXPECT_EQ(AreaBytes(0, 4, 128 + 4), AreaBytes(2, 4, 128 + 4));
 }
 
@@ -218,8 +215,8 @@ TEST_F(ToolTest, VerifyRepairsOnlyWhatItCanJustify) {
 // even with a difference between its copies; a writer that died is no reason
 // to refuse, and its area is reported as repaired.
 TEST_F(ToolTest, ServiceActionsLeaveALiveWriterAlone) {
-  ASSERT_EQ(Run({"init"}).status, 0);
-  ASSERT_EQ(Run({"put", "envfw_backup1"}, "intact").status, 0);
+  Run({"init"});
+  Run({"put", "envfw_backup1"}, 0, {}, "intact");
   Hold("envfw_backup0", "live data");
   Plant(1, 128 + 2, "#");
   const std::string before = Images();
@@ -227,7 +224,7 @@ TEST_F(ToolTest, ServiceActionsLeaveALiveWriterAlone) {
                                                       {{"init"}, 2, "refused: pid "},
                                                       {{"restore", "-c", "1"}, 2, "refused: pid "}};
   for (const auto& [args, status, message] : cases) {
-    const Result r = Expect(args, status);
+    const Result r = Run(args, status);
     EXPECT_TRUE(Has(r.out + r.err, message));
     EXPECT_EQ(Images(), before);
   }
@@ -236,9 +233,9 @@ TEST_F(ToolTest, ServiceActionsLeaveALiveWriterAlone) {
   waitpid(holder_, nullptr, 0);
   holder_ = -1;
   EXPECT_EQ(Area("envfw_backup0", 1)["flags"][0]["problem"], true);  // left open
-  Expect({"restore"}, 0,
-         {"envfw_backup0                   repaired: was left open by a writer that never closed; "
-          "data repaired: copied from envfw_backup1"});
+  Run({"restore"}, 0,
+      {"envfw_backup0                   repaired: was left open by a writer that never closed; "
+       "data repaired: copied from envfw_backup1"});
 }
 
 // Bad usage exits 2 with the reason and a pointer to --help on standard
@@ -263,11 +260,11 @@ TEST_F(ToolTest, BadInputExits2AndWritesNothing) {
       {{"sim", "pull", dir_, "2"}, "", "no copy 2"},
       {{"sim", "create", dir_}, "", "already holds a simulated controller"},
       {{"__doc", "nonsense"}, "", "expected man, markdown or complete"}};
-  ASSERT_EQ(Run({"init"}).status, 0);
-  ASSERT_EQ(Run({"put", "envfw_backup0"}, "keep").status, 0);
+  Run({"init"});
+  Run({"put", "envfw_backup0"}, 0, {}, "keep");
   const std::string before = Images();
   for (const auto& [args, input, message] : cases) {
-    const Result r = Expect(args, 2, {}, input);
+    const Result r = Run(args, 2, {}, input);
     EXPECT_EQ(r.out, "");
     // One line with the reason, one with where the help is.
     EXPECT_TRUE(Has(r.err.substr(0, r.err.find('\n')), message));
@@ -276,12 +273,12 @@ TEST_F(ToolTest, BadInputExits2AndWritesNothing) {
     EXPECT_EQ(Images(), before);
   }
   // A line the library ignores is named, with every area whose NV record it shifts.
-  Expect({"ls", "--check"}, 0);
+  Run({"ls", "--check"});
   const std::string list = dir_ + "/filelist.ini";
   std::ofstream(list + ".new") << "broken,zz,100," << Hdd(0) << "\n" << Slurp(list);
   std::filesystem::rename(list + ".new", list);
-  Expect({"ls", "--check"}, 1, {"line 1: 'broken' ignored", "area 'area00' (#7) uses NV record 8, shifted"});
-  EXPECT_TRUE(Has(Run({"status"}).err, "warning: the area list"));
+  Run({"ls", "--check"}, 1, {"line 1: 'broken' ignored", "area 'area00' (#7) uses NV record 8, shifted"});
+  EXPECT_TRUE(Has(Run({"status"}, 1).err, "warning: the area list"));
 }
 
 }  // namespace
