@@ -47,9 +47,8 @@ json Pick(const json& j, std::initializer_list<const char*> paths) {
 class ToolTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string tmpl = std::filesystem::temp_directory_path() / "sbacc-tool-test-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl.data()), nullptr);
-    tmp_ = tmpl;
+    tmp_ = std::filesystem::temp_directory_path() / "sbacc-tool-test-XXXXXX";
+    ASSERT_NE(mkdtemp(tmp_.data()), nullptr);
     Create("ctl", {"--areas", "1"});
     setenv("MC_TRACE_FILE", (dir_ + "/log/sbacc.log").c_str(), 1);
     setenv("SBACC_SCRUB_RECORD", (tmp_ + "/last-scrub").c_str(), 1);
@@ -95,20 +94,16 @@ class ToolTest : public ::testing::Test {
     for (int i = 0; i < 500 && !Has(Slurp(tmp_ + "/hold.out"), "holding"); ++i) usleep(10000);
     ASSERT_TRUE(Has(Slurp(tmp_ + "/hold.out"), "holding"));
   }
-  // status --json for AREA (all areas if empty), expecting exit WANT_STATUS.
-  json Status(const std::string& area, int want_status) {
-    return json::parse(Run(area.empty() ? Args{"status", "--json"} : Args{"status", "--json", area}, want_status).out);
+  // status --json for AREA (all areas if empty), expecting exit WANT.
+  json Status(const std::string& area, int want) {
+    return json::parse(Run(area.empty() ? Args{"status", "--json"} : Args{"status", "--json", area}, want).out);
   }
-  json Area(const std::string& area, int want_status) { return Status(area, want_status)["areas"][0]; }
+  json Area(const std::string& area, int want) { return Status(area, want)["areas"][0]; }
   std::string Hdd(int copy) const { return dir_ + "/hdd" + std::to_string(copy) + ".img"; }
-  std::string AreaBytes(int copy, int area, size_t len) const {
-    return Slurp(Hdd(copy)).substr(static_cast<size_t>(area) * kAreaSize, len);
-  }
+  std::string AreaBytes(int copy, int area, size_t len) const { return Slurp(Hdd(copy)).substr(area * kAreaSize, len); }
   std::string Images() const { return Slurp(Hdd(0)) + Slurp(Hdd(1)) + Slurp(dir_ + "/nv.img"); }
   void Plant(int copy, long offset, const std::string& bytes) {
-    std::fstream(Hdd(copy), std::ios::in | std::ios::out | std::ios::binary)
-        .seekp(offset)
-        .write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    std::fstream(Hdd(copy), std::ios::in | std::ios::out | std::ios::binary).seekp(offset) << bytes;
   }
 
   std::string tmp_, dir_;
@@ -165,8 +160,7 @@ TEST_F(ToolTest, StatusFollowsAPulledAndReplacedDisk) {
 // reported with status 1.  --repair rewrites only when the headers justify a
 // side; otherwise it refuses, writes nothing, and --from names the copy.
 TEST_F(ToolTest, VerifyRepairsOnlyWhatItCanJustify) {
-  using Writes = std::vector<std::tuple<int, long, std::string>>;
-  const std::tuple<Writes, std::string, std::string, int> cases[] = {
+  const std::tuple<std::vector<std::tuple<int, long, std::string>>, std::string, std::string, int> cases[] = {
       {{{1, 128 + 5, "XY"}}, "2 data bytes differ, the first at offset 5\n", "", 0},
       // One flipped byte in copy 0 must never be copied over the good copy 1.
       {{{0, 128 + 3, "?"}}, "1 data byte differs, the first at offset 3\n", "", 1},
