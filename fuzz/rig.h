@@ -6,11 +6,16 @@
 #define SBACC_FUZZ_RIG_H
 
 #include <stdlib.h>
+#include <string.h>
 #include <unistd.h>
+
+#include <utility>
+#include <vector>
 
 #include "fault_env.h"
 #include "sanfwctl.h"
 #include "sbacc.h"
+#include "sbacc_alloc.h"
 #include "sbacc_core.h"
 #include "sim.h"
 
@@ -30,33 +35,35 @@ struct Rig {
   static bool Prepare() {  // before the simulated controller is made
     if (getenv("TMPDIR") == nullptr && access("/dev/shm", W_OK) == 0) setenv("TMPDIR", "/dev/shm", 1);
     for (const char* v : {"SBACC_MEMSET_MAXRETRY", "SBACC_MEMGET_MAXRETRY", "SBACC_REPAIR_MAXRETRY",
-                          "SBACC_REPAIRLOCK_MAXRETRY", "SANFWCTL_MASTER"}) setenv(v, "1", 1);
+                          "SBACC_REPAIRLOCK_MAXRETRY", "SANFWCTL_MASTER"})
+      setenv(v, "1", 1);
     setenv("SANFWCTL_NV_SIZE", "16384", 1);
-    unsetenv("MC_TRACE_FILE");
-    unsetenv("MC_TRACE_DIR");
+    for (const char* v : {"MC_TRACE_FILE", "MC_TRACE_DIR"}) unsetenv(v);
     return true;
   }
   bool prepared = Prepare();
   sbacc_test::Sim sim{kCopies, 16 * 1024};
   sbacc_test::FaultEnv env;
+  std::pair<int, long> held;  // open descriptors and live blocks a run must end with
+  static std::pair<int, long> Held() { return {sbacc_test::OpenFdCount(), sbacc::AllocLiveBlocks()}; }
 
   // Zeroed images, the two areas, the library and the stand-ins reset; with
   // threads off every worker's job runs in the calling thread (far faster
   // under the sanitizers, and the same results).
   void Fresh(bool threads) {
-    static const std::vector<uint8_t> zeros(16384, 0);
     for (int i = 0; i < kCopies; ++i) sim.RecreateHdd(i);
-    sim.PutNvBytes(0, zeros.data(), zeros.size());
+    sim.PutNvBytes(0, std::vector<uint8_t>(16384, 0).data(), 16384);
     sim.SetAreas({{"a", kAreaAddr, kAreaSize, kCopies}, {"b", kAreaAddr + kAreaSize, kAreaSize, kCopies}});
     sanfwctl_reset();
     sbacc_reset_process_state();
     env.ClearRules();
     env.ResetCounters();
     env.FailThreadStart(0, threads ? 0 : -1);
-    uint8_t b = 0;  // opens the NV image now, before a target counts descriptors
+    uint8_t b = 0;  // opens the NV image now, before the descriptors are counted
     cpfw_nv_region_t region = 2;
     cpfw_ioctl_nv_access req{reinterpret_cast<uintptr_t>(&b), 0, 1};
     Ezosanfwctl_read_nv(-1, &region, &req, 1);
+    held = Held();
   }
   // From now every HDD write must land inside bytes [lo, hi) of its file
   // (the area the calls work on); a stray write before it ends the run.
@@ -64,11 +71,12 @@ struct Rig {
     Check(env.StrayWrites() == 0);
     env.BoundWrites(lo, hi);
   }
-  // Checks the last bound and forgets the library's process state.
+  // Checks the last bound, forgets the library's process state and checks
+  // that no descriptor or block outlives the run.
   void Finish() {
-    Check(env.StrayWrites() == 0);
-    env.BoundWrites(0, 0);
+    Bound(0, 0);
     sbacc_reset_process_state();
+    Check(Held() == held);
   }
 };
 
