@@ -5,19 +5,7 @@
 #ifndef SBACC_FUZZ_RIG_H
 #define SBACC_FUZZ_RIG_H
 
-#include <stdlib.h>
-#include <string.h>
-#include <unistd.h>
-
-#include <utility>
-#include <vector>
-
-#include "fault_env.h"
-#include "sanfwctl.h"
-#include "sbacc.h"
-#include "sbacc_alloc.h"
-#include "sbacc_core.h"
-#include "sim.h"
+#include "sim.h"  // the library, the stand-ins and the simulated controller
 
 namespace sbacc_fuzz {
 
