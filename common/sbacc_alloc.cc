@@ -228,6 +228,6 @@ int AllocTrackedTotal() {
 
 long AllocLiveBlocks() { return g_live_blocks.load(std::memory_order_relaxed); }
 
-void AllocFailNth(long n) { g_fail_countdown.store(n > 0 ? n : 0, std::memory_order_relaxed); }
+long AllocFailNth(long n) { return g_fail_countdown.exchange(n > 0 ? n : 0, std::memory_order_relaxed); }
 
 }  // namespace sbacc

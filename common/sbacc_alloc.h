@@ -26,7 +26,9 @@ int AllocTrackedTotal();
 // Live blocks handed out by the macros in either mode (a leak check for tests).
 long AllocLiveBlocks();
 // Tests: the n-th allocation from now (1 = the next one) fails; 0 disarms.
-void AllocFailNth(long n);
+// Returns the countdown it replaces: above 0 while an armed failure has not
+// come yet, so a test learns whether a run reached it.
+long AllocFailNth(long n);
 
 }  // namespace sbacc
 
