@@ -57,11 +57,8 @@ void InChildren(int n, const std::function<int(int)>& body) {
 class Concurrency : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (getenv("TMPDIR") == nullptr && access("/dev/shm", W_OK) == 0) setenv("TMPDIR", "/dev/shm", 1);
-    // One retry each; this process (controller 0) is not the master.
-    for (const char* v :
-         {"SBACC_MEMSET_MAXRETRY", "SBACC_MEMGET_MAXRETRY", "SBACC_REPAIRLOCK_MAXRETRY", "SANFWCTL_MASTER"})
-      setenv(v, "1", 1);
+    sbacc_test::QuickFailures();
+    setenv("SANFWCTL_MASTER", "1", 1);  // this process (controller 0) is not the master
     alarm(90);
   }
   void TearDown() override { alarm(0); }

@@ -86,9 +86,7 @@ void Prepare(Sim& sim, const Case& c) {
   setenv("SANFWCTL_MASTER", "1", 1);
   sim.SetAreas({{"a", kAddr, kSize, c.copies}});
   const Bytes data = Pattern(kLen, 1);
-  void* fp = nullptr;
-  boolean_t clean = B_FALSE;
-  ASSERT_EQ(0, sbacc_open("a", "w", &fp, &clean));
+  void* fp = sbacc_test::OpenArea("a", "w");
   ASSERT_EQ(kLen, sbacc_write(data.data(), kLen, 0, fp));
   ASSERT_EQ(0, sbacc_close(fp));
   c.poke(sim);

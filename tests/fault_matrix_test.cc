@@ -287,22 +287,17 @@ TEST_F(FaultMatrix, NvTransfersFailing) {
           SCOPED_TRACE(std::string(kOps[op].name) + (kind == SANFWCTL_FAULT_READ ? "/NV reads" : "/NV writes") +
                        (hdd_fault ? " + HDD writes of copy 0" : "") + "/retries " + std::to_string(retries));
           Stage st(snap, op, 2);
-          int rc;
-          long calls, sleeps;
-          {
-            FaultEnv env;
-            env.SetNow(kNow);
-            if (hdd_fault) env.FailOp(FaultEnv::kWrite, st.sim().HddPath(0), 0, -1, EIO);
-            const long before = sanfwctl_call_count(kind);
-            sanfwctl_set_fault(kind, before, -1);
-            rc = st.Run();
-            sanfwctl_set_fault(kind, 0, 0);
-            calls = sanfwctl_call_count(kind) - before;
-            sleeps = env.SleepCount();
-            for (unsigned us : env.Sleeps()) EXPECT_EQ(100000u, us);
-          }
+          FaultEnv env;
+          env.SetNow(kNow);
+          if (hdd_fault) env.FailOp(FaultEnv::kWrite, st.sim().HddPath(0), 0, -1, EIO);
+          const long before = sanfwctl_call_count(kind);
+          sanfwctl_set_fault(kind, before, -1);
+          const int rc = st.Run();
+          sanfwctl_set_fault(kind, 0, 0);
+          env.ClearRules();
+          const long calls = sanfwctl_call_count(kind) - before;
           EXPECT_EQ(0, calls % (retries + 1)) << calls << " calls";
-          EXPECT_EQ(calls, sleeps);
+          EXPECT_EQ(std::vector<unsigned>(calls, 100000u), env.Sleeps()) << "a 100 ms pause after each failure";
           if (op == kClose || calls == 0) {
             EXPECT_EQ(kOps[op].ok, rc);
           } else {
