@@ -56,22 +56,16 @@ TEST(Api, RefusedWithCodeTraceAndBlockWithoutTouchingAnything) {
       pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel);
       return cancel == PTHREAD_CANCEL_ENABLE;
     };
-    ASSERT_EQ(0, Open("area", "w"));  // the area exists
-    ASSERT_TRUE(enabled());
-    ASSERT_EQ(0, sbacc_close(g_fp));
-    ASSERT_TRUE(enabled());
+    ASSERT_TRUE(Open("area", "w") == 0 && enabled() && sbacc_close(g_fp) == 0 && enabled());  // the area exists
     ASSERT_EQ(0, Open("area", "r"));
     void* const rfp = g_fp;
     const long nv_calls = sanfwctl_call_count(SANFWCTL_FAULT_READ) + sanfwctl_call_count(SANFWCTL_FAULT_WRITE);
     g_fp = reinterpret_cast<void*>(0x77);
     sbacc_test::TraceCapture trace;
-    {
-      sbacc_test::FaultEnv env;
-      EXPECT_EQ(c.code, c.call(rfp));
-      EXPECT_TRUE(enabled());
-      EXPECT_EQ(0, env.Calls(sbacc_test::FaultEnv::kOpen) + env.Calls(sbacc_test::FaultEnv::kRead) +
-                       env.Calls(sbacc_test::FaultEnv::kWrite));
-    }
+    FaultEnv env;
+    EXPECT_EQ(c.code, c.call(rfp));
+    EXPECT_TRUE(enabled());
+    EXPECT_EQ(0, env.Calls(FaultEnv::kOpen) + env.Calls(FaultEnv::kRead) + env.Calls(FaultEnv::kWrite));
     EXPECT_EQ(nv_calls, sanfwctl_call_count(SANFWCTL_FAULT_READ) + sanfwctl_call_count(SANFWCTL_FAULT_WRITE));
     EXPECT_EQ(reinterpret_cast<void*>(0x77), g_fp);
     const std::string line = c.error_line, fn = "[" + line.substr(1, line.find(']') - 1) + "]";
