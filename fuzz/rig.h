@@ -32,8 +32,7 @@ struct Rig {
   bool prepared = Prepare();
   sbacc_test::Sim sim{kCopies, 16 * 1024};
   sbacc_test::FaultEnv env;
-  std::pair<int, long> held;  // open descriptors and live blocks a run must end with
-  static std::pair<int, long> Held() { return {sbacc_test::OpenFdCount(), sbacc::AllocLiveBlocks()}; }
+  sbacc_test::Sim::Held held;  // what a run must end with
 
   // Zeroed images, the two areas, the library and the stand-ins reset; with
   // threads off every worker's job runs in the calling thread (far faster
@@ -47,11 +46,7 @@ struct Rig {
     env.ClearRules();
     env.ResetCounters();
     env.FailThreadStart(0, threads ? 0 : -1);
-    uint8_t b = 0;  // opens the NV image now, before the descriptors are counted
-    cpfw_nv_region_t region = 2;
-    cpfw_ioctl_nv_access req{reinterpret_cast<uintptr_t>(&b), 0, 1};
-    Ezosanfwctl_read_nv(-1, &region, &req, 1);
-    held = Held();
+    held = sim.HeldNow();
   }
   // From now every HDD write must land inside bytes [lo, hi) of its file
   // (the area the calls work on); a stray write before it ends the run.
@@ -64,7 +59,7 @@ struct Rig {
   void Finish() {
     Bound(0, 0);
     sbacc_reset_process_state();
-    Check(Held() == held);
+    Check(sim.HeldNow() == held);
   }
 };
 

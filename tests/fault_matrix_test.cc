@@ -127,14 +127,7 @@ class Stage {
  public:
   Stage(const Snapshot& snap, Op op, int copies) : op_(op), sim_(copies, kHddBytes) {
     sim_.Load(snap);
-    // Opens the NV image now, so its descriptor is there before the count.
-    uint8_t b = 0;
-    cpfw_nv_region_t region = 2;
-    cpfw_ioctl_nv_access req{reinterpret_cast<uintptr_t>(&b), 0, 1};
-    Ezosanfwctl_read_nv(-1, &region, &req, 1);
-    fds_ = sbacc_test::OpenFdCount();
-    blocks_ = sbacc::AllocLiveBlocks();
-    bytes_ = sbacc::AllocTrackedTotal();
+    held_ = sim_.HeldNow();
     if (kOps[op].handle) fp_ = sbacc_test::OpenArea("area", "w");
   }
   // Runs the operation; kClose consumes the handle, an open leaves one.
@@ -165,9 +158,7 @@ class Stage {
   void Finish() {
     Close();
     sbacc_reset_process_state();
-    EXPECT_EQ(fds_, sbacc_test::OpenFdCount()) << "descriptor leaked";
-    EXPECT_EQ(blocks_, sbacc::AllocLiveBlocks()) << "block leaked";
-    EXPECT_EQ(bytes_, sbacc::AllocTrackedTotal()) << "tracked bytes leaked";
+    EXPECT_TRUE(held_ == sim_.HeldNow()) << "descriptor or block leaked";
   }
   Sim& sim() { return sim_; }
 
@@ -175,8 +166,7 @@ class Stage {
   Op op_;
   Sim sim_;
   void* fp_ = nullptr;
-  int fds_ = 0, bytes_ = 0;
-  long blocks_ = 0;
+  Sim::Held held_{};
 };
 
 class HddFaults : public FaultMatrix, public ::testing::WithParamInterface<int> {};

@@ -99,6 +99,11 @@ class TempDir {
   std::string path_;
 };
 
+// Open file descriptors of this process (less the iterator's own).
+inline int OpenFdCount() {
+  return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {})) - 1;
+}
+
 struct AreaSpec {
   std::string name;
   uint64_t addr;   // position of the header in every HDD file
@@ -219,6 +224,22 @@ class Sim {
     for (int i = 0; i < hdds_; ++i) PutHddBytes(i, 0, im.files[i + 1].data(), im.files[i + 1].size());
   }
 
+  // What a run may not leave behind: open descriptors, tracked bytes and
+  // live blocks.  The NV image is opened first, as the stand-in keeps it
+  // open from its first use on.
+  struct Held {
+    int fds, bytes;
+    long blocks;
+    bool operator==(const Held&) const = default;
+  };
+  Held HeldNow() const {
+    uint8_t b = 0;
+    cpfw_nv_region_t region = 2;
+    cpfw_ioctl_nv_access req{reinterpret_cast<uintptr_t>(&b), 0, 1};
+    Ezosanfwctl_read_nv(-1, &region, &req, 1);
+    return {OpenFdCount(), sbacc::AllocTrackedTotal(), sbacc::AllocLiveBlocks()};
+  }
+
   void RemoveHdd(int hdd) { ::unlink(HddPath(hdd).c_str()); }
   void RecreateHdd(int hdd) { MakeFile(HddPath(hdd), hdd_bytes_); }  // empty, full size
 
@@ -309,11 +330,6 @@ class TraceCapture {
   mutable std::mutex mu_;
   std::vector<Line> lines_;
 };
-
-// Open file descriptors of this process (less the iterator's own).
-inline int OpenFdCount() {
-  return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {})) - 1;
-}
 
 // A fault-injecting Env for tests.  While an instance lives it is the
 // library's environment: HDD file calls go to the real files unless a rule
