@@ -205,6 +205,28 @@ class Sim {
     PutData(area, hdd, 0, data);
   }
 
+  // Why the usable copies of an area (those outside `mask`) disagree, "" if
+  // they do not: each must carry `mask` as its blockade word and match the
+  // lowest one in its data up to the larger size and in its header (every
+  // byte, or with `stamps` false all but the open and close stamps).
+  std::string Disagreement(int area, uint32_t mask = 0, bool stamps = true) const {
+    const AreaSpec& a = areas_.at(area);
+    const uint32_t usable = ((1u << a.copies) - 1u) & ~mask;
+    const int ref = std::countr_zero(usable);
+    auto raw = [&](int i, int32_t size) {
+      Bytes b = HddBytes(i, a.addr, 128 + static_cast<size_t>(std::clamp<int64_t>(size, 0, a.size - 128)));
+      if (!stamps) std::fill(b.begin() + kHdrOpenflag, b.begin() + kHdrWriteflag, 0);
+      return b;
+    };
+    for (int i = ref; i < a.copies; ++i) {
+      if ((usable >> i & 1u) == 0) continue;
+      if (Header(area, i).hddblockade != mask) return "copy " + std::to_string(i) + " has another blockade word";
+      const int32_t size = std::max(Header(area, ref).filesize, Header(area, i).filesize);
+      if (raw(i, size) != raw(ref, size)) return "copy " + std::to_string(i) + " differs from copy " + std::to_string(ref);
+    }
+    return "";
+  }
+
   // The area list, the NV records in use and every HDD image, to start
   // several runs from one state.
   struct Images {
