@@ -21,9 +21,6 @@ struct Case {
   int seed;   // kRead: the read returns Pattern(100, seed)
 };
 
-// Copies agree on the data and on everything the header says about it, and
-// no write-intent record is left.
-bool Agree(const Sim& sim) { return sim.Header(0, 0).writeflag == 0 && sim.Disagreement(0, 0, false).empty(); }
 
 // A cut between the copies' writes of one access: copy 0 has the intent
 // record and the new bytes, copy 1 the old bytes.
@@ -79,10 +76,7 @@ void Prepare(Sim& sim, const Case& c) {
   setenv("SBACC_REPAIRLOCK_MAXRETRY", "1", 1);
   setenv("SANFWCTL_MASTER", "1", 1);
   sim.SetAreas({{"a", kAddr, kSize, c.copies}});
-  const Bytes data = Pattern(kLen, 1);
-  void* fp = sbacc_test::OpenArea("a", "w");
-  ASSERT_EQ(kLen, sbacc_write(data.data(), kLen, 0, fp));
-  ASSERT_EQ(0, sbacc_close(fp));
+  sbacc_test::Store("a", Pattern(kLen, 1));
   c.poke(sim);
   sbacc_reset_process_state();
 }
@@ -115,7 +109,10 @@ TEST_P(Consistency, Reproduction) {
   EXPECT_EQ(0, env.StrayWrites()) << "wrote outside the area";
   // One trace line per area resynced, with the range.
   EXPECT_EQ(c.run == kStartup && c.resync == nullptr, trace.CountContaining("] resync a range ") == 1);
-  EXPECT_TRUE(c.agree == 0 || (c.agree > 0) == Agree(sim));
+  // Copies agree on the data and on everything the header says about it, and
+  // no write-intent record is left.
+  const bool agree = sim.Header(0, 0).writeflag == 0 && sim.Disagreement(0, 0, false).empty();
+  EXPECT_TRUE(c.agree == 0 || (c.agree > 0) == agree);
   for (int i = 0; i < c.copies && c.rc == SBACC_E_REPAIR; ++i) {
     EXPECT_EQ(before[i], sim.HddBytes(i, kAddr, 128)) << "header of copy " << i;
   }

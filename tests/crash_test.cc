@@ -24,7 +24,6 @@ const char* const kAreas[] = {"envfw_backup0", "envfw_backup1", "envfw_sysback",
                               "envfw_verback", "envfw_reboot",  "plain",         "fresh"};
 constexpr int kSeven = 7;  // the paired areas come first in kAreas
 
-Bytes Text(const char* s) { return Bytes(s, s + strlen(s)); }
 
 enum Kind { kOpen, kWrite, kResize, kClose };
 struct Step {
@@ -103,13 +102,6 @@ size_t RunWorkload(const std::vector<Step>& w, long k, long* writes = nullptr) {
   return cut;
 }
 
-// One session that writes data at offset 0.
-void Store(const std::string& name, const Bytes& data) {
-  void* fp = sbacc_test::OpenArea(name, "w");
-  EXPECT_EQ(static_cast<int>(data.size()), sbacc_write(data.data(), static_cast<int>(data.size()), 0, fp));
-  EXPECT_EQ(0, sbacc_close(fp));
-}
-
 // Every area written, closed and through one start-up: a controller in normal
 // service before the workload.  Then an uncut run counts the writes.
 Sim::Images Prepare(int copies, const std::vector<Step>& work, long* total) {
@@ -120,7 +112,7 @@ Sim::Images Prepare(int copies, const std::vector<Step>& work, long* total) {
   FaultEnv env;
   env.SetNow(kSetupTime);
   for (const auto& [name, data] : InitialContents()) {
-    if (name != "fresh") Store(name, data);  // "fresh" stays unused till the workload
+    if (name != "fresh") sbacc_test::Store(name, data);  // "fresh" stays unused till the workload
   }
   EXPECT_EQ(0, sbacc_nv_init(0));
   sbacc_reset_process_state();
@@ -269,7 +261,7 @@ TEST_F(CrashTest, CutWhileTheStartupRebuildsOrResyncs) {
                                  (closed ? ", closed after the fence" : ", left open"),
                              copies,
                              [&, stale, closed](Sim& sim, FaultEnv& env) {
-                               Store("area", old_data);
+                               sbacc_test::Store("area", old_data);
                                env.SetNow(kSetupTime + 10);
                                void* fp = sbacc_test::OpenArea("area", "w");
                                env.FailOp(FaultEnv::kWrite, sim.HddPath(stale), 0, -1, EIO);
@@ -289,7 +281,7 @@ TEST_F(CrashTest, CutWhileTheStartupRebuildsOrResyncs) {
   }
   scenarios.push_back({"a write cut between its copies", 3,
                        [&](Sim& sim, FaultEnv&) {
-                         Store("area", new_data);
+                         sbacc_test::Store("area", new_data);
                          sim.PutData(0, 1, 100, Bytes(old_data.begin(), old_data.begin() + 50));
                          sim.EditHeader(0, 0, [](auto& h) { h.writeflag = 1, h.write_offset = 100, h.write_size = 50; });
                        },

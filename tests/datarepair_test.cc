@@ -15,7 +15,6 @@ Bytes Overlay(Bytes old, const Bytes& now) {
   std::copy(now.begin(), now.end(), old.begin());
   return old;
 }
-Bytes Text(const char* s) { return Bytes(s, s + strlen(s)); }
 
 // Version areas hold native (little-endian here) ints.
 const Bytes kVeridBytes = {0x07, 0x0C, 0x0B, 0x0A};  // 0x0A0B0C07

@@ -69,8 +69,6 @@ int AllFailCode(Op op, const SysInfo& s, const Window& w) {
   return op == kClose || kOps[op].startup ? 0 : SBACC_E_NOCOPY;
 }
 
-using Snapshot = Sim::Images;
-
 // Common environment of every test here: fast failure paths, a small NV image.
 class FaultMatrix : public ::testing::Test {
  protected:
@@ -82,7 +80,7 @@ class FaultMatrix : public ::testing::Test {
   // The starting state for op with `copies` copies: 300 bytes of data, closed
   // cleanly; for kRepairCopy the last copy missed a later rewrite and is
   // fenced off in NV and in the other headers.
-  Snapshot Baseline(Op op, int copies) {
+  Sim::Images Baseline(Op op, int copies) {
     Sim sim(copies, kHddBytes);
     sim.SetAreas({{"area", kAddr, kSize, copies}});
     FaultEnv env;
@@ -104,7 +102,7 @@ class FaultMatrix : public ::testing::Test {
 // closed afterwards, and the descriptors and blocks counted around it all.
 class Stage {
  public:
-  Stage(const Snapshot& snap, Op op, int copies) : op_(op), sim_(copies, kHddBytes) {
+  Stage(const Sim::Images& snap, Op op, int copies) : op_(op), sim_(copies, kHddBytes) {
     sim_.Load(snap);
     held_ = sim_.HeldNow();
     if (kOps[op].handle) fp_ = sbacc_test::OpenArea("area", "w");
@@ -154,26 +152,24 @@ TEST_P(HddFaults, EveryCallOnEveryCopy) {
   const Op op = static_cast<Op>(GetParam());
   long cases = 0;
   // `victims`: the copies whose calls of s in window w fail.
-  auto check = [&](const Snapshot& snap, int copies, const SysInfo& s, const Window& w, uint32_t victims) {
+  auto check = [&](const Sim::Images& snap, int copies, const SysInfo& s, const Window& w, uint32_t victims) {
     Stage st(snap, op, copies);
     Sim& sim = st.sim();
     const uint32_t all = (1u << copies) - 1u;
-    int rc;
     uint32_t touched = 0;
-    {
-      FaultEnv env;
-      env.SetNow(kNow);
-      for (int i = 0; i < copies; ++i) {
-        if ((victims >> i & 1u) != 0 && s.cut) env.ShortOp(s.op, sim.HddPath(i), w.start, w.count, 1);
-        if ((victims >> i & 1u) != 0 && !s.cut) env.FailOp(s.op, sim.HddPath(i), w.start, w.count, EIO);
-      }
-      env.BoundWrites(kAddr, kAddr + kSize);
-      rc = st.Run();
-      EXPECT_EQ(0, env.StrayWrites()) << "wrote outside the area";
-      for (int i = 0; i < copies; ++i) {
-        if ((victims >> i & 1u) != 0 && env.Calls(s.op, sim.HddPath(i)) > w.start) touched |= 1u << i;
-      }
+    FaultEnv env;
+    env.SetNow(kNow);
+    for (int i = 0; i < copies; ++i) {
+      if ((victims >> i & 1u) == 0) continue;
+      s.cut ? env.ShortOp(s.op, sim.HddPath(i), w.start, w.count, 1) : env.FailOp(s.op, sim.HddPath(i), w.start, w.count, EIO);
     }
+    env.BoundWrites(kAddr, kAddr + kSize);
+    const int rc = st.Run();
+    EXPECT_EQ(0, env.StrayWrites()) << "wrote outside the area";
+    for (int i = 0; i < copies; ++i) {
+      if ((victims >> i & 1u) != 0 && env.Calls(s.op, sim.HddPath(i)) > w.start) touched |= 1u << i;
+    }
+    env.ClearRules();
     st.Close();
     ++cases;
     const SBACC_MEM_LIST_ENTRY nv = sim.NvEntry(0);
@@ -219,7 +215,7 @@ TEST_P(HddFaults, EveryCallOnEveryCopy) {
     st.Finish();
   };
   for (int copies : {1, 2, 8}) {
-    const Snapshot snap = Baseline(op, copies);
+    const Sim::Images snap = Baseline(op, copies);
     for (const SysInfo& s : kSys) {
       for (const Window& w : kWindows) {
         // Each copy alone (when there are several), then every copy.
@@ -250,7 +246,7 @@ TEST_F(FaultMatrix, NvTransfersFailing) {
     for (const char* v : {"SBACC_MEMSET_MAXRETRY", "SBACC_MEMGET_MAXRETRY"}) setenv(v, std::to_string(retries).c_str(), 1);
     for (int o = 0; o < kOpCount; ++o) {
       const Op op = static_cast<Op>(o);
-      const Snapshot snap = Baseline(op, 2);
+      const Sim::Images snap = Baseline(op, 2);
       for (int kind : {SANFWCTL_FAULT_READ, SANFWCTL_FAULT_WRITE}) {
         for (bool hdd_fault : {false, true}) {
           SCOPED_TRACE(std::string(kOps[op].name) + (kind == SANFWCTL_FAULT_READ ? "/NV reads" : "/NV writes") +
@@ -295,8 +291,8 @@ TEST_F(FaultMatrix, ThreadsAndLocksFailing) {
   for (int o = 0; o < kOpCount; ++o) {
     const Op op = static_cast<Op>(o);
     for (int copies : {2, 8}) {
-      const Snapshot snap = Baseline(op, copies);
-      Snapshot reference;
+      const Sim::Images snap = Baseline(op, copies);
+      Sim::Images reference;
       int reference_rc = 0;
       for (int fault = 0; fault < 4; ++fault) {
         SCOPED_TRACE(std::string(kOps[op].name) + "/" + std::to_string(copies) + " copies/" + kFault[fault]);
@@ -311,7 +307,7 @@ TEST_F(FaultMatrix, ThreadsAndLocksFailing) {
         env.ResetCounters();  // count the thread starts of the operation alone
         arm(fault);
         const int rc = st.Run();
-        const long starts = env.ThreadStarts();
+        const long starts = env.Calls(FaultEnv::kThread);
         arm(0);
         st.Finish();
         if (fault == 0) {
@@ -339,7 +335,7 @@ TEST_F(FaultMatrix, AllocationFailingAtEverySite) {
   long cases = 0;
   for (int o = 0; o < kOpCount; ++o) {
     const Op op = static_cast<Op>(o);
-    const Snapshot snap = Baseline(op, 2);
+    const Sim::Images snap = Baseline(op, 2);
     // Allocation n fails, from the first until the operation makes fewer
     // than n and must succeed.
     long n = 1;

@@ -56,6 +56,8 @@ inline Bytes Pattern(size_t n, int seed) {
   return v;
 }
 
+inline Bytes Text(const char* s) { return Bytes(s, s + strlen(s)); }
+
 // Raw file bytes, written in place (the file made if need be) / read
 // zero-padded past the end or when the file is missing.
 inline void WriteAt(const std::string& path, uint64_t pos, const void* data, size_t len) {
@@ -153,7 +155,6 @@ class Sim {
 
   std::string HddPath(int i) const { return dir_.File("hdd" + std::to_string(i) + ".img"); }
   std::string NvPath() const { return dir_.File("nv.img"); }  // where the stand-in keeps NV memory
-  const std::string& Dir() const { return dir_.path(); }
   const std::vector<AreaSpec>& Areas() const { return areas_; }
 
   // Raw bytes of an HDD image / the NV image (zero-padded past the end).
@@ -306,6 +307,14 @@ inline void* OpenArea(const std::string& name, const char* mode, boolean_t* clea
   return fp;
 }
 
+// One session that writes `data` at offset 0 of an area.
+inline void Store(const std::string& name, const Bytes& data) {
+  void* fp = OpenArea(name, "w");
+  if (sbacc_write(data.data(), static_cast<int>(data.size()), 0, fp) != static_cast<int>(data.size()) ||
+      sbacc_close(fp) != 0)
+    throw std::runtime_error("store " + name);
+}
+
 // A handle as a process that stops leaves it: its files closed, nothing written.
 inline void Abandon(void* fp) {
   auto* sfd = static_cast<SBACC_FILE_DISCRIPTER*>(fp);
@@ -366,7 +375,7 @@ class TraceCapture {
 // calls S+1 .. S+N are hit (N = -1: every call after the first S).  Calls()
 // counters run from construction (or ResetCounters) and include failed calls.
 //
-// Thread-safe; the real system calls and injected delays run outside the lock.
+// Thread-safe; the real system calls run outside the lock.
 class FaultEnv : public sbacc::Env {
   // Runs f under the lock (defined first: the members below use it).
   template <class F>
@@ -385,16 +394,14 @@ class FaultEnv : public sbacc::Env {
   FaultEnv& operator=(const FaultEnv&) = delete;
 
   // Calls start+1 .. start+count of `op` on `path` fail with `err` (-1 return).
-  void FailOp(Op op, const std::string& path, long start, long count, int err) { AddRule(op, path, start, count, err, 0, 0); }
+  void FailOp(Op op, const std::string& path, long start, long count, int err) { AddRule(op, path, start, count, err, 0); }
   // Same calls of kRead / kWrite move `cut` bytes fewer than asked (at least 0).
-  void ShortOp(Op op, const std::string& path, long start, long count, size_t cut) { AddRule(op, path, start, count, 0, cut, 0); }
-  // Every call of `op` on `path` first really sleeps `micros`.
-  void DelayOp(Op op, const std::string& path, unsigned micros) { AddRule(op, path, 0, -1, 0, 0, micros); }
+  void ShortOp(Op op, const std::string& path, long start, long count, size_t cut) { AddRule(op, path, start, count, 0, cut); }
   // StartThread / MutexInit / CondInit calls start+1 .. start+count (counted
   // from now) return `err` without doing anything; each call replaces the last.
-  void FailThreadStart(long start, long count, int err = EAGAIN) { AddRule(kThread, "", start, count, err, 0, 0, true); }
-  void FailMutexInit(long start, long count, int err = ENOMEM) { AddRule(kMutex, "", start, count, err, 0, 0, true); }
-  void FailCondInit(long start, long count, int err = ENOMEM) { AddRule(kCond, "", start, count, err, 0, 0, true); }
+  void FailThreadStart(long start, long count, int err = EAGAIN) { AddRule(kThread, "", start, count, err, 0, true); }
+  void FailMutexInit(long start, long count, int err = ENOMEM) { AddRule(kMutex, "", start, count, err, 0, true); }
+  void FailCondInit(long start, long count, int err = ENOMEM) { AddRule(kCond, "", start, count, err, 0, true); }
   void ClearRules() { Locked([&] { rules_.clear(); }); }  // counters stay
 
   // Power cut: counting writes on all paths from now, write n+1 never reaches
@@ -411,7 +418,6 @@ class FaultEnv : public sbacc::Env {
 
   void SetNow(time_t t) { Locked([&] { fixed_clock_ = true, now_ = t; }); }  // fixes the clock
   std::vector<unsigned> Sleeps() const { return Locked([&] { return sleeps_; }); }
-  long SleepCount() const { return static_cast<long>(Sleeps().size()); }
 
   // Calls of `op` on `path` so far ("" = on every path together).
   long Calls(Op op, const std::string& path = "") const {
@@ -422,7 +428,6 @@ class FaultEnv : public sbacc::Env {
     });
   }
   long Writes() const { return Calls(kWrite); }  // the numbering power cuts use
-  long ThreadStarts() const { return Calls(kThread); }
   // Zeroes the call counters and the sleep record (rules keep their own).
   void ResetCounters() { Locked([&] { calls_.clear(), sleeps_.clear(); }); }
 
@@ -480,22 +485,19 @@ class FaultEnv : public sbacc::Env {
     long start, count, seen;
     int err;
     size_t cut;
-    unsigned delay;
   };
 
-  void AddRule(Op op, const std::string& path, long start, long count, int err, size_t cut, unsigned delay,
-               bool replace = false) {
+  void AddRule(Op op, const std::string& path, long start, long count, int err, size_t cut, bool replace = false) {
     Locked([&] {
       if (replace) std::erase_if(rules_, [op](const Rule& r) { return r.op == op; });
-      rules_.push_back(Rule{op, path, start, count, 0, err, cut, delay});
+      rules_.push_back(Rule{op, path, start, count, 0, err, cut});
     });
   }
-  // Counts the call and applies the rules under the lock, then sleeps any
-  // delay.  Returns the errno to fail with (also set in errno), 0 for none;
-  // `cut` gets the bytes to leave out.  `fd` < 0: the call names `path`.
+  // Counts the call and applies the rules.  Returns the errno to fail with
+  // (also set in errno), 0 for none; `cut` gets the bytes to leave out.
+  // `fd` < 0: the call names `path`.
   int Enter(Op op, int fd, const std::string& named = "", size_t* cut = nullptr) {
     int err = 0;
-    unsigned delay = 0;
     Locked([&] {
       std::string path = named;
       if (fd >= 0) {
@@ -518,13 +520,11 @@ class FaultEnv : public sbacc::Env {
       for (Rule& r : rules_) {
         if (r.op != op || !(r.path.empty() || r.path == path)) continue;
         if (++r.seen <= r.start || (r.count >= 0 && r.seen > r.start + r.count)) continue;
-        delay += r.delay;
         if (cut != nullptr) *cut = std::max(*cut, r.cut);
         if (err == 0 && r.cut == 0) err = r.err;
       }
       if (power_cut_ && op < kClose) err = EIO;
     });
-    if (delay > 0) ::usleep(delay);
     if (err != 0) errno = err;
     return err;
   }

@@ -12,6 +12,7 @@ using sbacc_test::Bytes;
 using sbacc_test::FaultEnv;
 using sbacc_test::Pattern;
 using sbacc_test::Sim;
+using sbacc_test::Text;
 using sbacc_test::TraceCapture;
 
 #endif  // SBACC_TEST_TESTUTIL_H
