@@ -11,9 +11,9 @@
 namespace {
 
 #if defined(__has_feature)
-constexpr bool kUnderAsan = __has_feature(address_sanitizer);
+constexpr bool kUnderAsan = __has_feature(address_sanitizer), kUnderTsan = __has_feature(thread_sanitizer);
 #else
-constexpr bool kUnderAsan = false;
+constexpr bool kUnderAsan = false, kUnderTsan = false;
 #endif
 
 // Areas a0 .. a<n-1> side by side, each on HDDs 0 .. copies-1.
@@ -91,8 +91,9 @@ TEST_F(Concurrency, ManyThreadsWithTheirOwnHandlesWhileForking) {
     });
   }
   // Children forked under AddressSanitizer (clang 14) while other threads
-  // allocate hang.
-  for (int f = 0; f < 6 && !kUnderAsan; ++f) {
+  // allocate hang; ThreadSanitizer does not support a child that starts
+  // threads after a fork of a process with threads (it hangs now and then).
+  for (int f = 0; f < 6 && !kUnderAsan && !kUnderTsan; ++f) {
     InChildren(1, [&](int) { return WriteAndReadBack(5, 1000 + f, kSlice, 0) ? 0 : 1; });
     EXPECT_EQ(Pattern(kSlice, 1000 + f), sim.Data(5, 0, kSlice));
   }
