@@ -1,5 +1,6 @@
-// Area list: which lines are accepted and what they yield, the two index
-// rules, the failure codes; no FILE* and no block may be left behind.
+// Area list: which lines are accepted and what they yield, the index of
+// the line after them, the failure codes; no FILE* and no block may be left
+// behind.
 #include "testutil.h"
 
 namespace {

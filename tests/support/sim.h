@@ -428,6 +428,8 @@ class FaultEnv : public sbacc::Env {
     });
   }
   long Writes() const { return Calls(kWrite); }  // the numbering power cuts use
+  // Position and length of every write so far, in the order they were made.
+  std::vector<std::pair<int64_t, size_t>> WriteLog() const { return Locked([&] { return writes_; }); }
   // Zeroes the call counters and the sleep record (rules keep their own).
   void ResetCounters() { Locked([&] { calls_.clear(), sleeps_.clear(); }); }
 
@@ -447,6 +449,7 @@ class FaultEnv : public sbacc::Env {
     Locked([&] {
       const uint64_t at = static_cast<uint64_t>(pos);
       if (bound_hi_ > bound_lo_ && (pos < 0 || at < bound_lo_ || at + len > bound_hi_)) ++stray_;
+      writes_.emplace_back(pos, len);
     });
     size_t cut = 0;
     return Enter(kWrite, fd, "", &cut) != 0 ? -1 : Env::WriteAt(fd, buf, len > cut ? len - cut : 0, pos);
@@ -538,6 +541,7 @@ class FaultEnv : public sbacc::Env {
   bool fixed_clock_ = false;
   time_t now_ = 0;
   std::vector<unsigned> sleeps_;
+  std::vector<std::pair<int64_t, size_t>> writes_;
   uint64_t bound_lo_ = 0, bound_hi_ = 0;  // no bound while equal
   long stray_ = 0;
 };
