@@ -1,7 +1,6 @@
 // The storage layer: header and NV record bytes as they land (little-endian,
-// at their offsets, the magic last), positions beyond 4 GiB, the tunables a
-// descriptor takes from the environment, the repair lock bytes per controller
-// with master precedence, and the repair set-up.
+// at their offsets, the magic last), positions beyond 4 GiB, the repair lock
+// bytes per controller with master precedence, and the repair set-up.
 #include "testutil.h"
 
 namespace {
@@ -17,9 +16,9 @@ class NvTest : public ::testing::Test {
     Alloc();
   }
   void TearDown() override { Free(); }
-  void Alloc(int mode = SBACC_OPENMODE_WRITE) {  // tunables are read when a descriptor is built
+  void Alloc() {  // tunables are read when a descriptor is built
     Free();
-    ASSERT_EQ(sbacc_ma_alloc_sfd("a3", mode, &sfd_), 0);
+    ASSERT_EQ(sbacc_ma_alloc_sfd("a3", SBACC_OPENMODE_WRITE, &sfd_), 0);
   }
   void Free() {
     if (sfd_ == nullptr) return;
@@ -118,22 +117,6 @@ TEST_F(NvTest, AccessorsTouchExactlyTheirBytes) {
   EXPECT_EQ(locks, Bytes({0xb8, 0xb9, 0xba, 0xbb}));
   sbacc_l_encode_entry(&e, raw);
   EXPECT_EQ(Bytes(raw, raw + 128), rec);
-}
-
-// A tunable is read like atoi; a value out of its range (1..999; the resync
-// switch 0..1) gives the default.
-TEST_F(NvTest, TunablesReadLikeAtoiWithinRange) {
-  const struct { int slot; const char* value; int want; } cases[] = {
-      {0, "0", 5}, {0, "1000", 5}, {0, "999", 999}, {1, "1", 1}, {1, "12abc", 12}, {3, "  +7", 7}, {2, "4294967298", 3},
-      {4, "0", 0}, {4, "2", 1}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.value);
-    setenv(sbacc_env_list[c.slot].name, c.value, 1);
-    Alloc(SBACC_OPENMODE_READ);
-    unsetenv(sbacc_env_list[c.slot].name);
-    EXPECT_EQ(c.want, sfd_->env[c.slot]);
-    EXPECT_TRUE(trace_.Has("[sbacc_ma_alloc_sfd] " + std::string(sbacc_env_list[c.slot].name) + ": " + std::to_string(c.want)));
-  }
 }
 
 // Own byte raised; on contention lowered again and, unless this controller

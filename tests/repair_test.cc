@@ -100,4 +100,19 @@ TEST_F(RepairTest, RebuildsOrGivesUp) {
   }
 }
 
+// The source fenced off by another handle while the copy runs (here as the
+// copy's first write lands): the rebuilt copy is not trusted, it stays fenced.
+TEST_F(RepairTest, SourceFencedDuringTheCopy) {
+  struct FenceSource : FaultEnv {
+    Sim* sim = nullptr;
+    ssize_t WriteAt(int fd, const void* buf, size_t len, int64_t pos) override {
+      if (Writes() == 0) sim->EditNvEntry(0, [](auto& e) { e.hddblockade |= 0x1; });
+      return FaultEnv::WriteAt(fd, buf, len, pos);
+    }
+  } env;
+  env.sim = &sim_;
+  EXPECT_NE(0, sbacc_ma_hddrepair_copy(Prepare(5000, 0x2), 0, 1));
+  EXPECT_EQ(0x3u, sim_.NvEntry(0).hddblockade);
+}
+
 }  // namespace
