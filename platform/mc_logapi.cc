@@ -234,8 +234,16 @@ const char* proc_name() {
     return program_invocation_short_name;
 }
 
+// The process and thread ids of the header: a system call each, so looked
+// up once per thread; the thread that forks reads them afresh in the child.
+thread_local long t_pid = 0, t_tid = 0;
+struct IdResetRegistrar {
+    IdResetRegistrar() { ::pthread_atfork(nullptr, nullptr, [] { t_pid = 0, t_tid = 0; }); }
+} g_id_reset_registrar;
+
 // Formats the header into buf; returns its length.
 size_t format_header(char* buf, size_t cap, const char* module, int line, int level) {
+    if (t_tid == 0) t_pid = ::getpid(), t_tid = ::syscall(SYS_gettid);
     struct timespec ts;
     ::clock_gettime(CLOCK_REALTIME, &ts);
     struct tm tm;
@@ -243,12 +251,12 @@ size_t format_header(char* buf, size_t cap, const char* module, int line, int le
     int n = std::snprintf(buf, cap, "%04d-%02d-%02d %02d:%02d:%02d.%06ld %s[%ld.%ld] L%d %s:%d ",
                           tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min,
                           tm.tm_sec, static_cast<long>(ts.tv_nsec / 1000), proc_name(),
-                          static_cast<long>(::getpid()), static_cast<long>(::syscall(SYS_gettid)),
+                          t_pid, t_tid,
                           level, module != nullptr ? module : "(null)", line);
     return n < 0 ? 0 : static_cast<size_t>(n);
 }
 
-void emit(const char* module, int line, int level, const char* fmt, va_list ap) {
+void emit(const char* module, int line, int level, const char* fmt, va_list ap, bool to_file) {
     // Header: up to ~80 fixed characters plus the names; the stack buffer
     // serves nearly every line, longer ones get a heap buffer.
     char stack_buf[1024];
@@ -256,7 +264,8 @@ void emit(const char* module, int line, int level, const char* fmt, va_list ap) 
     size_t cap = sizeof stack_buf;
     char* heap = nullptr;
 
-    size_t hlen = format_header(buf, cap, module, line, level);
+    // A line that only the capture sees needs no header.
+    size_t hlen = to_file ? format_header(buf, cap, module, line, level) : 0;
     if (hlen + 1 >= cap) {
         cap = hlen + 256;
         heap = static_cast<char*>(std::malloc(cap));
@@ -296,6 +305,10 @@ void emit(const char* module, int line, int level, const char* fmt, va_list ap) 
         }
     }
 
+    if (!to_file) {
+        std::free(heap);
+        return;
+    }
     buf[hlen + mlen] = '\n';
     size_t len = hlen + mlen + 1;
     bool done = false;
@@ -314,13 +327,12 @@ extern "C" {
 void MC_OutTrace(const char* module, int line, int level, const char* fmt, ...) {
     ensure_env();
     if (level > g_level.load(std::memory_order_relaxed)) return;
-    bool has_dest = g_default_fd.load(std::memory_order_relaxed) >= 0 ||
-                    g_cap_on.load(std::memory_order_relaxed) || thread_file_usable();
-    if (!has_dest) return;
+    const bool to_file = g_default_fd.load(std::memory_order_relaxed) >= 0 || thread_file_usable();
+    if (!to_file && !g_cap_on.load(std::memory_order_relaxed)) return;
     int saved_errno = errno;  // callers trace errno after the fact
     va_list ap;
     va_start(ap, fmt);
-    emit(module, line, level, fmt, ap);
+    emit(module, line, level, fmt, ap, to_file);
     va_end(ap);
     errno = saved_errno;
 }

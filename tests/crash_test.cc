@@ -5,14 +5,23 @@
 // that was cut off (the seven, once the start-up's data repair has rewritten
 // them, copies that agree).
 //
-// A power cut here: write k+1 and everything after it fails on every HDD, and
-// from the same moment NV memory takes no transfer either.  Writes of one
-// access that were already under way land; no write lands half.  After the
-// start-up the copies of every area agree byte for byte.
+// A power cut: from some write on, every HDD call fails, and from the same
+// moment NV memory takes no transfer either.  Four models of what reaches
+// the disks, each over every point it can cut:
+//  - base: writes 1 .. k land, write k+1 does not;
+//  - subset: the writes of one parallel round land on any proper subset of
+//    the copies (the round in flight everywhere, its flushes not yet back);
+//  - torn: a write longer than 512 bytes lands up to one of its 512-byte
+//    boundaries;
+//  - lost: the power goes as write k is made, and every write not yet
+//    flushed is lost.
+// After the start-up the copies of every area agree byte for byte.  The HDDs
+// are in memory, and the workers run in the caller, so every run of the
+// workload makes the same writes in the same order.
 #include "testutil.h"
 
 using Contents = std::map<std::string, Bytes>;  // area name to data
-using WriteLog = std::vector<std::pair<int64_t, size_t>>;  // position and length of each HDD write
+using WriteLog = std::vector<FaultEnv::Write>;
 
 namespace {
 
@@ -61,7 +70,7 @@ std::vector<Step> Workload() {
   session("envfw_verid", {Write(0, {8, 0, 0, 0})});
   session("envfw_verback", {Write(0, {7, 0, 0, 0})});
   session("envfw_reboot", {Write(0, {8, 0, 0, 0})});
-  session("plain", {Write(100, Pattern(50, 5)), Write(2500, Pattern(16, 6)), Resize(300)});
+  session("plain", {Write(100, Pattern(1100, 5)), Write(2500, Pattern(16, 6)), Resize(300)});
   session("fresh", {Write(0, Pattern(64, 7))});  // first use: the open writes fresh headers
   return w;
 }
@@ -86,16 +95,31 @@ void Do(const Step& s, void*& fp) {
   }
 }
 
-// Runs the workload, the power cut after k writes (never if k < 0).  After a
-// cut the calls go on failing, as in a process that has not noticed yet, and
-// every handle is still closed.  Returns the step cut off, w.size() if none.
-size_t RunWorkload(const std::vector<Step>& w, long k, WriteLog* log = nullptr) {
+enum Model { kBase, kSubset, kTorn, kLost };
+const char* const kModels[] = {"base", "subset", "torn", "lost"};
+struct Cut {
+  long n;  // the writes made before the power goes
+  FaultEnv::When when;
+  FaultEnv::Landing lands;
+};
+
+uint64_t AreaAddr(const std::string& name) {
+  return 0x1000 + kSize * static_cast<uint64_t>(std::find(std::begin(kAreas), std::end(kAreas), name) - kAreas);
+}
+
+// Runs the workload with the power cut (none if cut.n < 0), each step's
+// writes bound to its area.  After a cut the calls go on failing, as in a
+// process that has not noticed yet, and every handle is still closed.
+// Returns the step cut off, w.size() if none.
+size_t RunWorkload(const std::vector<Step>& w, const Cut& c, WriteLog* log = nullptr) {
   FaultEnv env;
-  env.PowerCutAfterWrites(k);
+  env.FailThreadStart(0, -1);
+  env.PowerCutAfterWrites(c.n, c.when, c.lands);
   void* fp = nullptr;
   size_t cut = w.size();
   for (size_t i = 0; i < w.size(); ++i) {
     env.SetNow(kRunTime + static_cast<time_t>(i));
+    env.BoundWrites(AreaAddr(w[i].area), AreaAddr(w[i].area) + kSize);
     Do(w[i], fp);
     if (cut == w.size() && env.PowerIsCut()) cut = i;
   }
@@ -106,7 +130,7 @@ size_t RunWorkload(const std::vector<Step>& w, long k, WriteLog* log = nullptr) 
 // Every area written, closed and through one start-up: a controller in normal
 // service before the workload.  Then an uncut run logs every write.
 Sim::Images Prepare(int copies, const std::vector<Step>& work, WriteLog* log) {
-  Sim sim(copies, kHddBytes);
+  Sim sim(copies, kHddBytes, true);
   std::vector<sbacc_test::AreaSpec> areas;
   for (const char* a : kAreas) areas.push_back({a, 0x1000 + areas.size() * kSize, kSize, copies});
   sim.SetAreas(areas);
@@ -118,12 +142,13 @@ Sim::Images Prepare(int copies, const std::vector<Step>& work, WriteLog* log) {
   EXPECT_EQ(0, sbacc_nv_init(0));
   sbacc_reset_process_state();
   const Sim::Images start = sim.Save();
-  RunWorkload(work, -1, log);
+  RunWorkload(work, {-1, FaultEnv::kNextWrite, {}}, log);
   sbacc_reset_process_state();
   return start;
 }
 
-// The parameter: the number of copies; negative, the start-up's resync off.
+// The parameter: the number of copies; negative, the start-up's resync off
+// (the base model only).
 class CrashTest : public ::testing::TestWithParam<int> {
  protected:
   void SetUp() override { sbacc_test::QuickFailures(); }
@@ -132,6 +157,35 @@ class CrashTest : public ::testing::TestWithParam<int> {
 Bytes Content(const Sim& sim, int area, int copy) {
   const int32_t size = std::clamp<int32_t>(sim.Header(area, copy).filesize, 0, static_cast<int32_t>(kSize) - 128);
   return sim.Data(area, copy, static_cast<size_t>(size));
+}
+
+// Every cut of a model, from the uncut run's writes (numbered from 1).
+std::vector<Cut> Cuts(Model m, const WriteLog& log, int copies) {
+  const long total = static_cast<long>(log.size());
+  std::vector<Cut> cuts;
+  for (long k = m == kLost; m == kBase || m == kLost ? k <= total : false; ++k)
+    cuts.push_back({k, m == kLost ? FaultEnv::kLoseUnflushed : FaultEnv::kNextWrite, {}});
+  for (long i = 1; m == kTorn && i <= total; ++i) {
+    const FaultEnv::Write& w = log[static_cast<size_t>(i - 1)];
+    for (uint64_t b = (static_cast<uint64_t>(w.pos) / 512 + 1) * 512; b < w.pos + w.len; b += 512)
+      cuts.push_back({i - 1, FaultEnv::kNextWrite, [i, n = b - w.pos](long j, const std::string&, size_t len) {
+                        return j < i ? len : n;
+                      }});
+  }
+  // A round: consecutive writes of one position and length, each on another copy.
+  for (long first = 1, last; m == kSubset && first <= total; first = last + 1) {
+    std::set<std::string> paths{log[static_cast<size_t>(first - 1)].path};
+    for (last = first; last < total; ++last) {
+      const FaultEnv::Write &w = log[static_cast<size_t>(last)], &f = log[static_cast<size_t>(first - 1)];
+      if (w.pos != f.pos || w.len != f.len || !paths.insert(w.path).second) break;
+    }
+    for (uint32_t sub = 1; last > first && sub + 1 < 1u << (last - first + 1); ++sub)
+      cuts.push_back({last, FaultEnv::kNow, [first, sub, &log](long j, const std::string&, size_t len) {
+                        return j < first || (sub >> (j - first) & 1u) ? len : 0;
+                      }});
+  }
+  (void)copies;
+  return cuts;
 }
 
 TEST_P(CrashTest, EveryCutPointRecovers) {
@@ -151,15 +205,20 @@ TEST_P(CrashTest, EveryCutPointRecovers) {
     data.back()[work[i].area] = Apply(data[i][work[i].area], work[i]);
   }
 
+  for (Model m : {kBase, kSubset, kTorn, kLost}) {
+  if (!resync && m != kBase) break;
+  const std::vector<Cut> cuts = Cuts(m, log, copies);
   long repaired = 0, points = 0, diverged = 0;
-  for (long k = 0; k <= total; ++k, ++points) {
-    SCOPED_TRACE("power cut after write " + std::to_string(k) + " of " + std::to_string(total));
-    Sim sim(copies, kHddBytes);
+  for (const Cut& c : cuts) {
+    ++points;
+    const long k = c.n;
+    SCOPED_TRACE(std::string(kModels[m]) + " model: power cut after write " + std::to_string(k) + " of " + std::to_string(total));
+    Sim sim(copies, kHddBytes, true);
     sim.Load(start);
     std::map<std::string, int64_t> closed;  // each area's close time before the step cut off
     for (int a = 0; a < static_cast<int>(std::size(kAreas)); ++a) closed[kAreas[a]] = sim.Header(a, 0).closetime;
     const Sim::Held held = sim.HeldNow();
-    const size_t cut = RunWorkload(work, k);  // work.size(): none
+    const size_t cut = RunWorkload(work, c);  // work.size(): none
     for (size_t i = 0; i < cut; ++i) {
       if (work[i].kind == kClose) closed[work[i].area] = kRunTime + static_cast<int64_t>(i);
     }
@@ -174,7 +233,7 @@ TEST_P(CrashTest, EveryCutPointRecovers) {
             << kAreas[a] << " copy " << c << " closed at " << h.closetime;
       }
     }
-    // Restart: the default environment, fresh process state, NV answering.
+    // Restart: the same disks, fresh process state, NV answering.
     sbacc_reset_process_state();
     sanfwctl_reset();
     EXPECT_TRUE(held == sim.HeldNow()) << "descriptor or block leaked by the cut-off workload";
@@ -196,6 +255,15 @@ TEST_P(CrashTest, EveryCutPointRecovers) {
       // size did: the old size, with the new bytes in it.
       if (after.size() > b.size()) allowed[victim].insert(Bytes(after.begin(), after.begin() + b.size()));
     }
+    // A torn write leaves its range part old, part new: no copy holds the
+    // whole of either, and the data has either size.
+    auto torn = [&](const Bytes& got) {
+      const Bytes &b = data[cut].at(victim), &after = data[cut + 1].at(victim);
+      for (size_t i = 0; i < got.size(); ++i) {
+        if (!(i < b.size() && got[i] == b[i]) && !(i < after.size() && got[i] == after[i])) return false;
+      }
+      return m == kTorn && (got.size() == b.size() || got.size() == after.size());
+    };
     // Only an area of the seven open at the cut can ask for the data repair,
     // which rewrites the seven from one another (what it writes is checked
     // on its own elsewhere): here its copies need only agree.
@@ -215,7 +283,8 @@ TEST_P(CrashTest, EveryCutPointRecovers) {
         const SBACC_HDD_HEADER h = sim.Header(a, c);
         EXPECT_TRUE(sbacc_l_header_valid(&h)) << "copy " << c;
         EXPECT_EQ(0, h.openflag) << "copy " << c;
-        EXPECT_TRUE((repair && a < kSeven) || allowed[kAreas[a]].count(Content(sim, a, c)))
+        EXPECT_TRUE((repair && a < kSeven) || allowed[kAreas[a]].count(Content(sim, a, c)) ||
+                    (victim == kAreas[a] && torn(Content(sim, a, c))))
             << "copy " << c << " holds " << Content(sim, a, c).size() << " bytes no allowed state has";
       }
       // The start-up's resync leaves the copies byte for byte alike.  Without
@@ -227,8 +296,10 @@ TEST_P(CrashTest, EveryCutPointRecovers) {
       ++diverged;
       EXPECT_FALSE(resync) << why;
       EXPECT_EQ(victim, kAreas[a]) << why;
-      ASSERT_TRUE(k > 0 && k < total && log[k] == log[k - 1]) << "copies differ, yet the cut split no access";
-      const uint64_t at = sim.Areas()[static_cast<size_t>(a)].addr, pos = log[k].first, end = pos + log[k].second;
+      const FaultEnv::Write& w = log[static_cast<size_t>(k)];
+      ASSERT_TRUE(k > 0 && k < total && w.pos == log[k - 1].pos && w.len == log[k - 1].len)
+          << "copies differ, yet the cut split no access";
+      const uint64_t at = sim.Areas()[static_cast<size_t>(a)].addr, pos = w.pos, end = pos + w.len;
       long outside = 0;
       for (int c = 1; c < copies; ++c) {
         const Bytes x = sim.HddBytes(0, at, kSize), y = sim.HddBytes(c, at, kSize);
@@ -238,10 +309,11 @@ TEST_P(CrashTest, EveryCutPointRecovers) {
     }
     repaired += flags != 0;
     sbacc_reset_process_state();
-    if (HasFailure()) break;
+    if (HasFailure()) return;
   }
-  printf("%d copies, resync %s: %ld of %ld cut points explored, %ld with a data repair, %ld where copies differ\n",
-         copies, resync ? "on" : "off", points, total + 1, repaired, diverged);
+  printf("%d copies, resync %s, %s model: %ld cut points explored, %ld with a data repair, %ld where copies differ\n",
+         copies, resync ? "on" : "off", kModels[m], points, repaired, diverged);
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Copies, CrashTest, ::testing::Values(1, 2, 3, -2));
@@ -299,7 +371,7 @@ TEST_F(CrashTest, CutWhileTheStartupRebuildsOrResyncs) {
     Sim::Images start;
     long total = 0;  // writes of the uncut start-up
     {
-      Sim sim(s.copies, kHddBytes);
+      Sim sim(s.copies, kHddBytes, true);
       sim.SetAreas({{"area", 0x1000, kSize, s.copies}});
       FaultEnv env;
       env.SetNow(kSetupTime);
@@ -313,7 +385,7 @@ TEST_F(CrashTest, CutWhileTheStartupRebuildsOrResyncs) {
     }
     for (long k = 0; k <= total; ++k, ++points) {
       SCOPED_TRACE("power cut after start-up write " + std::to_string(k) + " of " + std::to_string(total));
-      Sim sim(s.copies, kHddBytes);
+      Sim sim(s.copies, kHddBytes, true);
       sim.Load(start);
       {
         FaultEnv env;

@@ -40,6 +40,7 @@
 #include "sbacc_alloc.h"
 #include "sbacc_core.h"
 #include "sbacc_env.h"
+#include "sbacc_env_mem.h"
 #include "sbacc_l.h"
 #include "sbacc_ma.h"
 #include "sbacc_types.h"
@@ -116,11 +117,14 @@ struct AreaSpec {
 
 // A controller: `hdds` HDD image files of `hdd_bytes` each, an area list and
 // an NV image in one temporary directory, wired up through the environment,
-// with the library's process state and the stand-ins reset.
+// with the library's process state and the stand-ins reset.  With `memory`
+// the HDD images live in a MemEnv, the library's Env while the Sim lives.
 class Sim {
  public:
-  explicit Sim(int hdds = 2, uint64_t hdd_bytes = 1 << 20) : hdds_(hdds), hdd_bytes_(hdd_bytes) {
-    for (int i = 0; i < hdds_; ++i) MakeFile(HddPath(i), hdd_bytes_);
+  explicit Sim(int hdds = 2, uint64_t hdd_bytes = 1 << 20, bool memory = false)
+      : hdds_(hdds), hdd_bytes_(hdd_bytes), mem_(memory ? new sbacc::MemEnv : nullptr) {
+    if (mem_) sbacc::SetEnvForTest(mem_.get());
+    for (int i = 0; i < hdds_; ++i) RecreateHdd(i);
     // Full size from the start, so a test that plants NV bytes before the
     // library's first NV access does not leave a short image behind.
     MakeFile(NvPath(), 1 << 20);
@@ -135,6 +139,7 @@ class Sim {
   ~Sim() {
     sbacc_reset_process_state();
     sanfwctl_reset();
+    if (mem_) sbacc::SetEnvForTest(nullptr);
   }
 
   void SetAreas(const std::vector<AreaSpec>& areas) {  // one list line per area
@@ -158,8 +163,13 @@ class Sim {
   const std::vector<AreaSpec>& Areas() const { return areas_; }
 
   // Raw bytes of an HDD image / the NV image (zero-padded past the end).
-  Bytes HddBytes(int hdd, uint64_t pos, size_t len) const { return ReadAt(HddPath(hdd), pos, len); }
-  void PutHddBytes(int hdd, uint64_t pos, const void* data, size_t len) { WriteAt(HddPath(hdd), pos, data, len); }
+  Bytes HddBytes(int hdd, uint64_t pos, size_t len) const {
+    return mem_ ? mem_->Get(HddPath(hdd), pos, len) : ReadAt(HddPath(hdd), pos, len);
+  }
+  void PutHddBytes(int hdd, uint64_t pos, const void* data, size_t len) {
+    mem_ ? mem_->Put(HddPath(hdd), pos, data, len) : WriteAt(HddPath(hdd), pos, data, len);
+  }
+  sbacc::MemEnv* Mem() const { return mem_.get(); }  // nullptr on real files
   Bytes NvBytes(uint64_t pos, size_t len) const { return ReadAt(NvPath(), pos, len); }
   void PutNvBytes(uint64_t pos, const void* data, size_t len) { WriteAt(NvPath(), pos, data, len); }
 
@@ -260,16 +270,19 @@ class Sim {
     cpfw_nv_region_t region = 2;
     cpfw_ioctl_nv_access req{reinterpret_cast<uintptr_t>(&b), 0, 1};
     Ezosanfwctl_read_nv(-1, &region, &req, 1);
-    return {OpenFdCount(), sbacc::AllocTrackedTotal(), sbacc::AllocLiveBlocks()};
+    return {OpenFdCount() + (mem_ ? mem_->OpenCount() : 0), sbacc::AllocTrackedTotal(), sbacc::AllocLiveBlocks()};
   }
 
-  void RemoveHdd(int hdd) { ::unlink(HddPath(hdd).c_str()); }
-  void RecreateHdd(int hdd) { MakeFile(HddPath(hdd), hdd_bytes_); }  // empty, full size
+  void RemoveHdd(int hdd) { mem_ ? mem_->Remove(HddPath(hdd)) : (void)::unlink(HddPath(hdd).c_str()); }
+  void RecreateHdd(int hdd) {  // empty, full size
+    mem_ ? mem_->PutFile(HddPath(hdd), Bytes(hdd_bytes_, 0)) : MakeFile(HddPath(hdd), hdd_bytes_);
+  }
 
  private:
   TempDir dir_;
   int hdds_;
   uint64_t hdd_bytes_;
+  std::unique_ptr<sbacc::MemEnv> mem_;
   std::vector<AreaSpec> areas_;
 };
 
@@ -363,9 +376,9 @@ class TraceCapture {
 };
 
 // A fault-injecting Env for tests.  While an instance lives it is the
-// library's environment: HDD file calls go to the real files unless a rule
-// says otherwise, sleeps are recorded instead of slept, and the clock can be
-// fixed.
+// library's environment: HDD file calls go to the Env it replaced (real files,
+// or the simulated controller's MemEnv) unless a rule says otherwise, sleeps
+// are recorded instead of slept, and the clock can be fixed.
 //
 // Paths: a rule names a path exactly as the library opens it ("" = any
 // path); a descriptor opened before this Env was installed is resolved
@@ -388,8 +401,8 @@ class FaultEnv : public sbacc::Env {
   // The file calls, then the thread and lock set-ups (which name no path).
   enum Op { kOpen = 0, kSeek, kRead, kWrite, kFsync, kClose, kThread, kMutex, kCond };
 
-  FaultEnv() { sbacc::SetEnvForTest(this); }
-  ~FaultEnv() override { sbacc::SetEnvForTest(nullptr); }  // back to the default
+  FaultEnv() : base_(sbacc::CurrentEnv()) { sbacc::SetEnvForTest(this); }
+  ~FaultEnv() override { sbacc::SetEnvForTest(base_); }
   FaultEnv(const FaultEnv&) = delete;
   FaultEnv& operator=(const FaultEnv&) = delete;
 
@@ -404,17 +417,24 @@ class FaultEnv : public sbacc::Env {
   void FailCondInit(long start, long count, int err = ENOMEM) { AddRule(kCond, "", start, count, err, 0, true); }
   void ClearRules() { Locked([&] { rules_.clear(); }); }  // counters stay
 
-  // Power cut: counting writes on all paths from now, write n+1 never reaches
-  // its file and fails with EIO, and from then on every file call but Close
-  // fails with EIO (Close still closes the real descriptor), and so does
-  // every NV transfer until the stand-in is reset.  n < 0: no cut.
-  void PowerCutAfterWrites(long n) { Locked([&] { power_budget_ = n, power_cut_ = false; }); }
+  // Power cut: counting writes on all paths from now, write n+1 fails with
+  // EIO, and from then on every file call but Close fails with EIO (Close
+  // still closes the descriptor), and so does every NV transfer until the
+  // stand-in is reset.  n < 0: no cut.  `lands(i, path, len)` says how many
+  // bytes of write i (1 .. n+1) reach the file, by default all of 1 .. n and
+  // none of n+1; a write before the cut is reported as made however much of
+  // it lands.  kNow cuts the power as write n is made, before its flush;
+  // kLoseUnflushed also drops every write the MemEnv below holds unflushed.
+  enum When { kNextWrite, kNow, kLoseUnflushed };
+  using Landing = std::function<size_t(long i, const std::string& path, size_t len)>;
+  void PowerCutAfterWrites(long n, When when = kNextWrite, Landing lands = {}) {
+    Locked([&] { power_budget_ = n, power_writes_ = 0, power_cut_ = false, when_ = when, lands_ = std::move(lands); });
+  }
   bool PowerIsCut() const { return Locked([&] { return power_cut_; }); }
 
   // From now every write must land inside bytes [lo, hi) of its file (the
-  // area the call works on); StrayWrites() counts those that did not.
-  void BoundWrites(uint64_t lo, uint64_t hi) { Locked([&] { bound_lo_ = lo, bound_hi_ = hi, stray_ = 0; }); }
-  long StrayWrites() const { return Locked([&] { return stray_; }); }
+  // area the call works on): one that does not aborts the process on the spot.
+  void BoundWrites(uint64_t lo, uint64_t hi) { Locked([&] { bound_lo_ = lo, bound_hi_ = hi; }); }
 
   void SetNow(time_t t) { Locked([&] { fixed_clock_ = true, now_ = t; }); }  // fixes the clock
   std::vector<unsigned> Sleeps() const { return Locked([&] { return sleeps_; }); }
@@ -428,57 +448,80 @@ class FaultEnv : public sbacc::Env {
     });
   }
   long Writes() const { return Calls(kWrite); }  // the numbering power cuts use
-  // Position and length of every write so far, in the order they were made.
-  std::vector<std::pair<int64_t, size_t>> WriteLog() const { return Locked([&] { return writes_; }); }
+  // Every write so far, in the order they were made.
+  struct Write {
+    int64_t pos;
+    size_t len;
+    std::string path;
+  };
+  std::vector<Write> WriteLog() const { return Locked([&] { return writes_; }); }
   // Zeroes the call counters and the sleep record (rules keep their own).
   void ResetCounters() { Locked([&] { calls_.clear(), sleeps_.clear(); }); }
 
   // sbacc::Env
   int Open(const char* path, int flags) override {
     if (Enter(kOpen, -1, path != nullptr ? path : "") != 0) return -1;
-    const int fd = Env::Open(path, flags);
+    const int fd = base_->Open(path, flags);
     if (fd >= 0) Locked([&] { fd_paths_[fd] = path; });
     return fd;
   }
-  int64_t Seek(int fd, int64_t pos) override { return Enter(kSeek, fd) != 0 ? -1 : Env::Seek(fd, pos); }
+  int64_t Seek(int fd, int64_t pos) override { return Enter(kSeek, fd) != 0 ? -1 : base_->Seek(fd, pos); }
   ssize_t ReadAt(int fd, void* buf, size_t len, int64_t pos) override {
     size_t cut = 0;
-    return Enter(kRead, fd, "", &cut) != 0 ? -1 : Env::ReadAt(fd, buf, len > cut ? len - cut : 0, pos);
+    return Enter(kRead, fd, "", &cut) != 0 ? -1 : base_->ReadAt(fd, buf, len > cut ? len - cut : 0, pos);
   }
   ssize_t WriteAt(int fd, const void* buf, size_t len, int64_t pos) override {
+    size_t cut = 0;
+    int err = Enter(kWrite, fd, "", &cut);
+    size_t n = len > cut ? len - cut : 0;
+    bool made = false, forward = err == 0;  // made: reported as made, however much lands
     Locked([&] {
       const uint64_t at = static_cast<uint64_t>(pos);
-      if (bound_hi_ > bound_lo_ && (pos < 0 || at < bound_lo_ || at + len > bound_hi_)) ++stray_;
-      writes_.emplace_back(pos, len);
+      if (bound_hi_ > bound_lo_ && (pos < 0 || at < bound_lo_ || at + len > bound_hi_)) {
+        fprintf(stderr, "write of %zu bytes at %lld outside the area [%llu, %llu)\n", len, static_cast<long long>(pos),
+                static_cast<unsigned long long>(bound_lo_), static_cast<unsigned long long>(bound_hi_));
+        abort();
+      }
+      auto it = fd_paths_.find(fd);
+      writes_.push_back({pos, len, it != fd_paths_.end() ? it->second : ""});
+      if (err != 0 || power_budget_ < 0) return;
+      const long i = ++power_writes_;
+      made = i <= power_budget_;
+      n = lands_ ? std::min(n, lands_(i, writes_.back().path, n)) : made ? n : 0;
+      if (!made) err = CutPower(), forward = n > 0;
     });
-    size_t cut = 0;
-    return Enter(kWrite, fd, "", &cut) != 0 ? -1 : Env::WriteAt(fd, buf, len > cut ? len - cut : 0, pos);
+    const ssize_t rc = forward ? base_->WriteAt(fd, buf, n, pos) : -1;
+    Locked([&] {
+      if (made && when_ != kNextWrite && power_writes_ == power_budget_ && !power_cut_) CutPower();
+    });
+    if (err != 0) errno = err;
+    return err != 0 ? -1 : made ? static_cast<ssize_t>(len) : rc;
   }
-  int Fsync(int fd) override { return Enter(kFsync, fd) != 0 ? -1 : Env::Fsync(fd); }
+  int Fsync(int fd) override { return Enter(kFsync, fd) != 0 ? -1 : base_->Fsync(fd); }
   int Close(int fd) override {
     const int err = Enter(kClose, fd);
-    // The real descriptor is released even when the call is made to fail, as
+    // The descriptor is released even when the call is made to fail, as
     // Linux does after a failed close: an injected fault must not leak an fd.
-    const int rc = Env::Close(fd);
+    const int rc = base_->Close(fd);
     if (err != 0) errno = err;
     return err != 0 ? -1 : rc;
   }
   int StartThread(void* (*fn)(void*), void* arg) override {
     const int err = Enter(kThread, -1);
-    return err != 0 ? err : Env::StartThread(fn, arg);
+    return err != 0 ? err : base_->StartThread(fn, arg);
   }
   int MutexInit(pthread_mutex_t* m) override {
     const int err = Enter(kMutex, -1);
-    return err != 0 ? err : Env::MutexInit(m);
+    return err != 0 ? err : base_->MutexInit(m);
   }
   int CondInit(pthread_cond_t* c) override {
     const int err = Enter(kCond, -1);
-    return err != 0 ? err : Env::CondInit(c);
+    return err != 0 ? err : base_->CondInit(c);
   }
   void SleepMicros(unsigned micros) override { Locked([&] { sleeps_.push_back(micros); }); }
   time_t Now() override {
     const time_t fixed = Locked([&] { return fixed_clock_ ? now_ : time_t{-1}; });
-    return fixed != -1 ? fixed : Env::Now();
+    return fixed != -1 ? fixed : base_->Now();
   }
 
  private:
@@ -516,10 +559,6 @@ class FaultEnv : public sbacc::Env {
         if (op == kClose) fd_paths_.erase(fd);
       }
       ++calls_[{op, path}];
-      if (op == kWrite && power_budget_ >= 0 && !power_cut_ && power_budget_-- == 0) {
-        power_cut_ = true;  // NV memory goes down with the HDDs
-        for (int kind : {SANFWCTL_FAULT_READ, SANFWCTL_FAULT_WRITE}) sanfwctl_set_fault(kind, sanfwctl_call_count(kind), -1);
-      }
       for (Rule& r : rules_) {
         if (r.op != op || !(r.path.empty() || r.path == path)) continue;
         if (++r.seen <= r.start || (r.count >= 0 && r.seen > r.start + r.count)) continue;
@@ -532,18 +571,29 @@ class FaultEnv : public sbacc::Env {
     return err;
   }
 
+  // Under the lock: the power goes, NV memory with the HDDs.  Returns EIO.
+  int CutPower() {
+    power_cut_ = true;
+    for (int kind : {SANFWCTL_FAULT_READ, SANFWCTL_FAULT_WRITE}) sanfwctl_set_fault(kind, sanfwctl_call_count(kind), -1);
+    if (auto* mem = dynamic_cast<sbacc::MemEnv*>(base_); mem != nullptr && when_ == kLoseUnflushed) mem->LoseUnflushed();
+    return EIO;
+  }
+
+  sbacc::Env* const base_;
   mutable std::mutex mu_;
   std::map<int, std::string> fd_paths_;
   std::vector<Rule> rules_;
   std::map<std::pair<int, std::string>, long> calls_;
-  long power_budget_ = -1;  // writes still allowed since arming; -1 = disarmed
+  long power_budget_ = -1;  // writes allowed before the cut; -1 = disarmed
+  long power_writes_ = 0;   // writes since arming
   bool power_cut_ = false;
+  When when_ = kNextWrite;
+  Landing lands_;
   bool fixed_clock_ = false;
   time_t now_ = 0;
   std::vector<unsigned> sleeps_;
-  std::vector<std::pair<int64_t, size_t>> writes_;
+  std::vector<Write> writes_;
   uint64_t bound_lo_ = 0, bound_hi_ = 0;  // no bound while equal
-  long stray_ = 0;
 };
 
 }  // namespace sbacc_test
