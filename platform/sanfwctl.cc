@@ -17,6 +17,7 @@
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <vector>
 
 static_assert(sizeof(cpfw_nv_region_t) == 4, "NV region number is 32-bit");
 static_assert(sizeof(cpfw_ioctl_nv_access) == 24, "NV request is three 64-bit words");
@@ -48,6 +49,9 @@ std::string g_image;
 uint64_t g_create_size = kDefaultSize;
 int g_fd = -1;
 uint64_t g_size = 0;  // of the open image
+// A "mem:" image: no file and no flock, since no other process shares it.
+std::string g_mem_name;
+std::vector<char> g_mem;
 long g_calls[kKinds] = {0, 0, 0};
 Fault g_fault[kKinds];
 
@@ -157,21 +161,20 @@ bool valid_request(const cpfw_nv_region_t* region, const cpfw_ioctl_nv_access* r
     return true;
 }
 
-int transfer(int kind, cpfw_nv_region_t* region, cpfw_ioctl_nv_access* req, int count) {
-    std::lock_guard<std::mutex> lk(g_mu);
+// The transfer itself, with g_mu held.
+int move_locked(bool writing, uint64_t off, char* p, uint64_t len) {
     ensure_env_locked();
-    if (count_and_check_fault_locked(kind)) return kFault;
-    if (!valid_request(region, req, count)) return -EINVAL;
+    if (g_image.rfind("mem:", 0) == 0) {
+        if (g_mem_name != g_image) g_mem_name = g_image, g_mem.assign(g_create_size, 0);
+        if (len > g_mem.size() || off > g_mem.size() - len) return -ERANGE;
+        if (len > 0) writing ? std::memcpy(&g_mem[off], p, len) : std::memcpy(p, &g_mem[off], len);
+        return 0;
+    }
     int rc = open_image_locked();
     if (rc != 0) return rc;
-    const uint64_t off = req->nv_offset;
-    const uint64_t len = req->len;
     if (len > g_size || off > g_size - len) return -ERANGE;
     if (len == 0) return 0;
-
-    const bool writing = kind == SANFWCTL_FAULT_WRITE;
     if (::flock(g_fd, writing ? LOCK_EX : LOCK_SH) != 0) return -errno;
-    char* p = reinterpret_cast<char*>(static_cast<uintptr_t>(req->buf));
     uint64_t done = 0;
     while (done < len) {
         ssize_t n = writing ? ::pwrite(g_fd, p + done, len - done, static_cast<off_t>(off + done))
@@ -189,6 +192,15 @@ int transfer(int kind, cpfw_nv_region_t* region, cpfw_ioctl_nv_access* req, int 
     }
     ::flock(g_fd, LOCK_UN);
     return rc;
+}
+
+int transfer(int kind, cpfw_nv_region_t* region, cpfw_ioctl_nv_access* req, int count) {
+    std::lock_guard<std::mutex> lk(g_mu);
+    ensure_env_locked();
+    if (count_and_check_fault_locked(kind)) return kFault;
+    if (!valid_request(region, req, count)) return -EINVAL;
+    return move_locked(kind == SANFWCTL_FAULT_WRITE, req->nv_offset,
+                       reinterpret_cast<char*>(static_cast<uintptr_t>(req->buf)), req->len);
 }
 
 int parse_master(const char* s) {
@@ -246,6 +258,11 @@ long sanfwctl_call_count(int kind) {
     if (kind < 0 || kind >= kKinds) return 0;
     std::lock_guard<std::mutex> lk(g_mu);
     return g_calls[kind];
+}
+
+int sanfwctl_test_access(unsigned long long off, void* buf, unsigned long long len, int writing) {
+    std::lock_guard<std::mutex> lk(g_mu);
+    return move_locked(writing != 0, off, static_cast<char*>(buf), len);
 }
 
 void sanfwctl_reset(void) {

@@ -7,7 +7,9 @@
  * SANFWCTL_NV_SIZE bytes (default 1 MiB).  Every request is atomic against
  * other threads and processes on the same image.  Only region 2 and a request
  * count of 1 are served.  Ezosanfwctl_get_status reports master_cont from
- * SANFWCTL_MASTER (default 0).
+ * SANFWCTL_MASTER (default 0).  An image named "mem:..." lives in this
+ * process's memory instead: zero-filled when its name is first used, it
+ * outlives sanfwctl_reset as NV memory outlives a restart.
  *
  * Fault injection: SANFWCTL_FAIL_READ, SANFWCTL_FAIL_WRITE and
  * SANFWCTL_FAIL_STATUS, each "S:N": counting this process's calls of that kind
@@ -50,6 +52,9 @@ void sanfwctl_set_fault(int kind, long start, long count);
 long sanfwctl_call_count(int kind);
 /* Forget the open image, the counters and the faults and read the environment again. */
 void sanfwctl_reset(void);
+/* Reads (writing 0) or writes len bytes of the image at off, bypassing faults
+ * and counters: for tests that plant or inspect NV bytes.  0 or -errno. */
+int sanfwctl_test_access(unsigned long long off, void *buf, unsigned long long len, int writing);
 
 #ifdef __cplusplus
 }

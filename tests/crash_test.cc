@@ -16,8 +16,7 @@
 //  - lost: the power goes as write k is made, and every write not yet
 //    flushed is lost.
 // After the start-up the copies of every area agree byte for byte.  The HDDs
-// are in memory, and the workers run in the caller, so every run of the
-// workload makes the same writes in the same order.
+// are in memory.
 #include "testutil.h"
 
 using Contents = std::map<std::string, Bytes>;  // area name to data
@@ -113,7 +112,6 @@ uint64_t AreaAddr(const std::string& name) {
 // Returns the step cut off, w.size() if none.
 size_t RunWorkload(const std::vector<Step>& w, const Cut& c, WriteLog* log = nullptr) {
   FaultEnv env;
-  env.FailThreadStart(0, -1);
   env.PowerCutAfterWrites(c.n, c.when, c.lands);
   void* fp = nullptr;
   size_t cut = w.size();
@@ -151,7 +149,10 @@ Sim::Images Prepare(int copies, const std::vector<Step>& work, WriteLog* log) {
 // (the base model only).
 class CrashTest : public ::testing::TestWithParam<int> {
  protected:
-  void SetUp() override { sbacc_test::QuickFailures(); }
+  void SetUp() override {
+    sbacc_test::QuickFailures();
+    sbacc::CrewSetBound(0);  // every task in its caller: the same writes in the same order every run
+  }
 };
 
 Bytes Content(const Sim& sim, int area, int copy) {

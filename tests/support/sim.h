@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <bit>
 #include <climits>
@@ -127,9 +128,9 @@ class Sim {
     for (int i = 0; i < hdds_; ++i) RecreateHdd(i);
     // Full size from the start, so a test that plants NV bytes before the
     // library's first NV access does not leave a short image behind.
-    MakeFile(NvPath(), 1 << 20);
+    if (!mem_) MakeFile(NvPath(), 1 << 20);
     setenv("SBACC_FILELIST", dir_.File("filelist.ini").c_str(), 1);
-    setenv("SANFWCTL_NV_IMAGE", NvPath().c_str(), 1);
+    setenv("SANFWCTL_NV_IMAGE", ((mem_ ? "mem:" : "") + NvPath()).c_str(), 1);
     for (const char* v : {"SANFWCTL_FAIL_READ", "SANFWCTL_FAIL_WRITE", "SANFWCTL_FAIL_STATUS"}) unsetenv(v);
     sanfwctl_reset();
     MC_TestReloadEnv();
@@ -159,7 +160,7 @@ class Sim {
   }
 
   std::string HddPath(int i) const { return dir_.File("hdd" + std::to_string(i) + ".img"); }
-  std::string NvPath() const { return dir_.File("nv.img"); }  // where the stand-in keeps NV memory
+  std::string NvPath() const { return dir_.File("nv.img"); }  // where the stand-in keeps NV memory (a name in memory)
   const std::vector<AreaSpec>& Areas() const { return areas_; }
 
   // Raw bytes of an HDD image / the NV image (zero-padded past the end).
@@ -170,8 +171,14 @@ class Sim {
     mem_ ? mem_->Put(HddPath(hdd), pos, data, len) : WriteAt(HddPath(hdd), pos, data, len);
   }
   sbacc::MemEnv* Mem() const { return mem_.get(); }  // nullptr on real files
-  Bytes NvBytes(uint64_t pos, size_t len) const { return ReadAt(NvPath(), pos, len); }
-  void PutNvBytes(uint64_t pos, const void* data, size_t len) { WriteAt(NvPath(), pos, data, len); }
+  Bytes NvBytes(uint64_t pos, size_t len) const {
+    Bytes out(len, 0);
+    if (mem_) sanfwctl_test_access(pos, out.data(), len, 0);
+    return mem_ ? out : ReadAt(NvPath(), pos, len);
+  }
+  void PutNvBytes(uint64_t pos, const void* data, size_t len) {
+    mem_ ? (void)sanfwctl_test_access(pos, const_cast<void*>(data), len, 1) : WriteAt(NvPath(), pos, data, len);
+  }
 
   // Decoded records of area `index` (list position) / copy `hdd`, read,
   // written and changed in place.
@@ -443,7 +450,7 @@ class FaultEnv : public sbacc::Env {
   long Calls(Op op, const std::string& path = "") const {
     return Locked([&] {
       long n = 0;
-      for (const auto& [key, count] : calls_) n += key.first == op && (path.empty() || key.second == path) ? count : 0;
+      for (const auto& [at, count] : calls_) n += path.empty() || at == path ? count[op] : 0;
       return n;
     });
   }
@@ -455,14 +462,20 @@ class FaultEnv : public sbacc::Env {
     std::string path;
   };
   std::vector<Write> WriteLog() const { return Locked([&] { return writes_; }); }
-  // Zeroes the call counters and the sleep record (rules keep their own).
-  void ResetCounters() { Locked([&] { calls_.clear(), sleeps_.clear(); }); }
+  // Zeroes the call counters, the sleep record and the write log (rules
+  // keep their own).
+  void ResetCounters() {
+    Locked([&] {
+      for (auto& [path, n] : calls_) n.fill(0);  // entries stay: open descriptors point at them
+      sleeps_.clear(), writes_.clear();
+    });
+  }
 
   // sbacc::Env
   int Open(const char* path, int flags) override {
     if (Enter(kOpen, -1, path != nullptr ? path : "") != 0) return -1;
     const int fd = base_->Open(path, flags);
-    if (fd >= 0) Locked([&] { fd_paths_[fd] = path; });
+    if (fd >= 0) Locked([&] { fd_paths_[fd] = {path, &calls_[path]}; });
     return fd;
   }
   int64_t Seek(int fd, int64_t pos) override { return Enter(kSeek, fd) != 0 ? -1 : base_->Seek(fd, pos); }
@@ -483,7 +496,7 @@ class FaultEnv : public sbacc::Env {
         abort();
       }
       auto it = fd_paths_.find(fd);
-      writes_.push_back({pos, len, it != fd_paths_.end() ? it->second : ""});
+      writes_.push_back({pos, len, it != fd_paths_.end() ? it->second.path : ""});
       if (err != 0 || power_budget_ < 0) return;
       const long i = ++power_writes_;
       made = i <= power_budget_;
@@ -545,20 +558,17 @@ class FaultEnv : public sbacc::Env {
   int Enter(Op op, int fd, const std::string& named = "", size_t* cut = nullptr) {
     int err = 0;
     Locked([&] {
-      std::string path = named;
-      if (fd >= 0) {
-        auto it = fd_paths_.find(fd);
-        if (it != fd_paths_.end()) {
-          path = it->second;
-        } else {  // opened before this Env was installed: ask the kernel
-          char link[64], buf[PATH_MAX];
-          snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-          const ssize_t n = readlink(link, buf, sizeof buf - 1);
-          path.assign(buf, n > 0 ? static_cast<size_t>(n) : 0);
-        }
-        if (op == kClose) fd_paths_.erase(fd);
+      std::string kernel;  // the path of a descriptor opened before this Env was installed
+      auto it = fd_paths_.find(fd);
+      if (fd >= 0 && it == fd_paths_.end()) {
+        char link[64], buf[PATH_MAX];
+        snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+        const ssize_t n = readlink(link, buf, sizeof buf - 1);
+        kernel.assign(buf, n > 0 ? static_cast<size_t>(n) : 0);
       }
-      ++calls_[{op, path}];
+      const bool known = fd >= 0 && it != fd_paths_.end();
+      const std::string& path = fd < 0 ? named : known ? it->second.path : kernel;
+      ++(known ? *it->second.calls : calls_[path])[op];
       for (Rule& r : rules_) {
         if (r.op != op || !(r.path.empty() || r.path == path)) continue;
         if (++r.seen <= r.start || (r.count >= 0 && r.seen > r.start + r.count)) continue;
@@ -566,6 +576,7 @@ class FaultEnv : public sbacc::Env {
         if (err == 0 && r.cut == 0) err = r.err;
       }
       if (power_cut_ && op < kClose) err = EIO;
+      if (op == kClose && it != fd_paths_.end()) fd_paths_.erase(it);
     });
     if (err != 0) errno = err;
     return err;
@@ -581,9 +592,13 @@ class FaultEnv : public sbacc::Env {
 
   sbacc::Env* const base_;
   mutable std::mutex mu_;
-  std::map<int, std::string> fd_paths_;
+  struct Tracked {
+    std::string path;
+    std::array<long, kCond + 1>* calls;  // its entry of calls_
+  };
+  std::map<int, Tracked> fd_paths_;
   std::vector<Rule> rules_;
-  std::map<std::pair<int, std::string>, long> calls_;
+  std::map<std::string, std::array<long, kCond + 1>, std::less<>> calls_;  // per path, per Op
   long power_budget_ = -1;  // writes allowed before the cut; -1 = disarmed
   long power_writes_ = 0;   // writes since arming
   bool power_cut_ = false;
