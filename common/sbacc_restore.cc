@@ -422,8 +422,11 @@ int sbacc_hdd_rw(int mode, char* filename, void** buf, int* size) {
         fp = nullptr;
         break;
       }
+      // A size beyond the area's capacity comes from a header no read would
+      // trust: refused before a buffer of that size (up to 2 GiB) is made.
       const int n = sbacc_read_size(fp);
-      if (n < 0) {
+      const auto* sfd = static_cast<const SBACC_FILE_DISCRIPTER*>(fp);
+      if (n < 0 || static_cast<uint64_t>(n) + SBACC_HEADER_SIZE > sfd->sfe.areasize) {
         SBACC_TRACE(kTraceError, "[sbacc_hdd_rw] File Size error. file[%s]", filename);
         rc = SBACC_E_HDDREAD;
         break;

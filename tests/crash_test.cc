@@ -161,7 +161,7 @@ Bytes Content(const Sim& sim, int area, int copy) {
 }
 
 // Every cut of a model, from the uncut run's writes (numbered from 1).
-std::vector<Cut> Cuts(Model m, const WriteLog& log, int copies) {
+std::vector<Cut> Cuts(Model m, const WriteLog& log) {
   const long total = static_cast<long>(log.size());
   std::vector<Cut> cuts;
   for (long k = m == kLost; m == kBase || m == kLost ? k <= total : false; ++k)
@@ -181,11 +181,10 @@ std::vector<Cut> Cuts(Model m, const WriteLog& log, int copies) {
       if (w.pos != f.pos || w.len != f.len || !paths.insert(w.path).second) break;
     }
     for (uint32_t sub = 1; last > first && sub + 1 < 1u << (last - first + 1); ++sub)
-      cuts.push_back({last, FaultEnv::kNow, [first, sub, &log](long j, const std::string&, size_t len) {
+      cuts.push_back({last, FaultEnv::kNow, [first, sub](long j, const std::string&, size_t len) {
                         return j < first || (sub >> (j - first) & 1u) ? len : 0;
                       }});
   }
-  (void)copies;
   return cuts;
 }
 
@@ -208,7 +207,7 @@ TEST_P(CrashTest, EveryCutPointRecovers) {
 
   for (Model m : {kBase, kSubset, kTorn, kLost}) {
   if (!resync && m != kBase) break;
-  const std::vector<Cut> cuts = Cuts(m, log, copies);
+  const std::vector<Cut> cuts = Cuts(m, log);
   long repaired = 0, points = 0, diverged = 0;
   for (const Cut& c : cuts) {
     ++points;

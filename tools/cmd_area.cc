@@ -46,10 +46,13 @@ void CheckFits(const SBACC_FILE_LIST_ENTRY& e, int64_t end, const std::string& w
 }  // namespace
 
 int CmdCat(const std::string& area) {
-  FindArea(area);
+  const SBACC_FILE_LIST_ENTRY& e = FindArea(area);
   Handle h(area, "r");
-  const int size = sbacc_read_size(h.fp());
+  int size = sbacc_read_size(h.fp());
   if (size < 0) throw LibError(area + ": sbacc_read_size", size);
+  // A header's size past the area's end is refused by the read below; no
+  // buffer of that size is made first.
+  size = static_cast<int>(std::min<uint64_t>(static_cast<uint64_t>(size), Capacity(e) + 1));
   std::vector<uint8_t> buf(static_cast<size_t>(size));
   int done = 0;
   while (done < size) {
