@@ -103,6 +103,7 @@ class FaultMatrix : public ::testing::Test {
 class Stage {
  public:
   Stage(const Sim::Images& snap, Op op, int copies) : op_(op), sim_(copies, kHddBytes, true) {
+    env_.SetNow(kNow);  // the set-up open stamps the time too
     sim_.Load(snap);
     held_ = sim_.HeldNow();
     if (kOps[op].handle) fp_ = sbacc_test::OpenArea("area", "w");
@@ -138,10 +139,12 @@ class Stage {
     EXPECT_TRUE(held_ == sim_.HeldNow()) << "descriptor or block leaked";
   }
   Sim& sim() { return sim_; }
+  FaultEnv& env() { return env_; }  // over the memory disks, under any a case adds
 
  private:
   Op op_;
   Sim sim_;
+  FaultEnv env_;
   void* fp_ = nullptr;
   Sim::Held held_{};
 };
@@ -295,9 +298,8 @@ TEST_F(FaultMatrix, ThreadsAndLocksFailing) {
       int reference_rc = 0;
       for (int fault = 0; fault < 4; ++fault) {
         SCOPED_TRACE(std::string(kOps[op].name) + "/" + std::to_string(copies) + " copies/" + kFault[fault]);
-        FaultEnv env;  // the set-up open and the close stamp the time too: keep it fixed
-        env.SetNow(kNow);
         Stage st(snap, op, copies);
+        FaultEnv& env = st.env();
         auto arm = [&](int f) {  // f = 0 disarms all three
           env.FailThreadStart(0, f == 1 ? -1 : 0);
           env.FailMutexInit(0, f == 2 ? -1 : 0);
