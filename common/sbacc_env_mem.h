@@ -55,6 +55,11 @@ class MemEnv : public Env {
     std::lock_guard<std::mutex> lock(mu_);
     files_.erase(path);
   }
+  std::string PathOf(int fd) const {  // as opened; "" for no such descriptor
+    std::lock_guard<std::mutex> lock(mu_);
+    auto it = fds_.find(fd);
+    return it == fds_.end() ? "" : it->second;
+  }
   int OpenCount() const {
     std::lock_guard<std::mutex> lock(mu_);
     return static_cast<int>(fds_.size());

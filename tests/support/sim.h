@@ -388,8 +388,9 @@ class TraceCapture {
 // are recorded instead of slept, and the clock can be fixed.
 //
 // Paths: a rule names a path exactly as the library opens it ("" = any
-// path); a descriptor opened before this Env was installed is resolved
-// through /proc/self/fd, so the simulated controller's paths are canonical.
+// path); a descriptor opened before this Env was installed is resolved by the
+// Env below (a MemEnv or another FaultEnv) or through /proc/self/fd, so the
+// simulated controller's paths are canonical.
 //
 // Counting: each rule counts the calls it matches from the moment it is added;
 // calls S+1 .. S+N are hit (N = -1: every call after the first S).  Calls()
@@ -558,16 +559,10 @@ class FaultEnv : public sbacc::Env {
   int Enter(Op op, int fd, const std::string& named = "", size_t* cut = nullptr) {
     int err = 0;
     Locked([&] {
-      std::string kernel;  // the path of a descriptor opened before this Env was installed
       auto it = fd_paths_.find(fd);
-      if (fd >= 0 && it == fd_paths_.end()) {
-        char link[64], buf[PATH_MAX];
-        snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-        const ssize_t n = readlink(link, buf, sizeof buf - 1);
-        kernel.assign(buf, n > 0 ? static_cast<size_t>(n) : 0);
-      }
       const bool known = fd >= 0 && it != fd_paths_.end();
-      const std::string& path = fd < 0 ? named : known ? it->second.path : kernel;
+      const std::string below = fd >= 0 && !known ? PathBelow(fd) : "";  // opened before this Env was installed
+      const std::string& path = fd < 0 ? named : known ? it->second.path : below;
       ++(known ? *it->second.calls : calls_[path])[op];
       for (Rule& r : rules_) {
         if (r.op != op || !(r.path.empty() || r.path == path)) continue;
@@ -580,6 +575,22 @@ class FaultEnv : public sbacc::Env {
     });
     if (err != 0) errno = err;
     return err;
+  }
+
+  std::string PathOf(int fd) const {
+    const std::string own = Locked([&] {
+      auto it = fd_paths_.find(fd);
+      return it != fd_paths_.end() ? it->second.path : std::string();
+    });
+    return own.empty() ? PathBelow(fd) : own;
+  }
+  std::string PathBelow(int fd) const {
+    if (auto* f = dynamic_cast<FaultEnv*>(base_)) return f->PathOf(fd);
+    if (auto* m = dynamic_cast<sbacc::MemEnv*>(base_)) return m->PathOf(fd);
+    char link[64], buf[PATH_MAX];
+    snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    const ssize_t n = readlink(link, buf, sizeof buf - 1);
+    return std::string(buf, n > 0 ? static_cast<size_t>(n) : 0);
   }
 
   // Under the lock: the power goes, NV memory with the HDDs.  Returns EIO.
