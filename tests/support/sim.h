@@ -170,7 +170,6 @@ class Sim {
   void PutHddBytes(int hdd, uint64_t pos, const void* data, size_t len) {
     mem_ ? mem_->Put(HddPath(hdd), pos, data, len) : WriteAt(HddPath(hdd), pos, data, len);
   }
-  sbacc::MemEnv* Mem() const { return mem_.get(); }  // nullptr on real files
   Bytes NvBytes(uint64_t pos, size_t len) const {
     Bytes out(len, 0);
     if (mem_) sanfwctl_test_access(pos, out.data(), len, 0);
