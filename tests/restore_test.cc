@@ -103,4 +103,18 @@ TEST_F(VerdictTest, RecordsMaskAndVerdict) {
   }
 }
 
+// A restore step that fails still records the stale copy as fenced off, so
+// that it is never offered as current.
+TEST_F(RestoreTest, StaleCopyStaysFencedWhenAStepFails) {
+  sim_.SetAreas({{"a", 0x2000, kSize, 2}});
+  PutNv(2);
+  PutCopy(0, Hdr(0x2, 100, 1), 0);
+  PutCopy(1, Hdr(0x0, 100, 1), 1);  // missed the last write
+  FaultEnv env;
+  env.FailOp(FaultEnv::kWrite, sim_.HddPath(0), 0, 1, EIO);
+  EXPECT_EQ(0, sbacc_hdd_restore(0));
+  EXPECT_EQ(0x2u, sim_.NvEntry(0).hddblockade & 0x2);
+  EXPECT_EQ(Pattern(1), sim_.Data(0, 1, kFill));
+}
+
 }  // namespace
