@@ -106,7 +106,7 @@ TEST_F(RepairTest, SourceFencedDuringTheCopy) {
   struct FenceSource : FaultEnv {
     Sim* sim = nullptr;
     ssize_t WriteAt(int fd, const void* buf, size_t len, int64_t pos) override {
-      if (Writes() == 0) sim->EditNvEntry(0, [](auto& e) { e.hddblockade |= 0x1; });
+      if (Calls(kWrite) == 0) sim->EditNvEntry(0, [](auto& e) { e.hddblockade |= 0x1; });
       return FaultEnv::WriteAt(fd, buf, len, pos);
     }
   } env;

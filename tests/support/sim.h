@@ -172,11 +172,11 @@ class Sim {
   }
   Bytes NvBytes(uint64_t pos, size_t len) const {
     Bytes out(len, 0);
-    if (mem_) sanfwctl_test_access(pos, out.data(), len, 0);
-    return mem_ ? out : ReadAt(NvPath(), pos, len);
+    if (sanfwctl_test_access(pos, out.data(), len, 0) != 0) throw std::runtime_error("NV read");
+    return out;
   }
   void PutNvBytes(uint64_t pos, const void* data, size_t len) {
-    mem_ ? (void)sanfwctl_test_access(pos, const_cast<void*>(data), len, 1) : WriteAt(NvPath(), pos, data, len);
+    if (sanfwctl_test_access(pos, const_cast<void*>(data), len, 1) != 0) throw std::runtime_error("NV write");
   }
 
   // Decoded records of area `index` (list position) / copy `hdd`, read,
@@ -454,7 +454,6 @@ class FaultEnv : public sbacc::Env {
       return n;
     });
   }
-  long Writes() const { return Calls(kWrite); }  // the numbering power cuts use
   // Every write so far, in the order they were made.
   struct Write {
     int64_t pos;
