@@ -21,10 +21,11 @@ for target in api startup; do
   # runs for 30 s hangs.  No area is larger than a few KiB: an allocation
   # over 64 MiB took a size from a header it should not have trusted.  Leaks
   # are the rig's to find (no descriptor or block of the library may outlive
-  # an input): LeakSanitizer's own check between inputs takes the trace
-  # stand-in's thread-local strings of a worker that retires during its scan
-  # for a leak, once in hours, and never when the input is run again.
-  if ! (cd "$build/artifacts" && "../fuzz/fuzz_$target" -max_total_time="$seconds" -timeout=30 -malloc_limit_mb=64 -detect_leaks=0 \
+  # an input): LeakSanitizer, between inputs and at exit, takes the trace
+  # stand-in's thread-local strings of a live or retiring worker (dynamic TLS
+  # of a shared library) for a leak.
+  if ! (cd "$build/artifacts" && ASAN_OPTIONS="${ASAN_OPTIONS:+$ASAN_OPTIONS:}detect_leaks=0" \
+          "../fuzz/fuzz_$target" -max_total_time="$seconds" -timeout=30 -malloc_limit_mb=64 -detect_leaks=0 \
           -print_final_stats=1 "$work" >"fuzz_$target.log" 2>&1); then
     echo "fuzz_$target FAILED; last lines of its log:"
     tail -n 40 "$build/artifacts/fuzz_$target.log"
