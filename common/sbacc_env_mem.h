@@ -1,5 +1,5 @@
-// A memory-backed Env: HDD files held in memory, for tests, fuzzing and
-// benchmarks that need the library's durable I/O at memory speed.  Each file
+// A memory-backed Env: HDD files held in memory, for tests and fuzzing that
+// need the library's durable I/O at memory speed.  Each file
 // keeps what was written since its last flush, so a simulated power cut can
 // drop it (LoseUnflushed) the way a disk cache loses it.  Threads, locks,
 // sleeps and the clock are the default Env's.

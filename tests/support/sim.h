@@ -160,7 +160,7 @@ class Sim {
   }
 
   std::string HddPath(int i) const { return dir_.File("hdd" + std::to_string(i) + ".img"); }
-  std::string NvPath() const { return dir_.File("nv.img"); }  // where the stand-in keeps NV memory (a name in memory)
+  std::string NvPath() const { return dir_.File("nv.img"); }  // the stand-in's NV image (in memory mode only its name)
   const std::vector<AreaSpec>& Areas() const { return areas_; }
 
   // Raw bytes of an HDD image / the NV image (zero-padded past the end).
