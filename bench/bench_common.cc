@@ -263,7 +263,8 @@ bool Rebuilt(const Controller& c) {
 
 // ---- Envs ------------------------------------------------------------------------
 
-int NoThreadEnv::StartThread(void* (*)(void*), void*) { return EAGAIN; }
+SerialScope::SerialScope() { sbacc::CrewSetBound(0); }
+SerialScope::~SerialScope() { sbacc::CrewSetBound(sbacc::kCrewDefaultBound); }
 
 ScopedEnv::ScopedEnv(sbacc::Env* env) { sbacc::SetEnvForTest(env); }
 ScopedEnv::~ScopedEnv() { sbacc::SetEnvForTest(nullptr); }

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "sbacc_crew.h"
 #include "sbacc_env.h"
 
 namespace sbacc_bench {
@@ -107,11 +108,15 @@ bool Rebuilt(const Controller& c);
 
 // ---- Envs ------------------------------------------------------------------------
 
-// No thread can be started: every parallel site of the library falls back to
-// doing the work in the calling thread, copy by copy / area by area.
-class NoThreadEnv : public sbacc::Env {
+// For its lifetime no worker takes a task: every parallel site of the
+// library does the work in the calling thread, copy by copy / area by area.
+// (Parked workers retire, so the next parallel run starts its threads anew.)
+class SerialScope {
  public:
-  int StartThread(void* (*fn)(void*), void* arg) override;
+  SerialScope();
+  ~SerialScope();
+  SerialScope(const SerialScope&) = delete;
+  SerialScope& operator=(const SerialScope&) = delete;
 };
 
 // Installs an Env for its lifetime (no library call may be running).

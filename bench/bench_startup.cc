@@ -26,7 +26,6 @@ void BM_Startup(benchmark::State& state, bool stale) {
     PrepareStartup(c);
     prepared = &c;
   }
-  NoThreadEnv no_threads;
   std::vector<double> par, ser, par_cpu, ser_cpu;
   unsigned rot = 0;
   for (auto _ : state) {
@@ -38,7 +37,7 @@ void BM_Startup(benchmark::State& state, bool stale) {
       const int64_t t0 = NowNs();
       int rc;
       if (serial) {
-        ScopedEnv env(&no_threads);
+        SerialScope serial;
         rc = sbacc_nv_init(0);
       } else {
         rc = sbacc_nv_init(0);

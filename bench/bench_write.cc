@@ -81,7 +81,6 @@ void BM_Write(benchmark::State& state, int size, int copies, bool with_serial, b
 
   const std::vector<int> floor_fds = OpenAll(FloorPaths(c, copies));
   PersistentPool pool(floor_fds);
-  NoThreadEnv no_threads;
 
   std::vector<uint8_t> data(static_cast<size_t>(size), 0x5a);
   uint8_t intent[12] = {1};
@@ -137,7 +136,7 @@ void BM_Write(benchmark::State& state, int size, int copies, bool with_serial, b
           break;
         }
         case kSerial: {
-          ScopedEnv env(&no_threads);
+          SerialScope serial;
           ok = sbacc_write(data.data(), size, filesize, fp) == size;
           filesize += size;
           break;

@@ -228,6 +228,14 @@ int AllocTrackedTotal() {
 
 long AllocLiveBlocks() { return g_live_blocks.load(std::memory_order_relaxed); }
 
+void AllocLockForTest(bool hold) {
+  if (hold) {
+    MemoryLock();
+  } else {
+    MemoryUnlock();
+  }
+}
+
 long AllocFailNth(long n) { return g_fail_countdown.exchange(n > 0 ? n : 0, std::memory_order_relaxed); }
 
 }  // namespace sbacc

@@ -29,6 +29,8 @@ long AllocLiveBlocks();
 // Returns the countdown it replaces: above 0 while an armed failure has not
 // come yet, so a test learns whether a run reached it.
 long AllocFailNth(long n);
+// Tests: takes (true) or releases (false) the allocator's lock.
+void AllocLockForTest(bool hold);
 
 }  // namespace sbacc
 

@@ -17,7 +17,6 @@ extern boolean_t sbacc_repair_thread_flag;
 void sbacc_reset_process_state();
 
 // Start-up restore internals.
-void* sbacc_ma_repair_for_restore_p_thread(void* arg);
 enum { SBACC_RW_READ = 0, SBACC_RW_WRITE = 1, SBACC_RW_SIZE = 2 };
 int sbacc_hdd_rw(int mode, char* filename, void** buf, int* size);
 

@@ -9,7 +9,6 @@
 
 #include <atomic>
 
-#include "sbacc_worker.h"
 
 namespace sbacc {
 
@@ -42,8 +41,6 @@ int Env::Fsync(int fd) { return ::fsync(fd); }
 
 int Env::Close(int fd) { return ::close(fd); }
 
-int Env::StartThread(void* (*fn)(void*), void* arg) { return CrewRun(fn, arg); }
-
 int Env::CreateThread(void* (*fn)(void*), void* arg) {
   pthread_t tid;  // the thread detaches itself; the id is not kept
   return pthread_create(&tid, nullptr, fn, arg);
@@ -62,31 +59,6 @@ int WaitUpTo(pthread_cond_t* c, pthread_mutex_t* m, unsigned seconds) {
   clock_gettime(CLOCK_REALTIME, &until);
   until.tv_sec += static_cast<time_t>(seconds);
   return pthread_cond_timedwait(c, m, &until);
-}
-
-CrewCounts CrewCountsNow() {
-  pthread_mutex_lock(&g_crew.mu);
-  const CrewCounts n{g_crew.live, g_crew.peak, g_crew.started};
-  pthread_mutex_unlock(&g_crew.mu);
-  return n;
-}
-
-void CrewSetBound(int n) {
-  Crew& c = g_crew;
-  pthread_mutex_lock(&c.mu);
-  c.bound = n < 0 ? 0 : n > kCrewSlots ? kCrewSlots : n;
-  // Parked workers above the bound leave now; busy ones stay counted until
-  // they have left, so no new one starts in their place before.
-  int keep = c.live;
-  for (CrewWorker** p = &c.parked; *p != nullptr && keep > c.bound; --keep) {
-    CrewWorker* w = *p;
-    *p = w->next_parked;
-    w->parked = false;
-    w->retire = true;
-    pthread_cond_signal(&w->wake);
-  }
-  c.peak = 0;
-  pthread_mutex_unlock(&c.mu);
 }
 
 namespace {

@@ -28,14 +28,14 @@ class Env {
   virtual int Close(int fd);
 
   // Threads and their synchronisation: 0 or an errno value, as pthreads.
-  // StartThread runs fn(arg) on a thread of the process's worker crew (an
-  // idle worker, or a new one while the crew is under its bound); EAGAIN when
-  // none can be had, and the caller then does the job itself.
-  // CreateThread starts one OS thread: the crew's only way to grow.
-  virtual int StartThread(void* (*fn)(void*), void* arg);
+  // CreateThread starts one OS thread: the worker crew's only way to grow.
   virtual int CreateThread(void* (*fn)(void*), void* arg);
   virtual int MutexInit(pthread_mutex_t* m);
   virtual int CondInit(pthread_cond_t* c);
+  // A point where another thread may well run next: a task handed out or
+  // reporting, an NV record lock taken.  Does nothing by default; tests
+  // that shake the schedule yield or sleep here.
+  virtual void Reschedule() {}
 
   virtual void SleepMicros(unsigned micros);
   virtual time_t Now();
@@ -46,18 +46,6 @@ class Env {
 // worker's idle time must not follow a test's fixed clock, and the worker
 // must not call into an Env that a test may be tearing down.
 int WaitUpTo(pthread_cond_t* c, pthread_mutex_t* m, unsigned seconds);
-
-// The worker crew behind the default StartThread (sbacc_worker.h): threads
-// alive, the most alive at once, and threads started since the process began.
-struct CrewCounts {
-  int live;
-  int peak;
-  long started;
-};
-CrewCounts CrewCountsNow();
-// Tests: the most workers alive at once, 0 .. 64 (0 runs every task in its
-// caller); parked workers above it leave, and the peak starts again at 0.
-void CrewSetBound(int n);
 
 // The environment in force (the POSIX default unless a test replaced it).
 Env* CurrentEnv();

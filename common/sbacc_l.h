@@ -3,6 +3,7 @@
 #ifndef SBACC_L_H
 #define SBACC_L_H
 
+#include <pthread.h>
 #include <stddef.h>
 #include <stdint.h>
 
@@ -88,5 +89,23 @@ int sbacc_memset_hddrepair(SBACC_FILE_DISCRIPTER* sfd, uint8_t mask);
 int sbacc_memget_hddrepair(SBACC_FILE_DISCRIPTER* sfd, uint8_t* mask);
 int sbacc_memset_hddrepairlock(SBACC_FILE_DISCRIPTER* sfd, int cntno, uint8_t value);
 int sbacc_memget_hddrepairlock_all(SBACC_FILE_DISCRIPTER* sfd, uint8_t lockall[4]);
+
+namespace sbacc {
+// Held over every read-change-write of one area's NV record in this process
+// (handles fencing copies, a repair marking and unfencing them).  Not
+// recursive: nothing called while it is held takes it again.
+class NvRecordLock {
+ public:
+  explicit NvRecordLock(const SBACC_FILE_DISCRIPTER* sfd);
+  ~NvRecordLock();
+  NvRecordLock(const NvRecordLock&) = delete;
+  NvRecordLock& operator=(const NvRecordLock&) = delete;
+
+ private:
+  pthread_mutex_t* mu_;
+};
+// Tests: takes (true) or releases (false) every record lock at once.
+void NvRecordLocksForTest(bool hold);
+}  // namespace sbacc
 
 #endif  // SBACC_L_H

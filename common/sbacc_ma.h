@@ -16,11 +16,13 @@ void sbacc_ma_free_sfd(SBACC_FILE_DISCRIPTER* sfd);
 int sbacc_ma_copies(const SBACC_FILE_DISCRIPTER* sfd);
 // Closes copy `hdd` if it is open and marks it not open.
 void sbacc_ma_close_hdd(SBACC_FILE_DISCRIPTER* sfd, int hdd);
+// Bytes of data the configured area holds behind its header (0 when the
+// area leaves no room); the bound of every copy, rebuild and resync.
+int sbacc_ma_data_capacity(const SBACC_FILE_DISCRIPTER* sfd);
 
 // ---- Parallel HDD access and blockade -----------------------------------------
 enum { SBACC_ACCESS_GET = 0, SBACC_ACCESS_SET = 1 };
 int sbacc_ma_hdd_access(SBACC_FILE_DISCRIPTER* sfd, int direction, int offset, void* buf, int len);
-void* sbacc_ma_hddset_thread(void* arg);
 int sbacc_ma_set_hddblockade(SBACC_FILE_DISCRIPTER* sfd, SBACC_MEM_LIST_ENTRY* entry);
 int sbacc_ma_memset_hddblockade(SBACC_FILE_DISCRIPTER* sfd, SBACC_MEM_LIST_ENTRY* entry);
 
@@ -39,7 +41,10 @@ int sbacc_ma_hddset_openflag(SBACC_FILE_DISCRIPTER* sfd, uint8_t openflag);
 
 // ---- Open and HDD selection ----------------------------------------------------
 int sbacc_ma_open(SBACC_FILE_DISCRIPTER* sfd, boolean_t* closeflag, boolean_t nvinit);
-void* sbacc_ma_open_thread(void* arg);
+// Opens copies at once: copy i of `wanted` gets its descriptor in sfd->fd[i]
+// (-1 when it cannot be opened; every other slot is left alone).  `who`
+// names the caller in trace lines.
+void sbacc_ma_open_copies(SBACC_FILE_DISCRIPTER* sfd, uint32_t wanted, int flags, const char* who);
 int sbacc_ma_detect_hdd(SBACC_FILE_DISCRIPTER* sfd, SBACC_HDD_HEADER* headers, int* hdd);
 
 // ---- Read, write, size and close ------------------------------------------------
@@ -57,13 +62,18 @@ int sbacc_ma_mem_check_blockade(SBACC_FILE_DISCRIPTER* sfd, int hdd);
 // ---- HDD repair copy -------------------------------------------------------------
 int sbacc_ma_hddrepair_copy(SBACC_FILE_DISCRIPTER* sfd, int src, int dst);
 int sbacc_ma_memset_hddrepair(SBACC_FILE_DISCRIPTER* sfd, int hdd, boolean_t flag);
-// Closes copy `hdd` of a descriptor shared by rebuild workers, serialised with
-// their unfencing steps (whose accesses may close copies of it too).
-void sbacc_ma_repair_close_hdd(SBACC_FILE_DISCRIPTER* sfd, int hdd);
+// The copy in three steps, so that the rebuilds of several copies can run
+// their transfers at once: begin and end change the NV record and the
+// headers of every copy in use, and run in the caller one copy after
+// another; the transfer touches only src's and dst's descriptors (read-only
+// in the descriptor) and may run on a worker.  end takes the transfer's
+// result, clears the mark whatever happened, and returns the copy's result.
+int sbacc_ma_hddrepair_begin(SBACC_FILE_DISCRIPTER* sfd, int src, int dst);
+int sbacc_ma_hddrepair_transfer(SBACC_FILE_DISCRIPTER* sfd, int src, int dst);
+int sbacc_ma_hddrepair_end(SBACC_FILE_DISCRIPTER* sfd, int src, int dst, int rc);
 
 // ---- Restore-time repair of one area ------------------------------------------------
 int sbacc_ma_repair_for_restore(int index);
-void* sbacc_ma_repair_for_restore_c_thread(void* arg);
 // Makes the usable (open) copies of an area agree where a cut write may have
 // left them differing; a copy that fails is closed.  Off when the
 // SBACC_RESTORE_RESYNC tunable is 0.  Returns 0.

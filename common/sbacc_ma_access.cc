@@ -31,7 +31,7 @@ bool EnsureOpen(SBACC_FILE_DISCRIPTER* sfd, int i, int flags) {
   if (sfd->fd[i] != -1) return true;
   int fd = CurrentEnv()->Open(sfd->sfe.hddname[i], flags);
   if (fd < 0) {
-    SBACC_TRACE(1, "[sbacc_ma_hdd_access] open error. errno=%d path=%s", errno, sfd->sfe.hddname[i]);
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_hdd_access] open error. errno=%d path=%s", errno, sfd->sfe.hddname[i]);
     return false;
   }
   sfd->fd[i] = fd;
@@ -61,70 +61,73 @@ int AccessGet(SBACC_FILE_DISCRIPTER* sfd, const SBACC_MEM_LIST_ENTRY& e, int fla
   return 0;
 }
 
-// Writes to every copy in use, one worker per copy; falls back to the calling
-// thread when the worker block or a thread cannot be had.
+// One copy's share of a write round.  The descriptor is read-only while the
+// round runs: nobody opens, closes or fences a copy until every task has
+// reported, so the task's copy stays the one it was handed.
+struct WriteTask {
+  SBACC_FILE_DISCRIPTER* sfd;
+  int hdd;
+  int offset;
+  const void* buf;
+  int len;
+};
+
+int WriteCopy(void* arg) {
+  const auto* t = static_cast<const WriteTask*>(arg);
+  return sbacc_l_hddset(t->sfd, t->hdd, t->offset, t->buf, t->len);
+}
+
+// Writes to every copy in use at once; a copy whose write failed is closed
+// afterwards (and so fenced off by the caller's recording).
 void AccessSet(SBACC_FILE_DISCRIPTER* sfd, const SBACC_MEM_LIST_ENTRY& e, int flags, int offset,
                const void* buf, int len) {
   const int n = sbacc_ma_copies(sfd);
-  int in_use = 0, last = -1;
-  for (int i = 0; i < n; ++i) {
-    if (Bit(e.hddblockade, i) && !Bit(e.hddrepair, i)) continue;
-    ++in_use;
-    last = i;
-  }
-  // The calling thread writes the last copy itself rather than wait idle: a
-  // single copy needs no worker at all, and K copies need K - 1 hand-offs.
-  auto* blk = in_use < 2 ? nullptr : sbacc::WorkerBlockCreate<SBACC_HDDSET_THREAD_PARAM>(
-      "sbacc_ma_hdd_access", sizeof(SBACC_HDDSET_THREAD_PARAM) + static_cast<size_t>(len));
-  if (blk != nullptr) {
-    for (int i = 0; i < n; ++i) {
-      blk->param[i].index = i;
-      blk->param[i].addr = blk;
-    }
-    blk->sfd = sfd;
-    blk->offset = offset;
-    blk->size = len;
-    memcpy(blk->buf, buf, static_cast<size_t>(len));
-  }
-
+  uint32_t targets = 0;
+  int last = -1;
   for (int i = 0; i < n; ++i) {
     if (Bit(e.hddblockade, i) && !Bit(e.hddrepair, i)) {
       sbacc_ma_close_hdd(sfd, i);
       continue;
     }
     if (!EnsureOpen(sfd, i, flags)) continue;
-    if (blk != nullptr && i != last && sbacc::WorkerStart(blk, sbacc_ma_hddset_thread, &blk->param[i])) continue;
-    if (sbacc_l_hddset(sfd, i, offset, buf, len) != 0) {
-      SBACC_TRACE(1, "[sbacc_ma_hdd_access] sbacc_l_hddset error. path=%s", sfd->sfe.hddname[i]);
-      sbacc_ma_close_hdd(sfd, i);
+    targets |= 1u << i;
+    last = i;
+  }
+  WriteTask tasks[SBACC_HDD_MAX];
+  int results[SBACC_HDD_MAX] = {};
+  {
+    // The calling thread writes the last copy itself rather than wait idle:
+    // a single copy needs no worker at all, and K copies K - 1 hand-offs.
+    sbacc::TaskGroup round("sbacc_ma_hdd_access", sbacc::WorkerLog::kRestore1);
+    for (int i = 0; i < n; ++i) {
+      if (!Bit(targets, i)) continue;
+      tasks[i] = WriteTask{sfd, i, offset, buf, len};
+      round.Run(WriteCopy, &tasks[i], &results[i], i == last);
     }
   }
-
-  if (blk != nullptr) {
-    sbacc::WorkerWait(blk);
-    for (int i = 0; i < n; ++i) {
-      if (blk->thread_retcode[i] != 0) sbacc_ma_close_hdd(sfd, i);
-    }
-    sbacc::WorkerBlockRelease(blk);
+  for (int i = 0; i < n; ++i) {
+    if (!Bit(targets, i) || results[i] == 0) continue;
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_hdd_access] sbacc_l_hddset error. path=%s", sfd->sfe.hddname[i]);
+    sbacc_ma_close_hdd(sfd, i);
   }
 }
 
 }  // namespace
 
 int sbacc_ma_hdd_access(SBACC_FILE_DISCRIPTER* sfd, int direction, int offset, void* buf, int len) {
-  SBACC_TRACE(5, "[sbacc_ma_hdd_access] [ENTER]");
+  SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_hdd_access] [ENTER]");
   const int flags = (sfd->openmode == SBACC_OPENMODE_READ) ? O_RDONLY : O_RDWR;
   const uint32_t maxbit = SBACC_HDD_MAXBIT(sfd->sfe.hddcount);
 
   SBACC_MEM_LIST_ENTRY entry;
   int rc = sbacc_memget_entry(sfd, &entry);
   if (rc != 0) {
-    SBACC_TRACE(5, "[sbacc_ma_hdd_access] [LEAVE] %d", rc);
+    SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_hdd_access] [LEAVE] %d", rc);
     return rc;
   }
   if (entry.hddblockade == maxbit) {
-    SBACC_TRACE(1, "[sbacc_ma_hdd_access] opencnt error.");
-    SBACC_TRACE(5, "[sbacc_ma_hdd_access] [LEAVE] %d", SBACC_E_NOCOPY);
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_hdd_access] opencnt error.");
+    SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_hdd_access] [LEAVE] %d", SBACC_E_NOCOPY);
     return SBACC_E_NOCOPY;
   }
 
@@ -136,90 +139,101 @@ int sbacc_ma_hdd_access(SBACC_FILE_DISCRIPTER* sfd, int direction, int offset, v
 
   rc = sbacc_ma_set_hddblockade(sfd, &entry);
   if (rc != 0) {
-    SBACC_TRACE(1, "[sbacc_ma_hdd_access] sbacc_ma_set_hddblockade error. retcode=%d", rc);
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_hdd_access] sbacc_ma_set_hddblockade error. retcode=%d", rc);
   } else if (entry.hddblockade == maxbit) {
-    SBACC_TRACE(1, "[sbacc_ma_hdd_access] opencnt error.");
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_hdd_access] opencnt error.");
     rc = SBACC_E_NOCOPY;
   }
-  SBACC_TRACE(5, "[sbacc_ma_hdd_access] [LEAVE] %d", rc);
+  SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_hdd_access] [LEAVE] %d", rc);
   return rc;
 }
 
-void* sbacc_ma_hddset_thread(void* arg) {
-  auto* sub = static_cast<SBACC_HDDSET_THREAD_PARAM_SUB*>(arg);
-  sbacc::WorkerThreadSetup(sbacc::WorkerLog::kRestore1);
-  SBACC_TRACE(5, "[sbacc_ma_hddset_thread] [ENTER]");
-  SBACC_HDDSET_THREAD_PARAM* blk = sub->addr;
-  const int index = sub->index;
-  const int rc = sbacc_l_hddset(blk->sfd, index, blk->offset, blk->buf, blk->size);
-  sbacc::WorkerFinish(blk, &blk->thread_retcode[index], rc);  // last touch of the block
-  SBACC_TRACE(5, "[sbacc_ma_hddset_thread] [LEAVE] %d", rc);
-  return reinterpret_cast<void*>(static_cast<intptr_t>(rc));
+namespace {
+
+// Adds the copies of `mask` to the area's fenced set.  Outside a repair,
+// fence bits are only ever added: another handle on the area may have fenced
+// a copy that this one still has open, and writing this handle's view alone
+// would take that copy back into use with stale data.  So the mask is
+// merged with the word NV holds now, under the record's lock.
+int RecordFenced(SBACC_FILE_DISCRIPTER* sfd, SBACC_MEM_LIST_ENTRY* r, uint32_t mask, bool any_healthy) {
+  const char* name = sfd->sfe.filename;
+  const bool write_nv = (sfd->openmode != SBACC_OPENMODE_READ);
+  sbacc::NvRecordLock lock(sfd);
+  uint32_t now = r->hddblockade;
+  int rc = write_nv ? sbacc_memget_hddblockade(sfd, &now) : 0;
+  if (rc != 0) {
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_memset_hddblockade] sbacc_memget_hddblockade error. retcode=%d", rc);
+    return rc;
+  }
+  const uint32_t merged = now | mask;
+  if (!any_healthy && merged != now) {
+    // The copies in use until now hold the newest data.
+    r->latesthdd = now ^ merged;
+    if (write_nv) rc = sbacc_memset_latesthdd(sfd, r->latesthdd);
+    if (rc != 0) {
+      SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_memset_hddblockade] sbacc_memset_latesthdd error. retcode=%d", rc);
+      return rc;
+    }
+    SBACC_TRACE(sbacc::kTraceState, "[sbacc_ma_memset_hddblockade] latesthdd: %#x", r->latesthdd);
+  }
+  SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_memset_hddblockade] hddblockade: %#x ===> %#x filename=%s", now, merged,
+              name);
+  r->hddblockade = merged;
+  if (write_nv && merged != now) rc = sbacc_memset_hddblockade(sfd, merged);
+  if (rc != 0) {
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_memset_hddblockade] sbacc_memset_hddblockade error. retcode=%d", rc);
+  }
+  return rc;
 }
 
+}  // namespace
+
 int sbacc_ma_memset_hddblockade(SBACC_FILE_DISCRIPTER* sfd, SBACC_MEM_LIST_ENTRY* r) {
-  SBACC_TRACE(5, "[sbacc_ma_memset_hddblockade] [ENTER]");
+  SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_memset_hddblockade] [ENTER]");
   const char* name = sfd->sfe.filename;
   uint32_t mask = 0;
   bool any_healthy = false;
   for (int i = 0; i < NvCopies(r); ++i) {
     if (sfd->fd[i] == -1 || Bit(r->hddrepair, i)) {
       mask |= 1u << i;
-      SBACC_TRACE(5, "[sbacc_ma_memset_hddblockade] HDD[%d] is blockade filename=%s", i, name);
+      SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_memset_hddblockade] HDD[%d] is blockade filename=%s", i, name);
     } else {
       any_healthy = true;
     }
   }
-  if (mask != 0) SBACC_TRACE(5, "[sbacc_ma_memset_hddblockade] hddblockade: %#x filename=%s", mask, name);
+  if (mask != 0) SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_memset_hddblockade] hddblockade: %#x filename=%s", mask, name);
   if (mask == r->hddblockade) {
-    SBACC_TRACE(5, "[sbacc_ma_memset_hddblockade] [LEAVE] %d", 0);
+    SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_memset_hddblockade] [LEAVE] %d", 0);
     return 0;
   }
-  const bool write_nv = (sfd->openmode != SBACC_OPENMODE_READ);
-  int rc = 0;
-  if (!any_healthy) {
-    // The copies in use until now hold the newest data.
-    r->latesthdd = r->hddblockade ^ mask;
-    if (write_nv) rc = sbacc_memset_latesthdd(sfd, r->latesthdd);
-    if (rc != 0) {
-      SBACC_TRACE(1, "[sbacc_ma_memset_hddblockade] sbacc_memset_latesthdd error. retcode=%d", rc);
-      SBACC_TRACE(5, "[sbacc_ma_memset_hddblockade] [LEAVE] %d", rc);
-      return rc;
-    }
-    SBACC_TRACE(4, "[sbacc_ma_memset_hddblockade] latesthdd: %#x", r->latesthdd);
-  }
-  SBACC_TRACE(5, "[sbacc_ma_memset_hddblockade] hddblockade: %#x ===> %#x filename=%s", r->hddblockade, mask,
-              name);
-  r->hddblockade = mask;
-  if (write_nv) rc = sbacc_memset_hddblockade(sfd, mask);
-  if (rc != 0) SBACC_TRACE(1, "[sbacc_ma_memset_hddblockade] sbacc_memset_hddblockade error. retcode=%d", rc);
-  SBACC_TRACE(5, "[sbacc_ma_memset_hddblockade] [LEAVE] %d", rc);
+  const int rc = RecordFenced(sfd, r, mask, any_healthy);
+  SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_memset_hddblockade] [LEAVE] %d", rc);
   return rc;
 }
 
 int sbacc_ma_set_hddblockade(SBACC_FILE_DISCRIPTER* sfd, SBACC_MEM_LIST_ENTRY* r) {
-  SBACC_TRACE(5, "[sbacc_ma_set_hddblockade] [ENTER]");
+  SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_set_hddblockade] [ENTER]");
   const uint32_t prev = r->hddblockade;
   int rc = sbacc_ma_memset_hddblockade(sfd, r);
   if (rc != 0) {
-    SBACC_TRACE(1, "[sbacc_ma_set_hddblockade] sbacc_ma_memset_hddblockade error. retcode=%d", rc);
-    SBACC_TRACE(5, "[sbacc_ma_set_hddblockade] [LEAVE] %d", rc);
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_set_hddblockade] sbacc_ma_memset_hddblockade error. retcode=%d", rc);
+    SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_set_hddblockade] [LEAVE] %d", rc);
     return rc;
   }
-  SBACC_TRACE(5, "[sbacc_ma_set_hddblockade] hddblockade prev=%d current=%d", static_cast<int>(prev),
+  SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_set_hddblockade] hddblockade prev=%d current=%d", static_cast<int>(prev),
               static_cast<int>(r->hddblockade));
   if (r->hddblockade != prev) {
     const uint32_t maxbit = SBACC_HDD_MAXBIT(sfd->sfe.hddcount);
     if (r->hddblockade == maxbit) {
       // No copy is left to carry the mask.
-      SBACC_TRACE(5, "[sbacc_ma_set_hddblockade] SBACC_HDD_MAXBIT=%d", static_cast<int>(maxbit));
+      SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_set_hddblockade] SBACC_HDD_MAXBIT=%d", static_cast<int>(maxbit));
     } else if (sfd->openmode != SBACC_OPENMODE_READ) {
       // An access of its own: a copy failing here is fenced off by a nested recording.
       rc = sbacc_ma_hddset_hddblockade(sfd, r->hddblockade);
-      if (rc != 0) SBACC_TRACE(1, "[sbacc_ma_set_hddblockade] sbacc_ma_hddset_hddblockade error. retcode=%d", rc);
+      if (rc != 0) SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_set_hddblockade] sbacc_ma_hddset_hddblockade error. retcode=%d", rc);
     }
   }
-  SBACC_TRACE(5, "[sbacc_ma_set_hddblockade] [LEAVE] %d", rc);
+  SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_set_hddblockade] [LEAVE] %d", rc);
   return rc;
 }
 

@@ -18,10 +18,9 @@ constexpr int kZeroChunk = 1024;
 // never send data past the area into its neighbour.  Negative: the header
 // leaves no room at all.
 int64_t Capacity(const SBACC_FILE_DISCRIPTER* sfd, const SBACC_HDD_HEADER& h) {
-  int64_t area = h.areasize;
-  const uint64_t configured = sfd->sfe.areasize;
-  if (configured < static_cast<uint64_t>(area)) area = static_cast<int64_t>(configured);
-  return area - SBACC_HEADER_SIZE;
+  const int64_t by_header = static_cast<int64_t>(h.areasize) - SBACC_HEADER_SIZE;
+  const int64_t configured = sbacc_ma_data_capacity(sfd);
+  return by_header < configured ? by_header : configured;
 }
 
 // A stored size outside 0..capacity cannot be trusted to mark the end of the
@@ -47,25 +46,25 @@ int SetWriteIntent(SBACC_FILE_DISCRIPTER* sfd, SBACC_HDD_HEADER* h, uint8_t flag
 }  // namespace
 
 int sbacc_ma_write(const void* buf, int size, int offset, SBACC_FILE_DISCRIPTER* sfd) {
-  SBACC_TRACE(5, "[sbacc_ma_write] [ENTER]");
+  SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_write] [ENTER]");
   SBACC_HDD_HEADER h;
   int rc = sbacc_ma_hddget_header(sfd, &h);
   if (rc != 0) {
-    SBACC_TRACE(1, "[sbacc_ma_write] sbacc_ma_hddget_header error. retcode=%d", rc);
-    SBACC_TRACE(5, "[sbacc_ma_write] [LEAVE] %d", rc);
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_write] sbacc_ma_hddget_header error. retcode=%d", rc);
+    SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_write] [LEAVE] %d", rc);
     return rc;
   }
   const int64_t capacity = Capacity(sfd, h);
   const int64_t end = static_cast<int64_t>(offset) + size;
   if (BeyondCapacity(end, capacity)) {
-    SBACC_TRACE(1, "[sbacc_ma_write] nospace error. offset=%d + size=%d > header.areasize=%d + sizeof(header)=%d",
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_write] nospace error. offset=%d + size=%d > header.areasize=%d + sizeof(header)=%d",
                 offset, size, h.areasize, SBACC_HEADER_SIZE);
-    SBACC_TRACE(5, "[sbacc_ma_write] [LEAVE] %d", SBACC_E_NOSPACE);
+    SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_write] [LEAVE] %d", SBACC_E_NOSPACE);
     return SBACC_E_NOSPACE;
   }
   if (!FilesizeSane(h, capacity)) {
-    SBACC_TRACE(1, "[sbacc_ma_write] header error. filesize=%d areasize=%d", h.filesize, h.areasize);
-    SBACC_TRACE(5, "[sbacc_ma_write] [LEAVE] %d", SBACC_E_HDDREAD);
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_write] header error. filesize=%d areasize=%d", h.filesize, h.areasize);
+    SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_write] [LEAVE] %d", SBACC_E_HDDREAD);
     return SBACC_E_HDDREAD;
   }
 
@@ -76,15 +75,15 @@ int sbacc_ma_write(const void* buf, int size, int offset, SBACC_FILE_DISCRIPTER*
     if (rc == 0) {
       rc = sbacc_ma_hddset_data(sfd, p, zeros, n);
       if (rc != 0) {
-        SBACC_TRACE(1, "[sbacc_ma_write] sbacc_ma_hddset_data error. retcode=%d", rc);
-        SBACC_TRACE(5, "[sbacc_ma_write] [LEAVE] %d", rc);
+        SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_write] sbacc_ma_hddset_data error. retcode=%d", rc);
+        SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_write] [LEAVE] %d", rc);
         return rc;
       }
       rc = SetWriteIntent(sfd, &h, 0, 0, 0);
     }
     if (rc != 0) {
-      SBACC_TRACE(1, "[sbacc_ma_write] sbacc_ma_hddset_writeinfo error. retcode=%d", rc);
-      SBACC_TRACE(5, "[sbacc_ma_write] [LEAVE] %d", rc);
+      SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_write] sbacc_ma_hddset_writeinfo error. retcode=%d", rc);
+      SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_write] [LEAVE] %d", rc);
       return rc;
     }
     p += n;
@@ -94,73 +93,73 @@ int sbacc_ma_write(const void* buf, int size, int offset, SBACC_FILE_DISCRIPTER*
   if (rc == 0) {
     rc = sbacc_ma_hddset_data(sfd, offset, buf, size);
     if (rc != 0) {
-      SBACC_TRACE(1, "[sbacc_ma_write] sbacc_ma_hddset_data error. retcode=%d", rc);
-      SBACC_TRACE(5, "[sbacc_ma_write] [LEAVE] %d", rc);
+      SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_write] sbacc_ma_hddset_data error. retcode=%d", rc);
+      SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_write] [LEAVE] %d", rc);
       return rc;  // the intent record stays set on the copies still in use
     }
     rc = SetWriteIntent(sfd, &h, 0, 0, 0);
   }
   if (rc != 0) {
-    SBACC_TRACE(1, "[sbacc_ma_write] sbacc_ma_hddset_writeinfo error. retcode=%d", rc);
-    SBACC_TRACE(5, "[sbacc_ma_write] [LEAVE] %d", rc);
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_write] sbacc_ma_hddset_writeinfo error. retcode=%d", rc);
+    SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_write] [LEAVE] %d", rc);
     return rc;
   }
 
   if (end > h.filesize) {
     rc = sbacc_ma_hddset_filesize(sfd, static_cast<int>(end));
     if (rc != 0) {
-      SBACC_TRACE(1, "[sbacc_ma_write] sbacc_ma_hddset_filesize error. retcode=%d", rc);
-      SBACC_TRACE(5, "[sbacc_ma_write] [LEAVE] %d", rc);
+      SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_write] sbacc_ma_hddset_filesize error. retcode=%d", rc);
+      SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_write] [LEAVE] %d", rc);
       return rc;
     }
   }
-  SBACC_TRACE(5, "[sbacc_ma_write] [LEAVE] %d", size);
+  SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_write] [LEAVE] %d", size);
   return size;
 }
 
 int sbacc_ma_read(void* buf, int size, int offset, SBACC_FILE_DISCRIPTER* sfd) {
-  SBACC_TRACE(5, "[sbacc_ma_read] [ENTER]");
+  SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_read] [ENTER]");
   SBACC_HDD_HEADER h;
   int rc = sbacc_ma_hddget_header(sfd, &h);
   if (rc != 0) {
-    SBACC_TRACE(1, "[sbacc_ma_read] sbacc_ma_hddget_header error. retcode=%d", rc);
-    SBACC_TRACE(5, "[sbacc_ma_read] [LEAVE] %d", rc);
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_read] sbacc_ma_hddget_header error. retcode=%d", rc);
+    SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_read] [LEAVE] %d", rc);
     return rc;
   }
   if (!FilesizeSane(h, Capacity(sfd, h))) {
-    SBACC_TRACE(1, "[sbacc_ma_read] header error. filesize=%d areasize=%d", h.filesize, h.areasize);
-    SBACC_TRACE(5, "[sbacc_ma_read] [LEAVE] %d", SBACC_E_HDDREAD);
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_read] header error. filesize=%d areasize=%d", h.filesize, h.areasize);
+    SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_read] [LEAVE] %d", SBACC_E_HDDREAD);
     return SBACC_E_HDDREAD;
   }
   if (offset >= h.filesize) {
-    SBACC_TRACE(5, "[sbacc_ma_read] [LEAVE] %d", 0);
+    SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_read] [LEAVE] %d", 0);
     return 0;
   }
   int n = size;
   if (static_cast<int64_t>(offset) + size >= h.filesize) n = h.filesize - offset;
   rc = sbacc_ma_hddget_data(sfd, offset, buf, n);
   if (rc != 0) {
-    SBACC_TRACE(1, "[sbacc_ma_read] sbacc_ma_hddget_data error. retcode=%d", rc);
-    SBACC_TRACE(5, "[sbacc_ma_read] [LEAVE] %d", rc);
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_read] sbacc_ma_hddget_data error. retcode=%d", rc);
+    SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_read] [LEAVE] %d", rc);
     return rc;
   }
-  SBACC_TRACE(5, "[sbacc_ma_read] [LEAVE] %d", n);
+  SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_read] [LEAVE] %d", n);
   return n;
 }
 
 int sbacc_ma_write_size(int size, SBACC_FILE_DISCRIPTER* sfd) {
-  SBACC_TRACE(5, "[sbacc_ma_write_size] [ENTER]");
+  SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_write_size] [ENTER]");
   SBACC_HDD_HEADER h;
   int rc = sbacc_ma_hddget_header(sfd, &h);
   if (rc != 0) {
-    SBACC_TRACE(1, "[sbacc_ma_write_size] sbacc_ma_hddget_header error. retcode=%d", rc);
-    SBACC_TRACE(5, "[sbacc_ma_write_size] [LEAVE] %d", rc);
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_write_size] sbacc_ma_hddget_header error. retcode=%d", rc);
+    SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_write_size] [LEAVE] %d", rc);
     return rc;
   }
   const int64_t capacity = Capacity(sfd, h);
   if (BeyondCapacity(size, capacity)) {
-    SBACC_TRACE(1, "[sbacc_ma_write_size] nospace error.");
-    SBACC_TRACE(5, "[sbacc_ma_write_size] [LEAVE] %d", SBACC_E_NOSPACE);
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_write_size] nospace error.");
+    SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_write_size] [LEAVE] %d", SBACC_E_NOSPACE);
     return SBACC_E_NOSPACE;
   }
   // A stored size outside the area is not trusted: growing starts from the
@@ -174,28 +173,28 @@ int sbacc_ma_write_size(int size, SBACC_FILE_DISCRIPTER* sfd) {
     const int n = (size - p < kZeroChunk) ? size - p : kZeroChunk;
     rc = sbacc_ma_hddset_data(sfd, p, zeros, n);
     if (rc != 0) {
-      SBACC_TRACE(1, "[sbacc_ma_write_size] sbacc_ma_hddset_data error. retcode=%d", rc);
-      SBACC_TRACE(5, "[sbacc_ma_write_size] [LEAVE] %d", rc);
+      SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_write_size] sbacc_ma_hddset_data error. retcode=%d", rc);
+      SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_write_size] [LEAVE] %d", rc);
       return rc;
     }
     p += n;
   }
   rc = sbacc_ma_hddset_filesize(sfd, size);
-  if (rc != 0) SBACC_TRACE(1, "[sbacc_ma_write_size] sbacc_ma_hddset_filesize error. retcode=%d", rc);
-  SBACC_TRACE(5, "[sbacc_ma_write_size] [LEAVE] %d", rc);
+  if (rc != 0) SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_write_size] sbacc_ma_hddset_filesize error. retcode=%d", rc);
+  SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_write_size] [LEAVE] %d", rc);
   return rc;
 }
 
 int sbacc_ma_read_size(int* size, SBACC_FILE_DISCRIPTER* sfd) {
-  SBACC_TRACE(5, "[sbacc_ma_read_size] [ENTER]");
+  SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_read_size] [ENTER]");
   int rc = sbacc_ma_hddget_filesize(sfd, size);
-  if (rc != 0) SBACC_TRACE(1, "[sbacc_ma_read_size] sbacc_ma_hddget_filesize error. retcode=%d", rc);
-  SBACC_TRACE(5, "[sbacc_ma_read_size] [LEAVE] %d", rc);
+  if (rc != 0) SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_read_size] sbacc_ma_hddget_filesize error. retcode=%d", rc);
+  SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_read_size] [LEAVE] %d", rc);
   return rc;
 }
 
 int sbacc_ma_close(SBACC_FILE_DISCRIPTER* sfd) {
-  SBACC_TRACE(5, "[sbacc_ma_close] [ENTER]");
+  SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_close] [ENTER]");
   if (sfd->openmode != SBACC_OPENMODE_READ) {
     // The stamp goes first: a close cut short between the two leaves the open
     // flag raised, and the next open reports an unclean close.
@@ -208,6 +207,6 @@ int sbacc_ma_close(SBACC_FILE_DISCRIPTER* sfd) {
       sfd->fd[i] = -1;
     }
   }
-  SBACC_TRACE(5, "[sbacc_ma_close] [LEAVE] %d", 0);
+  SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_close] [LEAVE] %d", 0);
   return 0;
 }

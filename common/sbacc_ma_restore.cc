@@ -26,67 +26,56 @@ namespace {
 
 constexpr int kOpenFlags = O_RDWR;  // restore always works read-write
 
-void OpenInline(SBACC_FILE_DISCRIPTER* sfd, int i) {
-  SBACC_TRACE(kTraceState, "[repair_for_restore] open[%d] sfn=(%s) openprm=%d", i, sfd->sfe.hddname[i], kOpenFlags);
-  sfd->fd[i] = sbacc::CurrentEnv()->Open(sfd->sfe.hddname[i], kOpenFlags);
-  if (sfd->fd[i] < 0) {
-    SBACC_TRACE(kTraceError, "[repair_for_restore] open error. errno=%d sfn=%s filename=%s", errno,
-                sfd->sfe.hddname[i], sfd->sfe.filename);
-    sfd->fd[i] = -1;
-  }
-}
-
-// A worker block for the per-copy phases, or nullptr: the phase then runs in
-// the calling thread.
-SBACC_HDDSET_THREAD_PARAM* NewBlock(SBACC_FILE_DISCRIPTER* sfd) {
-  auto* blk = sbacc::WorkerBlockCreate<SBACC_HDDSET_THREAD_PARAM>("repair_for_restore");
-  if (blk == nullptr) return nullptr;
-  blk->sfd = sfd;
-  blk->openprm = kOpenFlags;
-  return blk;
-}
-
-void EndBlock(SBACC_HDDSET_THREAD_PARAM* blk) { sbacc::WorkerBlockRelease(blk); }
-
 void OpenCopies(SBACC_FILE_DISCRIPTER* sfd) {
-  SBACC_HDDSET_THREAD_PARAM* blk = NewBlock(sfd);
+  uint32_t wanted = 0;
   for (int i = 0; i < sfd->sfe.hddcount; ++i) {
     sfd->fd[i] = -1;
-    if (sfd->sfe.hddname[i][0] == '\0') continue;
-    if (blk != nullptr) {
-      blk->param[i].index = i;
-      blk->param[i].addr = blk;
-      if (sbacc::WorkerStart(blk, sbacc_ma_open_thread, &blk->param[i])) continue;
-    }
-    OpenInline(sfd, i);
+    if (sfd->sfe.hddname[i][0] != '\0') wanted |= 1u << i;
   }
-  EndBlock(blk);
+  sbacc_ma_open_copies(sfd, wanted, kOpenFlags, "repair_for_restore");
 }
 
-void RebuildInline(SBACC_FILE_DISCRIPTER* sfd, int src, int dst) {
-  SBACC_TRACE(kTraceState, "[repair_for_restore] repair[%s] src_hdd(%d) to dst_hdd(%d)", sfd->sfe.filename, src, dst);
-  if (sbacc_ma_hddrepair_copy(sfd, src, dst) != 0) {
-    const int err = errno;
-    // Other rebuild workers may still run on this descriptor.
-    sbacc_ma_repair_close_hdd(sfd, dst);
-    SBACC_TRACE(kTraceError, "[repair_for_restore] repair(%d->%d) error. errno=%d filename=%s", src, dst, err,
-                sfd->sfe.filename);
-  }
+// One stale copy's transfer from the source; see sbacc_ma_hddrepair_begin.
+struct RebuildTask {
+  SBACC_FILE_DISCRIPTER* sfd;
+  int src;
+  int dst;
+};
+
+int RebuildCopy(void* arg) {
+  const auto* t = static_cast<const RebuildTask*>(arg);
+  SBACC_TRACE(kTraceMilestone, "[repair_for_restore_c_thread] repair HDD[%d] to HDD[%d] %s", t->src, t->dst,
+              t->sfd->sfe.filename);
+  return sbacc_ma_hddrepair_transfer(t->sfd, t->src, t->dst);
 }
 
+// Rebuilds the copies of `repair` from src: each is marked and checked in
+// turn, their transfers run at once, and each is unfenced (or closed, when
+// its rebuild failed) in turn once all transfers have ended.
 void RebuildCopies(SBACC_FILE_DISCRIPTER* sfd, int src, uint32_t repair) {
-  SBACC_HDDSET_THREAD_PARAM* blk = NewBlock(sfd);
-  if (blk != nullptr) blk->src_hdd = src;
+  const char* name = sfd->sfe.filename;
+  RebuildTask tasks[SBACC_HDD_MAX];
+  int results[SBACC_HDD_MAX];
+  uint32_t started = 0;
+  {
+    sbacc::TaskGroup group("repair_for_restore", sbacc::WorkerLog::kRestore2);
+    for (int i = 0; i < sfd->sfe.hddcount; ++i) {
+      if (i == src || (repair & (1u << i)) == 0) continue;
+      SBACC_TRACE(kTraceState, "[repair_for_restore] repair[%s] src_hdd(%d) to dst_hdd(%d)", name, src, i);
+      results[i] = sbacc_ma_hddrepair_begin(sfd, src, i);
+      if (results[i] != 0) continue;
+      started |= 1u << i;
+      tasks[i] = RebuildTask{sfd, src, i};
+      group.Run(RebuildCopy, &tasks[i], &results[i]);
+    }
+  }
   for (int i = 0; i < sfd->sfe.hddcount; ++i) {
     if (i == src || (repair & (1u << i)) == 0) continue;
-    if (blk != nullptr) {
-      blk->param[i].index = i;
-      blk->param[i].addr = blk;
-      if (sbacc::WorkerStart(blk, sbacc_ma_repair_for_restore_c_thread, &blk->param[i])) continue;
-    }
-    RebuildInline(sfd, src, i);
+    if ((started >> i) & 1u) results[i] = sbacc_ma_hddrepair_end(sfd, src, i, results[i]);
+    if (results[i] == 0) continue;
+    SBACC_TRACE(kTraceError, "[repair_for_restore] repair(%d->%d) error. errno=%d filename=%s", src, i, errno, name);
+    sbacc_ma_close_hdd(sfd, i);
   }
-  EndBlock(blk);
 }
 
 // Records the final mask in NV and in the headers; failures only traced.
@@ -150,91 +139,154 @@ void Compare(const SBACC_HDD_HEADER* hdr, int i, int* src, uint32_t* repair, con
   }
 }
 
+// What the scan of an area's copies found.
+struct Scan {
+  SBACC_HDD_HEADER hdr[SBACC_HDD_MAX];
+  uint32_t blockade = 0;  // not open or header unreadable
+  uint32_t repair = 0;    // stale: to be rebuilt from src
+  uint32_t noinit = 0;    // no valid header
+  int src = -1;           // the copy holding the latest data
+};
+
+// Reads every open copy's header and chooses the latest copy.
+void ScanCopies(SBACC_FILE_DISCRIPTER* sfd, Scan* sc) {
+  const char* name = sfd->sfe.filename;
+  memset(sc->hdr, 0, sizeof sc->hdr);
+  for (int i = 0; i < sfd->sfe.hddcount; ++i) {
+    const uint32_t bit = 1u << i;
+    if (sfd->fd[i] == -1) {
+      sc->blockade |= bit;
+      SBACC_TRACE(kTraceMilestone, "[repair_for_restore] hddblockade(not open) HDD. HDD[%d] filename=%s blockade[0x%x]",
+                  i, name, sc->blockade);
+      continue;
+    }
+    const int rc = sbacc_l_hddget_header(sfd, i, &sc->hdr[i]);
+    if (rc != 0) {
+      SBACC_TRACE(kTraceError, "[repair_for_restore] sbacc_l_hddget_header[%d] error. retcode=%d filename=%s", i, rc,
+                  name);
+      sbacc_ma_close_hdd(sfd, i);
+      sc->blockade |= bit;
+      SBACC_TRACE(kTraceMilestone, "[repair_for_restore] hddblockade(read failed) HDD[%d].%s blockade[0x%x]", i, name,
+                  sc->blockade);
+      continue;
+    }
+    if (!sbacc_l_header_valid(&sc->hdr[i])) {
+      sc->repair |= bit;
+      sc->noinit |= bit;
+      SBACC_TRACE(kTraceMilestone, "[repair_for_restore] no initialize HDD[%d].%s repair[0x%x] noinit[0x%x]", i, name,
+                  sc->repair, sc->noinit);
+      continue;
+    }
+    if (sc->src < 0) {
+      sc->src = i;
+      SBACC_TRACE(kTraceState, "[repair_for_restore]   -> latest HDD :HDD[%d] filename=%s", i, name);
+    }
+    Compare(sc->hdr, i, &sc->src, &sc->repair, name);
+  }
+  SBACC_TRACE(kTraceFlow, "[repair_for_restore] filename=%s  src_hdd[%d] blockade[0x%x] repair[0x%x] noinit[0x%x]",
+              name, sc->src, sc->blockade, sc->repair, sc->noinit);
+}
+
+// The final mask, and the area's result by it.
+int Settle(const SBACC_FILE_DISCRIPTER* sfd, uint32_t blockade, uint32_t* blockade_out) {
+  *blockade_out = blockade;
+  if (blockade == SBACC_HDD_MAXBIT(sfd->sfe.hddcount)) {
+    SBACC_TRACE(kTraceError, "[repair_for_restore] opencnt error. hddblockade0x%x", blockade);
+    return SBACC_E_ALLBLOCKADE;
+  }
+  return 0;
+}
+
+// No valid header anywhere (new HDDs): every readable copy starts afresh and
+// the data repair puts the contents right.
+int InitAllNew(SBACC_FILE_DISCRIPTER* sfd, const Scan& sc, SBACC_DATA_REPAIR* rec, uint32_t* blockade_out) {
+  const char* name = sfd->sfe.filename;
+  uint32_t blockade = sc.blockade;
+  SBACC_TRACE(kTraceMilestone, "[repair_for_restore] HDD HEADER is all initialize. HDD bit [0x%x] %s", sc.repair, name);
+  for (int i = 0; i < sfd->sfe.hddcount; ++i) {
+    if (sfd->fd[i] == -1) continue;
+    SBACC_TRACE(kTraceFlow, "[repair_for_restore] sbacc_l_hddini_header HDD[%d] filename=%s", i, name);
+    const int rc = sbacc_l_hddini_header(sfd, i, 0);
+    if (rc != 0) {
+      SBACC_TRACE(kTraceError, "[repair_for_restore] sbacc_l_hddini_header error. retcode=%d HDD[%d] filename=%s", rc, i,
+                  name);
+      sbacc_ma_close_hdd(sfd, i);
+      blockade |= 1u << i;
+      SBACC_TRACE(kTraceError, "[repair_for_restore] hddblockade(not open) HDD. hdd=%d filename=%s", i, name);
+    }
+  }
+  const int rc = Settle(sfd, blockade, blockade_out);
+  if (rc != 0) return rc;
+  SBACC_TRACE(kTraceMilestone, "[repair_for_restore] data repair is needed.(%s)", name);
+  rec->data_repair = 1;
+  return 0;
+}
+
+// Records the stale copies as fenced off before anything else is written,
+// and marks them under repair so that the writes below still reach them and
+// keep their files open.  Each one leaves the mask only when its rebuild has
+// completed: a start-up cut short at any point never presents a stale copy
+// as current to the next one.
+int MarkStale(SBACC_FILE_DISCRIPTER* sfd, uint32_t blockade, uint32_t stale) {
+  for (int i = 0; i < sfd->sfe.hddcount; ++i) {
+    if (((stale >> i) & 1u) == 0) continue;
+    const int rc = sbacc_ma_memset_hddrepair(sfd, i, B_TRUE);
+    if (rc != 0) return rc;
+  }
+  const uint32_t recorded = blockade | stale;
+  int rc = sbacc_memset_hddblockade(sfd, recorded);
+  if (rc != 0) {
+    SBACC_TRACE(kTraceError, "[repair_for_restore] sbacc_memset_hddblockade error. retcode=%d", rc);
+    return rc;
+  }
+  rc = sbacc_ma_hddset_hddblockade(sfd, recorded);
+  if (rc != 0) SBACC_TRACE(kTraceError, "[repair_for_restore] sbacc_ma_hddset_hddblockade error. retcode=%d", rc);
+  return rc;
+}
+
+// Counts the repair as one open and close of the area, so that a stop in the
+// middle of it asks for a data repair at the next start.
+int CountAsOpen(SBACC_FILE_DISCRIPTER* sfd, SBACC_HDD_HEADER* latest, int src, SBACC_DATA_REPAIR* rec) {
+  const char* name = sfd->sfe.filename;
+  if (latest->openflag == 1) {
+    SBACC_TRACE(kTraceMilestone, "[repair_for_restore] filename(%s) is open_flag=ON HDD[%d]", name, src);
+    rec->data_repair = 1;
+  }
+  rec->closetime = latest->closetime;
+  latest->openflag = 1;
+  latest->opentime = sbacc::CurrentEnv()->Now();
+  // Wraps instead of overflowing on a corrupt count.
+  latest->opencnt = static_cast<int32_t>(static_cast<uint32_t>(latest->opencnt) + 1u);
+  char when[32];
+  sbacc::TimeText(latest->opentime, when);
+  SBACC_TRACE(kTraceFlow, "[repair_for_restore] set open info. openflag=ON opencnt=%d opentime(%s)", latest->opencnt,
+              when);
+  const int rc = sbacc_ma_hddset_openinfo(sfd, latest);
+  if (rc != 0) {
+    SBACC_TRACE(kTraceError, "[repair_for_restore] sbacc_ma_hddset_openinfo error. retcode=%d filename=%s", rc, name);
+  }
+  return rc;
+}
+
 // Everything between taking and releasing the repair lock, except recording
 // the final mask.  Returns the area's result; *blockade_out is the mask to
 // record.
 int RepairLocked(SBACC_FILE_DISCRIPTER* sfd, SBACC_DATA_REPAIR* rec, uint32_t* blockade_out) {
   const char* name = sfd->sfe.filename;
   const int hddcount = sfd->sfe.hddcount;
-  const uint32_t all = SBACC_HDD_MAXBIT(hddcount);
-  SBACC_HDD_HEADER hdr[SBACC_HDD_MAX];
-  memset(hdr, 0, sizeof hdr);
-  uint32_t blockade = 0, repair = 0, noinit = 0;
-  int src = -1;
-  int rc = 0;
-
-  for (int i = 0; i < hddcount; ++i) {
-    const uint32_t bit = 1u << i;
-    if (sfd->fd[i] == -1) {
-      blockade |= bit;
-      SBACC_TRACE(kTraceMilestone, "[repair_for_restore] hddblockade(not open) HDD. HDD[%d] filename=%s blockade[0x%x]",
-                  i, name, blockade);
-      continue;
-    }
-    rc = sbacc_l_hddget_header(sfd, i, &hdr[i]);
-    if (rc != 0) {
-      SBACC_TRACE(kTraceError, "[repair_for_restore] sbacc_l_hddget_header[%d] error. retcode=%d filename=%s", i, rc,
-                  name);
-      sbacc_ma_close_hdd(sfd, i);
-      blockade |= bit;
-      SBACC_TRACE(kTraceMilestone, "[repair_for_restore] hddblockade(read failed) HDD[%d].%s blockade[0x%x]", i, name,
-                  blockade);
-      continue;
-    }
-    if (!sbacc_l_header_valid(&hdr[i])) {
-      repair |= bit;
-      noinit |= bit;
-      SBACC_TRACE(kTraceMilestone, "[repair_for_restore] no initialize HDD[%d].%s repair[0x%x] noinit[0x%x]", i, name,
-                  repair, noinit);
-      continue;
-    }
-    if (src < 0) {
-      src = i;
-      SBACC_TRACE(kTraceState, "[repair_for_restore]   -> latest HDD :HDD[%d] filename=%s", i, name);
-    }
-    Compare(hdr, i, &src, &repair, name);
-  }
-  SBACC_TRACE(kTraceFlow, "[repair_for_restore] filename=%s  src_hdd[%d] blockade[0x%x] repair[0x%x] noinit[0x%x]",
-              name, src, blockade, repair, noinit);
-
-  // No valid header anywhere (new HDDs): start every readable copy afresh and
-  // let the data repair put the contents right.
-  if (noinit != 0 && noinit == repair && src < 0) {
-    SBACC_TRACE(kTraceMilestone, "[repair_for_restore] HDD HEADER is all initialize. HDD bit [0x%x] %s", repair, name);
-    for (int i = 0; i < hddcount; ++i) {
-      if (sfd->fd[i] == -1) continue;
-      SBACC_TRACE(kTraceFlow, "[repair_for_restore] sbacc_l_hddini_header HDD[%d] filename=%s", i, name);
-      rc = sbacc_l_hddini_header(sfd, i, 0);
-      if (rc != 0) {
-        SBACC_TRACE(kTraceError, "[repair_for_restore] sbacc_l_hddini_header error. retcode=%d HDD[%d] filename=%s", rc,
-                    i, name);
-        sbacc_ma_close_hdd(sfd, i);
-        blockade |= 1u << i;
-        SBACC_TRACE(kTraceError, "[repair_for_restore] hddblockade(not open) HDD. hdd=%d filename=%s", i, name);
-      }
-    }
-    *blockade_out = blockade;
-    if (blockade == all) {
-      SBACC_TRACE(kTraceError, "[repair_for_restore] opencnt error. hddblockade0x%x", blockade);
-      return SBACC_E_ALLBLOCKADE;
-    }
-    SBACC_TRACE(kTraceMilestone, "[repair_for_restore] data repair is needed.(%s)", name);
-    rec->data_repair = 1;
-    return 0;
-  }
-
-  *blockade_out = blockade;
-  if (blockade == all) {
-    SBACC_TRACE(kTraceError, "[repair_for_restore] opencnt error. hddblockade0x%x", blockade);
-    return SBACC_E_ALLBLOCKADE;
-  }
+  Scan sc;
+  ScanCopies(sfd, &sc);
+  if (sc.noinit != 0 && sc.noinit == sc.repair && sc.src < 0) return InitAllNew(sfd, sc, rec, blockade_out);
+  int rc = Settle(sfd, sc.blockade, blockade_out);
+  if (rc != 0) return rc;
 
   // Copies the source itself records as fenced off missed writes.
   for (int i = 0; i < hddcount; ++i) {
     const uint32_t bit = 1u << i;
-    if ((blockade & bit) == 0 && (hdr[src].hddblockade & bit) != 0) {
-      repair |= bit;
-      SBACC_TRACE(kTraceMilestone, "[repair_for_restore] update candidate HDD[%d]. %s repair[0x%x]", i, name, repair);
+    if ((sc.blockade & bit) == 0 && (sc.hdr[sc.src].hddblockade & bit) != 0) {
+      sc.repair |= bit;
+      SBACC_TRACE(kTraceMilestone, "[repair_for_restore] update candidate HDD[%d]. %s repair[0x%x]", i, name,
+                  sc.repair);
     }
   }
 
@@ -242,97 +294,41 @@ int RepairLocked(SBACC_FILE_DISCRIPTER* sfd, SBACC_DATA_REPAIR* rec, uint32_t* b
   // records it as fenced off, together with any copy that a failed access
   // closed; recording the mask of the scan instead would let a later open
   // take the stale copy for a current one.
-  const uint32_t stale = repair & ~(1u << src);
-  auto stop = [&](int code) {
+  const uint32_t stale = sc.repair & ~(1u << sc.src);
+  rc = MarkStale(sfd, sc.blockade, stale);
+  if (rc == 0) rc = CountAsOpen(sfd, &sc.hdr[sc.src], sc.src, rec);
+  if (rc != 0) {
     for (int i = 0; i < hddcount; ++i) {
       if ((stale >> i) & 1u) (void)sbacc_ma_memset_hddrepair(sfd, i, B_FALSE);
     }
     *blockade_out = NotOpen(sfd) | stale;
-    return code;
-  };
-
-  // The same holds for a power cut: stale copies are recorded as fenced off
-  // before anything else is written, and marked under repair so that the
-  // writes below still reach them and keep their files open.  Each one leaves
-  // the mask only when its rebuild has completed; a start-up cut short at any
-  // point never presents a stale copy as current to the next one.
-  for (int i = 0; i < hddcount; ++i) {
-    if (((stale >> i) & 1u) == 0) continue;
-    rc = sbacc_ma_memset_hddrepair(sfd, i, B_TRUE);
-    if (rc != 0) return stop(rc);
-  }
-  const uint32_t recorded = blockade | stale;
-  rc = sbacc_memset_hddblockade(sfd, recorded);
-  if (rc != 0) {
-    SBACC_TRACE(kTraceError, "[repair_for_restore] sbacc_memset_hddblockade error. retcode=%d", rc);
-    return stop(rc);
-  }
-  rc = sbacc_ma_hddset_hddblockade(sfd, recorded);
-  if (rc != 0) {
-    SBACC_TRACE(kTraceError, "[repair_for_restore] sbacc_ma_hddset_hddblockade error. retcode=%d", rc);
-    return stop(rc);
+    return rc;
   }
 
-  // Count the repair as one open and close of the area, so that a stop in
-  // the middle of it asks for a data repair at the next start.
-  SBACC_HDD_HEADER& latest = hdr[src];
-  if (latest.openflag == 1) {
-    SBACC_TRACE(kTraceMilestone, "[repair_for_restore] filename(%s) is open_flag=ON HDD[%d]", name, src);
-    rec->data_repair = 1;
-  }
-  rec->closetime = latest.closetime;
-  latest.openflag = 1;
-  latest.opentime = sbacc::CurrentEnv()->Now();
-  // Wraps instead of overflowing on a corrupt count.
-  latest.opencnt = static_cast<int32_t>(static_cast<uint32_t>(latest.opencnt) + 1u);
-  char when[32];
-  sbacc::TimeText(latest.opentime, when);
-  SBACC_TRACE(kTraceFlow, "[repair_for_restore] set open info. openflag=ON opencnt=%d opentime(%s)", latest.opencnt,
-              when);
-  rc = sbacc_ma_hddset_openinfo(sfd, &latest);
-  if (rc != 0) {
-    SBACC_TRACE(kTraceError, "[repair_for_restore] sbacc_ma_hddset_openinfo error. retcode=%d filename=%s", rc, name);
-    return stop(rc);
-  }
-
-  if (repair == 0) {
-    SBACC_TRACE(kTraceState, "[repair_for_restore] hdd repair no exec. hddblockade=0x%x %s", blockade, name);
-    (void)sbacc_ma_resync_copies(sfd);
-    *blockade_out = NotOpen(sfd);  // and any copy the writes above closed
-    if (*blockade_out == all) {
-      SBACC_TRACE(kTraceError, "[repair_for_restore] opencnt error. hddblockade0x%x", *blockade_out);
-      return SBACC_E_ALLBLOCKADE;
+  if (sc.repair == 0) {
+    SBACC_TRACE(kTraceState, "[repair_for_restore] hdd repair no exec. hddblockade=0x%x %s", sc.blockade, name);
+  } else {
+    SBACC_TRACE(kTraceFlow,
+                "[repair_for_restore] hdd repair exec. src_hdd=%d repair=0x%x hddblockade hdd=0x%x filename=%s",
+                sc.src, sc.repair, sc.blockade, name);
+    RebuildCopies(sfd, sc.src, sc.repair);
+    // A rebuild that never got going (source fenced off) leaves the mark set
+    // above; none may outlive the repair.  Rebuilt copies are already clear.
+    for (int i = 0; i < hddcount; ++i) {
+      if ((stale >> i) & 1u) (void)sbacc_ma_memset_hddrepair(sfd, i, B_FALSE);
     }
-    return 0;
   }
-
-  SBACC_TRACE(kTraceFlow, "[repair_for_restore] hdd repair exec. src_hdd=%d repair=0x%x hddblockade hdd=0x%x filename=%s",
-              src, repair, blockade, name);
-  RebuildCopies(sfd, src, repair);
-  // A rebuild that never got going (source fenced off, no buffer) leaves the
-  // mark set above; none may outlive the repair.  Rebuilt copies are already
-  // clear, so this is a no-op for them.
-  for (int i = 0; i < hddcount; ++i) {
-    if ((stale >> i) & 1u) (void)sbacc_ma_memset_hddrepair(sfd, i, B_FALSE);
-  }
-  // The rebuilt copies now match the source; the usable ones may still
-  // differ where a write was cut between copies.
+  // The usable copies may still differ where a write was cut between copies.
   (void)sbacc_ma_resync_copies(sfd);
-
   // A copy ends either open and current or closed and fenced off.
-  blockade = 0;
-  for (int i = 0; i < hddcount; ++i) {
-    if (sfd->fd[i] != -1) continue;
-    blockade |= 1u << i;
-    SBACC_TRACE(kTraceState, "[repair_for_restore] hddblockade(repair failed) HDD[%d]. %s blockade[0x%x]", i, name,
-                blockade);
+  const uint32_t blockade = NotOpen(sfd);
+  for (int i = 0; i < hddcount && sc.repair != 0; ++i) {
+    if ((blockade >> i) & 1u) {
+      SBACC_TRACE(kTraceState, "[repair_for_restore] hddblockade(repair failed) HDD[%d]. %s blockade[0x%x]", i, name,
+                  blockade);
+    }
   }
-  *blockade_out = blockade;
-  if (blockade == all) {
-    SBACC_TRACE(kTraceError, "[repair_for_restore] opencnt error. hddblockade0x%x", blockade);
-    return SBACC_E_ALLBLOCKADE;
-  }
-  return 0;
+  return Settle(sfd, blockade, blockade_out);
 }
 
 }  // namespace
@@ -378,26 +374,4 @@ int sbacc_ma_repair_for_restore(int index) {
   sbacc_ma_free_sfd(sfd);
   SBACC_TRACE(kTraceFlow, "[repair_for_restore] [LEAVE] %d", rc);
   return rc;
-}
-
-void* sbacc_ma_repair_for_restore_c_thread(void* arg) {
-  auto* sub = static_cast<SBACC_HDDSET_THREAD_PARAM_SUB*>(arg);
-  SBACC_HDDSET_THREAD_PARAM* blk = sub->addr;
-  const int dst = sub->index;
-  const int src = blk->src_hdd;
-  SBACC_FILE_DISCRIPTER* sfd = blk->sfd;
-  sbacc::WorkerThreadSetup(sbacc::WorkerLog::kRestore2);
-  SBACC_TRACE(kTraceFlow, "[repair_for_restore_c_thread] [ENTER]");
-  SBACC_TRACE(kTraceMilestone, "[repair_for_restore_c_thread] repair HDD[%d] to HDD[%d] %s", src, dst,
-              sfd->sfe.filename);
-  const int rc = sbacc_ma_hddrepair_copy(sfd, src, dst);
-  if (rc != 0) {
-    SBACC_TRACE(kTraceError, "[repair_for_restore_c_thread] repair_for_restore(%d->%d) error. errno=%d filename=%s", src,
-                dst, errno, sfd->sfe.filename);
-    sbacc_ma_repair_close_hdd(sfd, dst);
-  }
-  // The block and the descriptor may be gone once this returns.
-  sbacc::WorkerFinish(blk, &blk->thread_retcode[dst], rc);
-  SBACC_TRACE(kTraceFlow, "[repair_for_restore_c_thread] [LEAVE] %d", rc);
-  return reinterpret_cast<void*>(static_cast<intptr_t>(rc));
 }

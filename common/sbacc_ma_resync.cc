@@ -27,17 +27,12 @@ struct Plan {
   bool needed = false;
 };
 
-int32_t Capacity(const SBACC_FILE_DISCRIPTER* sfd) {
-  const uint64_t area = sfd->sfe.areasize > INT32_MAX ? INT32_MAX : sfd->sfe.areasize;
-  return area > SBACC_HEADER_SIZE ? static_cast<int32_t>(area - SBACC_HEADER_SIZE) : 0;
-}
-
 // Reads every open copy's header (a copy that cannot deliver it is closed,
 // and so ends fenced off) and decides whether and what to copy.
 Plan Decide(SBACC_FILE_DISCRIPTER* sfd, SBACC_HDD_HEADER* hdr) {
   Plan plan;
   const int n = sbacc_ma_copies(sfd);
-  const int32_t cap = Capacity(sfd);
+  const int32_t cap = sbacc_ma_data_capacity(sfd);
   bool whole = false;
   plan.lo = cap;
   for (int i = 0; i < n; ++i) {

@@ -49,18 +49,10 @@ const data_repair_t kDataRepairTable[kTableRows] = {
 
 bool IsNoCopy(int rc) { return rc == SBACC_E_ALLBLOCKADE || rc == SBACC_E_NOCOPY; }
 
-// A repair run in the calling thread has failed.
-int InThreadFailure(int rc, int index) {
-  if (IsNoCopy(rc)) {
-    SBACC_TRACE(kTraceError, "[sbacc_hdd_restore] HDD dose not exist. file_index=%d retcode=%d->%d", index, rc, 0);
-    return 0;
-  }
-  SBACC_TRACE(kTraceError, "[sbacc_hdd_restore] sbacc_ma_repair_for_restore error. retcode=%d errno=%d", rc, errno);
-  return rc;
-}
-
-// The verdict on the HDD repair: 0 to go on with the data repair, else
-// *result holds the restore's result.
+// The verdict on the HDD repair: true to go on with the data repair, else
+// *result holds the restore's result.  Every area has been repaired as far as
+// it could be; the first failing area in index order decides, as it always
+// has, whichever thread ran it.
 bool Judge(const int* results, int filenum, int* result) {
   for (int i = 0; i < filenum; ++i) {
     const int rc = results[i];
@@ -78,56 +70,25 @@ bool Judge(const int* results, int filenum, int* result) {
   return true;
 }
 
-SBACC_HDDRST_THREAD_PARAM* NewRestoreBlock() {
-  return sbacc::WorkerBlockCreate<SBACC_HDDRST_THREAD_PARAM>("sbacc_hdd_restore");
+int RepairArea(void* arg) {
+  const int index = *static_cast<const int*>(arg);
+  SBACC_TRACE(kTraceMilestone, "[repair_for_restore_p_thread] repair exec.index=%d", index);
+  const int rc = sbacc_ma_repair_for_restore(index);
+  if (rc != 0) SBACC_TRACE(kTraceError, "[repair_for_restore_p_thread] repair error. index=%d", index);
+  return rc;
 }
 
-// Parallel HDD repair.  The block has 64 slots, and the list has no limit, so
-// areas run in batches of 64: every slot's worker of a batch has finished
-// before the slot is reused, and each result is kept in `results` (one entry
-// per area) until all areas have run.  Returns false when the HDD repair
-// ended early (an in-thread repair failed); *result is then set.
-bool RepairParallel(SBACC_HDDRST_THREAD_PARAM* blk, int filenum, int* results, int* result) {
-  for (int base = 0; base < filenum; base += SBACC_RESTORE_SLOTS) {
-    const int end = (filenum - base > SBACC_RESTORE_SLOTS) ? base + SBACC_RESTORE_SLOTS : filenum;
-    for (int i = base; i < end; ++i) {
-      SBACC_TRACE(kTraceFlow, "[sbacc_hdd_restore] [%d/%d]", i, filenum);
-      SBACC_HDDRST_THREAD_PARAM_SUB* slot = &blk->param[i - base];
-      slot->index = i;
-      slot->addr = blk;
-      SBACC_TRACE(kTraceState, "[sbacc_hdd_restore] sbacc_ma_repair_for_restore() is multi exec. file_index=%d", i);
-      if (sbacc::WorkerStart(blk, sbacc_ma_repair_for_restore_p_thread, slot)) continue;
-      SBACC_TRACE(kTraceState, "[sbacc_hdd_restore] sbacc_ma_repair_for_restore() is single exec. file_index=%d", i);
-      const int rc = sbacc_ma_repair_for_restore(i);
-      if (rc != 0) {
-        // Started workers still write into the block and the verdict
-        // records: both must outlive them.
-        sbacc::WorkerWait(blk);
-        *result = InThreadFailure(rc, i);
-        return false;
-      }
-    }
-    sbacc::WorkerWait(blk);
-    for (int i = base; i < end; ++i) {
-      int* slot_rc = &blk->thread_retcode[i - base];
-      results[i] = *slot_rc;
-      *slot_rc = 0;
-    }
-  }
-  return true;
-}
-
-bool RepairSerial(int filenum, int* result) {
+// The HDD repair of every area, one task each.  An area that fails does not
+// stop the others: each task owns its area's descriptor, verdict record and
+// result slot, whichever thread runs it.
+void RepairAll(int filenum, int* indexes, int* results) {
+  sbacc::TaskGroup group("sbacc_hdd_restore", sbacc::WorkerLog::kRestore2);
   for (int i = 0; i < filenum; ++i) {
     SBACC_TRACE(kTraceFlow, "[sbacc_hdd_restore] [%d/%d]", i, filenum);
-    SBACC_TRACE(kTraceState, "[sbacc_hdd_restore] sbacc_ma_repair_for_restore() is single exec. file_index=%d", i);
-    const int rc = sbacc_ma_repair_for_restore(i);
-    if (rc != 0) {
-      *result = InThreadFailure(rc, i);
-      return false;
-    }
+    SBACC_TRACE(kTraceState, "[sbacc_hdd_restore] sbacc_ma_repair_for_restore() is multi exec. file_index=%d", i);
+    indexes[i] = i;
+    group.Run(RepairArea, &indexes[i], &results[i]);
   }
-  return true;
 }
 
 // ---- Data repair ------------------------------------------------------------------
@@ -348,24 +309,16 @@ int Restore(const data_repair_t* table) {
     SBACC_TRACE(kTraceError, "[sbacc_hdd_restore] SBACC_CALLOC error. errno=%d", errno);
     return SBACC_E_NOSPACE;
   }
-  // Every area's result, kept across the batches of the parallel phase.
-  int* results = static_cast<int*>(SBACC_CALLOC(records, sizeof(int)));
+  // Every area's result and the index its task reads.
+  int* results = static_cast<int*>(SBACC_CALLOC(2 * static_cast<size_t>(records), sizeof(int)));
   if (results == nullptr) {
     SBACC_TRACE(kTraceError, "[sbacc_hdd_restore] SBACC_CALLOC error. errno=%d", errno);
     SBACC_FREE(p_sbacc_data_repair);
     p_sbacc_data_repair = nullptr;
     return SBACC_E_NOSPACE;
   }
-
-  bool go_on;
-  SBACC_HDDRST_THREAD_PARAM* blk = NewRestoreBlock();
-  if (blk != nullptr) {
-    go_on = RepairParallel(blk, filenum, results, &rc) && Judge(results, filenum, &rc);
-    sbacc::WorkerBlockRelease(blk);
-  } else {
-    go_on = RepairSerial(filenum, &rc);
-  }
-  if (go_on) rc = DataRepair(table, p_sbacc_data_repair, filenum);
+  RepairAll(filenum, results + records, results);
+  if (Judge(results, filenum, &rc)) rc = DataRepair(table, p_sbacc_data_repair, filenum);
 
   SBACC_FREE(results);
   SBACC_FREE(p_sbacc_data_repair);
@@ -390,22 +343,6 @@ int sbacc_hdd_restore(int cntno) {
   return rc;
 }
 
-void* sbacc_ma_repair_for_restore_p_thread(void* arg) {
-  auto* slot = static_cast<SBACC_HDDRST_THREAD_PARAM_SUB*>(arg);
-  const int index = slot->index;
-  SBACC_HDDRST_THREAD_PARAM* blk = slot->addr;
-  // Slots are reused per batch of 64: the result goes to the slot's own entry.
-  const int slot_no = static_cast<int>(slot - blk->param);
-  sbacc::WorkerThreadSetup(sbacc::WorkerLog::kRestore2);
-  SBACC_TRACE(kTraceFlow, "[repair_for_restore_p_thread] [ENTER]");
-  SBACC_TRACE(kTraceMilestone, "[repair_for_restore_p_thread] repair exec.index=%d", index);
-  const int rc = sbacc_ma_repair_for_restore(index);
-  if (rc != 0) SBACC_TRACE(kTraceError, "[repair_for_restore_p_thread] repair error. index=%d", index);
-  sbacc::WorkerFinish(blk, &blk->thread_retcode[slot_no], rc);
-  SBACC_TRACE(kTraceFlow, "[repair_for_restore_p_thread] [LEAVE] %d", rc);
-  return reinterpret_cast<void*>(static_cast<intptr_t>(rc));
-}
-
 // ---- Whole-area transfer through the public calls ------------------------------------
 
 int sbacc_hdd_rw(int mode, char* filename, void** buf, int* size) {
@@ -426,7 +363,7 @@ int sbacc_hdd_rw(int mode, char* filename, void** buf, int* size) {
       // trust: refused before a buffer of that size (up to 2 GiB) is made.
       const int n = sbacc_read_size(fp);
       const auto* sfd = static_cast<const SBACC_FILE_DISCRIPTER*>(fp);
-      if (n < 0 || static_cast<uint64_t>(n) + SBACC_HEADER_SIZE > sfd->sfe.areasize) {
+      if (n < 0 || n > sbacc_ma_data_capacity(sfd)) {
         SBACC_TRACE(kTraceError, "[sbacc_hdd_rw] File Size error. file[%s]", filename);
         rc = SBACC_E_HDDREAD;
         break;

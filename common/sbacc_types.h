@@ -1,5 +1,5 @@
-// The library's plain records: configuration, descriptor, the two on-media
-// records (in their decoded, host form) and the worker blocks.
+// The library's plain records: configuration, descriptor and the two
+// on-media records (in their decoded, host form).
 #ifndef SBACC_TYPES_H
 #define SBACC_TYPES_H
 
@@ -16,7 +16,6 @@
 #define SBACC_NV_ENTRY_SIZE 128
 #define SBACC_NV_BASE 4096
 #define SBACC_ENV_NUM 5
-#define SBACC_RESTORE_SLOTS 64
 
 // Mask with the low n bits set: every one of n copies fenced off.
 #define SBACC_HDD_MAXBIT(n) \
@@ -114,46 +113,5 @@ typedef struct _TAG_SBACC_DATA_REPAIR {
   int64_t closetime;
   char rfu2[16];
 } SBACC_DATA_REPAIR;
-
-struct _TAG_SBACC_HDDSET_THREAD_PARAM;
-
-typedef struct _TAG_SBACC_HDDSET_THREAD_PARAM_SUB {
-  int index;
-  struct _TAG_SBACC_HDDSET_THREAD_PARAM* addr;
-} SBACC_HDDSET_THREAD_PARAM_SUB;
-
-// Worker block of the per-HDD workers (write, open, rebuild).
-typedef struct _TAG_SBACC_HDDSET_THREAD_PARAM {
-  pthread_mutex_t thread_mutex;
-  pthread_cond_t thread_cond;
-  int thread_num;
-  int openprm;
-  int rfu[2];
-  int thread_retcode[SBACC_HDD_MAX];
-  SBACC_HDDSET_THREAD_PARAM_SUB param[SBACC_HDD_MAX];
-  SBACC_FILE_DISCRIPTER* sfd;
-  int offset;
-  int size;
-  int src_hdd;
-  unsigned char buf[];  // private copy of the data of a write access
-} SBACC_HDDSET_THREAD_PARAM;
-
-struct _TAG_SBACC_HDDRST_THREAD_PARAM;
-
-typedef struct _TAG_SBACC_HDDRST_THREAD_PARAM_SUB {
-  int index;
-  struct _TAG_SBACC_HDDRST_THREAD_PARAM* addr;
-} SBACC_HDDRST_THREAD_PARAM_SUB;
-
-// Worker block of the per-area restore workers.
-typedef struct _TAG_SBACC_HDDRST_THREAD_PARAM {
-  pthread_mutex_t thread_mutex;
-  pthread_cond_t thread_cond;
-  int thread_num;
-  int thread_retcode[SBACC_RESTORE_SLOTS];
-  SBACC_HDDRST_THREAD_PARAM_SUB param[SBACC_RESTORE_SLOTS];
-  SBACC_FILE_DISCRIPTER* sfd;
-  uint32_t rfu[136];
-} SBACC_HDDRST_THREAD_PARAM;
 
 #endif  // SBACC_TYPES_H

@@ -44,7 +44,7 @@ struct Rig {
     sbacc_reset_process_state();
     env.ClearRules();
     env.ResetCounters();
-    env.FailThreadStart(0, threads ? 0 : -1);
+    sbacc::CrewSetBound(threads ? sbacc::kCrewDefaultBound : 0);
     held = sim.HeldNow();
   }
   // From now every HDD write must land inside bytes [lo, hi) of its file

@@ -301,6 +301,7 @@ TEST_F(FaultMatrix, ThreadsAndLocksFailing) {
         Stage st(snap, op, copies);
         FaultEnv& env = st.env();
         auto arm = [&](int f) {  // f = 0 disarms all three
+          sbacc::CrewSetBound(f == 1 ? 0 : sbacc::kCrewDefaultBound);  // parked workers leave too
           env.FailThreadStart(0, f == 1 ? -1 : 0);
           env.FailMutexInit(0, f == 2 ? -1 : 0);
           env.FailCondInit(0, f == 3 ? -1 : 0);

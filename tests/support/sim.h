@@ -40,6 +40,7 @@
 #include "sbacc.h"
 #include "sbacc_alloc.h"
 #include "sbacc_core.h"
+#include "sbacc_crew.h"
 #include "sbacc_env.h"
 #include "sbacc_env_mem.h"
 #include "sbacc_l.h"
@@ -417,8 +418,10 @@ class FaultEnv : public sbacc::Env {
   void FailOp(Op op, const std::string& path, long start, long count, int err) { AddRule(op, path, start, count, err, 0); }
   // Same calls of kRead / kWrite move `cut` bytes fewer than asked (at least 0).
   void ShortOp(Op op, const std::string& path, long start, long count, size_t cut) { AddRule(op, path, start, count, 0, cut); }
-  // StartThread / MutexInit / CondInit calls start+1 .. start+count (counted
-  // from now) return `err` without doing anything; each call replaces the last.
+  // CreateThread / MutexInit / CondInit calls start+1 .. start+count (counted
+  // from now) return `err` without doing anything; each call replaces the
+  // last.  Parked workers still take tasks: CrewSetBound(0) keeps every task
+  // in its caller.
   void FailThreadStart(long start, long count, int err = EAGAIN) { AddRule(kThread, "", start, count, err, 0, true); }
   void FailMutexInit(long start, long count, int err = ENOMEM) { AddRule(kMutex, "", start, count, err, 0, true); }
   void FailCondInit(long start, long count, int err = ENOMEM) { AddRule(kCond, "", start, count, err, 0, true); }
@@ -518,9 +521,9 @@ class FaultEnv : public sbacc::Env {
     if (err != 0) errno = err;
     return err != 0 ? -1 : rc;
   }
-  int StartThread(void* (*fn)(void*), void* arg) override {
+  int CreateThread(void* (*fn)(void*), void* arg) override {
     const int err = Enter(kThread, -1);
-    return err != 0 ? err : base_->StartThread(fn, arg);
+    return err != 0 ? err : base_->CreateThread(fn, arg);
   }
   int MutexInit(pthread_mutex_t* m) override {
     const int err = Enter(kMutex, -1);
