@@ -126,6 +126,44 @@ TEST_F(EngineTest, LastCopyStandingIsRecorded) {
   ASSERT_EQ(0, sbacc_close(fp));
 }
 
+// Two handles on one area, each losing a copy while the other's write is in
+// flight (copy 2 under the first handle, copy 1 under the second): NV ends
+// with both fenced.  A handle that recorded its own view alone would take
+// copy 1 back into use with stale bytes.
+TEST_F(EngineTest, TwoHandlesOnlyAddFenceBits) {
+  Sim& sim = Area(3);
+  sbacc::CrewSetBound(0);  // every copy written in its caller, in order
+  void* first = Open("w");
+  void* second = Open("w");
+  struct Interleave : FaultEnv {
+    Sim* sim;
+    void* second;
+    bool fired = false;
+    ssize_t WriteAt(int fd, const void* buf, size_t len, int64_t pos) override {
+      const long before = Calls(kWrite, sim->HddPath(2));
+      const ssize_t rc = FaultEnv::WriteAt(fd, buf, len, pos);
+      if (!fired && Calls(kWrite, sim->HddPath(2)) > before) {
+        fired = true;
+        FailOp(kWrite, sim->HddPath(1), 0, 1, EIO);  // the second handle's write alone
+        const Bytes d = Pattern(32, 2);
+        EXPECT_EQ(32, sbacc_write(d.data(), 32, 0, second));
+      }
+      return rc;
+    }
+  } env;
+  env.sim = &sim;
+  env.second = second;
+  env.FailOp(FaultEnv::kWrite, sim.HddPath(2), 0, 1, EIO);
+  const Bytes d = Pattern(32, 1);
+  EXPECT_EQ(32, sbacc_write(d.data(), 32, 0, first));
+  EXPECT_TRUE(env.fired);
+  EXPECT_EQ(0x6u, sim.NvEntry(0).hddblockade);
+  EXPECT_EQ(0, sbacc_close(first));
+  EXPECT_EQ(0, sbacc_close(second));
+  EXPECT_EQ(0x6u, sim.NvEntry(0).hddblockade);
+  sbacc::CrewSetBound(sbacc::kCrewDefaultBound);
+}
+
 // Crafted headers: which copy a write-mode open keeps (the other is fenced):
 // more blockade bits, then the later close, then the lower index; equal
 // words fence nothing.
