@@ -12,6 +12,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <string.h>
 
 #include <algorithm>
@@ -23,6 +24,45 @@
 #include "sbacc_env.h"
 
 namespace sbacc {
+
+// The locks of the test Envs, held across fork() like the library's own, so
+// that a child forked while another thread is inside an Env can use it.
+// Taken newest first: an Env stacked over another calls into it while
+// holding its own lock, never the other way round.
+class ForkSafeLocks {
+ public:
+  explicit ForkSafeLocks(std::mutex* m) : m_(m) {
+    static std::once_flag once;
+    std::call_once(once, [] { pthread_atfork(LockAll, UnlockAll, UnlockAll); });
+    std::lock_guard<std::mutex> lock(RegistryMu());
+    Registry().push_back(m_);
+  }
+  ~ForkSafeLocks() {
+    std::lock_guard<std::mutex> lock(RegistryMu());
+    std::erase(Registry(), m_);
+  }
+  ForkSafeLocks(const ForkSafeLocks&) = delete;
+  ForkSafeLocks& operator=(const ForkSafeLocks&) = delete;
+
+ private:
+  static std::mutex& RegistryMu() {
+    static std::mutex mu;
+    return mu;
+  }
+  static std::vector<std::mutex*>& Registry() {
+    static std::vector<std::mutex*> v;
+    return v;
+  }
+  static void LockAll() {
+    RegistryMu().lock();
+    for (auto it = Registry().rbegin(); it != Registry().rend(); ++it) (*it)->lock();
+  }
+  static void UnlockAll() {
+    for (std::mutex* m : Registry()) m->unlock();
+    RegistryMu().unlock();
+  }
+  std::mutex* m_;
+};
 
 class MemEnv : public Env {
  public:
@@ -148,6 +188,7 @@ class MemEnv : public Env {
   }
 
   mutable std::mutex mu_;
+  ForkSafeLocks fork_safe_{&mu_};
   std::map<std::string, File> files_;
   std::map<int, std::string> fds_;
   int next_fd_ = 1 << 24;

@@ -447,6 +447,13 @@ class FaultEnv : public sbacc::Env {
   void BoundWrites(uint64_t lo, uint64_t hi) { Locked([&] { bound_lo_ = lo, bound_hi_ = hi; }); }
 
   void SetNow(time_t t) { Locked([&] { fixed_clock_ = true, now_ = t; }); }  // fixes the clock
+
+  // Shakes the schedule from now: around every file call and at every point
+  // the library marks (tasks handed out and reporting, NV record locks), a
+  // yield or a sleep of up to 60 us, chosen by `seed` and the call's number.
+  // 0 stops it.
+  void Shake(uint64_t seed) { shake_seed_ = seed, shake_calls_ = 0; }
+  void Reschedule() override { Jiggle(); }
   std::vector<unsigned> Sleeps() const { return Locked([&] { return sleeps_; }); }
 
   // Calls of `op` on `path` so far ("" = on every path together).
@@ -557,7 +564,22 @@ class FaultEnv : public sbacc::Env {
   // Counts the call and applies the rules.  Returns the errno to fail with
   // (also set in errno), 0 for none; `cut` gets the bytes to leave out.
   // `fd` < 0: the call names `path`.
+  void Jiggle() {
+    const uint64_t seed = shake_seed_.load(std::memory_order_relaxed);
+    if (seed == 0) return;
+    uint64_t h = seed + 0x9e3779b97f4a7c15ull * (shake_calls_.fetch_add(1, std::memory_order_relaxed) + 1);
+    h = (h ^ (h >> 30)) * 0xbf58476d1ce4e5b9ull;
+    h = (h ^ (h >> 27)) * 0x94d049bb133111ebull;
+    h ^= h >> 31;
+    if (h % 8 == 0) {
+      usleep(static_cast<useconds_t>((h >> 8) % 60));
+    } else if (h % 8 < 4) {
+      std::this_thread::yield();
+    }
+  }
+
   int Enter(Op op, int fd, const std::string& named = "", size_t* cut = nullptr) {
+    Jiggle();
     int err = 0;
     Locked([&] {
       auto it = fd_paths_.find(fd);
@@ -604,6 +626,7 @@ class FaultEnv : public sbacc::Env {
 
   sbacc::Env* const base_;
   mutable std::mutex mu_;
+  sbacc::ForkSafeLocks fork_safe_{&mu_};
   struct Tracked {
     std::string path;
     std::array<long, kCond + 1>* calls;  // its entry of calls_
@@ -621,6 +644,8 @@ class FaultEnv : public sbacc::Env {
   std::vector<unsigned> sleeps_;
   std::vector<Write> writes_;
   uint64_t bound_lo_ = 0, bound_hi_ = 0;  // no bound while equal
+  std::atomic<uint64_t> shake_seed_{0};
+  std::atomic<uint64_t> shake_calls_{0};
 };
 
 }  // namespace sbacc_test
