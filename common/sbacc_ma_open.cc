@@ -101,6 +101,131 @@ int sbacc_ma_detect_hdd(SBACC_FILE_DISCRIPTER* sfd, SBACC_HDD_HEADER* headers, i
 
 namespace {
 
+// The area's NV entry as the open starts from it: read (and, for a
+// write-mode open of an area NV does not know yet, initialised), or with
+// `nvinit` initialised anew.
+int EntryForOpen(SBACC_FILE_DISCRIPTER* sfd, bool write_mode, boolean_t nvinit, SBACC_MEM_LIST_ENTRY* entry) {
+  const char* name = sfd->sfe.filename;
+  int rc;
+  if (!nvinit) {
+    rc = sbacc_memget_entry(sfd, entry);
+    if (rc != 0 || sbacc_l_entry_valid(entry)) return rc;
+    if (!write_mode) {
+      SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] file exist error. filename=%s", name);
+      return SBACC_E_NOTINIT;
+    }
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] NV is not initialized ---> initialize NV");
+    return sbacc_l_memini_entry(sfd, entry);
+  }
+  uint32_t mask;
+  rc = sbacc_memget_hddblockade(sfd, &mask);
+  if (rc != 0) {
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] sbacc_memget_hddblockade error. retcode=%d", rc);
+    return rc;
+  }
+  SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_open] nv_init ---> initialize NV");
+  rc = sbacc_l_memini_entry(sfd, entry);
+  if (rc != 0) SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] sbacc_l_memini_entry error. retcode=%d", rc);
+  return rc;
+}
+
+// Records which copies are out (closed or never opened) in NV and in the
+// headers; an area left with none is refused (`after_scan`: once the
+// headers have been read).
+int Record(SBACC_FILE_DISCRIPTER* sfd, SBACC_MEM_LIST_ENTRY* entry, bool after_scan) {
+  const char* name = sfd->sfe.filename;
+  const int rc = sbacc_ma_set_hddblockade(sfd, entry);
+  if (rc != 0) {
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] sbacc_ma_set_hddblockade error. retcode=%d filename=%s", rc, name);
+    return rc;
+  }
+  if (!AllBlockaded(*entry)) return 0;
+  if (after_scan) {
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] all blockade. filename=%s", name);
+  } else {
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] opencnt error. hddblockade0x%x", entry->hddblockade);
+  }
+  return SBACC_E_ALLBLOCKADE;
+}
+
+// Opens every copy NV does not fence off, records the ones that failed, and
+// reads the open copies' headers (a copy whose header cannot be read is
+// closed).
+int OpenAndRead(SBACC_FILE_DISCRIPTER* sfd, SBACC_MEM_LIST_ENTRY* entry, int openprm, SBACC_HDD_HEADER* headers) {
+  const int n = sbacc_ma_copies(sfd);
+  uint32_t wanted = 0;
+  for (int i = 0; i < n; ++i) {
+    sfd->fd[i] = -1;
+    if (sfd->sfe.hddname[i][0] != '\0' && ((entry->hddblockade >> i) & 1u) == 0) wanted |= 1u << i;
+  }
+  sbacc_ma_open_copies(sfd, wanted, openprm, "sbacc_ma_open");
+  const int rc = Record(sfd, entry, false);
+  if (rc != 0) return rc;
+  for (int i = 0; i < n; ++i) {
+    if (sfd->fd[i] == -1) continue;
+    SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_open] sbacc_l_hddget_header[%d]", i);
+    const int hrc = sbacc_l_hddget_header(sfd, i, &headers[i]);
+    if (hrc != 0) {
+      SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] sbacc_l_hddget_header[%d] error. retcode=%d filename=%s", i, hrc,
+                  sfd->sfe.filename);
+      sbacc_ma_close_hdd(sfd, i);
+    }
+  }
+  return 0;
+}
+
+// A new area: every open copy gets a fresh, empty header.  The first copy
+// that takes one is the candidate (-1: none did).
+int InitNewArea(SBACC_FILE_DISCRIPTER* sfd, uint32_t invalid) {
+  const char* name = sfd->sfe.filename;
+  int candidate = -1;
+  SBACC_TRACE(sbacc::kTraceState, "[sbacc_ma_open] HDD HEADER is initialize. HDD bit [0x%x] filename=%s", invalid, name);
+  for (int i = 0; i < sbacc_ma_copies(sfd); ++i) {
+    if (sfd->fd[i] == -1) continue;
+    SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_open] sbacc_l_hddini_header HDD[%d] filename=%s", i, name);
+    const int rc = sbacc_l_hddini_header(sfd, i, 0);
+    if (rc != 0) {
+      SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] sbacc_l_hddini_header error. retcode=%d HDD[%d] filename=%s", rc,
+                  i, name);
+      sbacc_ma_close_hdd(sfd, i);
+      continue;
+    }
+    if (candidate < 0) {
+      candidate = i;
+      SBACC_TRACE(sbacc::kTraceState, "[sbacc_ma_open] HDD[%d] is candidate(2) filename=%s", i, name);
+    }
+  }
+  return candidate;
+}
+
+// The copy holding the latest data among those with a valid header (the
+// others are closed), or -1 when none has one.
+int ChooseCandidate(SBACC_FILE_DISCRIPTER* sfd, SBACC_HDD_HEADER* headers, uint32_t* invalid) {
+  const char* name = sfd->sfe.filename;
+  int candidate = -1;
+  *invalid = 0;
+  for (int i = 0; i < sbacc_ma_copies(sfd); ++i) {
+    if (sfd->fd[i] == -1) continue;
+    if (!sbacc_l_header_valid(&headers[i])) {
+      SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_open] HDD HEADER is invalid HDD[%d] filename=%s", i, name);
+      *invalid |= 1u << i;
+      continue;
+    }
+    candidate = i;
+    SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_open] HDD[%d] is candidate(1) filename=%s", i, name);
+    break;
+  }
+  if (*invalid != 0) {
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] HDD HEADER is invalid. HDD bit [0x%x] filename=%s", *invalid, name);
+  }
+  if (candidate >= 0) {
+    SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_open] sbacc_ma_detect_hdd");
+    sbacc_ma_detect_hdd(sfd, headers, &candidate);
+    SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_open] HDD[%d] is candidate(3) filename=%s", candidate, name);
+  }
+  return candidate;
+}
+
 // The body of the open; on failure the caller closes every copy.
 int OpenArea(SBACC_FILE_DISCRIPTER* sfd, boolean_t* closeflag, boolean_t nvinit) {
   const char* name = sfd->sfe.filename;
@@ -127,124 +252,25 @@ int OpenArea(SBACC_FILE_DISCRIPTER* sfd, boolean_t* closeflag, boolean_t nvinit)
   }
 
   SBACC_MEM_LIST_ENTRY entry;
-  int rc;
-  if (!nvinit) {
-    rc = sbacc_memget_entry(sfd, &entry);
-    if (rc != 0) return rc;
-    if (!sbacc_l_entry_valid(&entry)) {
-      if (!write_mode) {
-        SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] file exist error. filename=%s", name);
-        return SBACC_E_NOTINIT;
-      }
-      SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] NV is not initialized ---> initialize NV");
-      rc = sbacc_l_memini_entry(sfd, &entry);
-      if (rc != 0) return rc;
-    }
-  } else {
-    uint32_t mask;
-    rc = sbacc_memget_hddblockade(sfd, &mask);
-    if (rc != 0) {
-      SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] sbacc_memget_hddblockade error. retcode=%d", rc);
-      return rc;
-    }
-    SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_open] nv_init ---> initialize NV");
-    rc = sbacc_l_memini_entry(sfd, &entry);
-    if (rc != 0) {
-      SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] sbacc_l_memini_entry error. retcode=%d", rc);
-      return rc;
-    }
-  }
-
-  uint32_t wanted = 0;
-  for (int i = 0; i < sbacc_ma_copies(sfd); ++i) {
-    sfd->fd[i] = -1;
-    if (sfd->sfe.hddname[i][0] != '\0' && ((entry.hddblockade >> i) & 1u) == 0) wanted |= 1u << i;
-  }
-  sbacc_ma_open_copies(sfd, wanted, openprm, "sbacc_ma_open");
-
-  rc = sbacc_ma_set_hddblockade(sfd, &entry);
-  if (rc != 0) {
-    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] sbacc_ma_set_hddblockade error. retcode=%d filename=%s", rc, name);
-    return rc;
-  }
-  if (AllBlockaded(entry)) {
-    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] opencnt error. hddblockade0x%x", entry.hddblockade);
-    return SBACC_E_ALLBLOCKADE;
-  }
-
-  const int n = sbacc_ma_copies(sfd);
-  for (int i = 0; i < n; ++i) {
-    if (sfd->fd[i] == -1) continue;
-    SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_open] sbacc_l_hddget_header[%d]", i);
-    rc = sbacc_l_hddget_header(sfd, i, &headers[i]);
-    if (rc != 0) {
-      SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] sbacc_l_hddget_header[%d] error. retcode=%d filename=%s", i, rc, name);
-      sbacc_ma_close_hdd(sfd, i);
-    }
-  }
-
+  int rc = EntryForOpen(sfd, write_mode, nvinit, &entry);
+  if (rc == 0) rc = OpenAndRead(sfd, &entry, openprm, headers);
+  if (rc != 0) return rc;
   SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_open] sbacc_ma_set_hddblockade");
-  rc = sbacc_ma_set_hddblockade(sfd, &entry);
-  if (rc != 0) {
-    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] sbacc_ma_set_hddblockade error. retcode=%d filename=%s", rc, name);
-    return rc;
-  }
-  if (AllBlockaded(entry)) {
-    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] all blockade. filename=%s", name);
-    return SBACC_E_ALLBLOCKADE;
-  }
+  rc = Record(sfd, &entry, true);
+  if (rc != 0) return rc;
 
-  int candidate = -1;
   uint32_t invalid = 0;
-  for (int i = 0; i < n; ++i) {
-    if (sfd->fd[i] == -1) continue;
-    if (!sbacc_l_header_valid(&headers[i])) {
-      SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_open] HDD HEADER is invalid HDD[%d] filename=%s", i, name);
-      invalid |= 1u << i;
-      continue;
-    }
-    candidate = i;
-    SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_open] HDD[%d] is candidate(1) filename=%s", i, name);
-    break;
-  }
-  if (invalid != 0) {
-    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] HDD HEADER is invalid. HDD bit [0x%x] filename=%s", invalid, name);
-  }
-
-  if (candidate >= 0) {
-    SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_open] sbacc_ma_detect_hdd");
-    sbacc_ma_detect_hdd(sfd, headers, &candidate);
-    SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_open] HDD[%d] is candidate(3) filename=%s", candidate, name);
-  } else if (!write_mode) {
+  int candidate = ChooseCandidate(sfd, headers, &invalid);
+  if (candidate < 0 && !write_mode) {
     SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] file exist error(all HDD is invalid). filename=%s", name);
     return SBACC_E_NOTINIT;
-  } else {
-    // A new area: every open copy gets a fresh, empty header.
-    SBACC_TRACE(sbacc::kTraceState, "[sbacc_ma_open] HDD HEADER is initialize. HDD bit [0x%x] filename=%s", invalid, name);
-    for (int i = 0; i < n; ++i) {
-      if (sfd->fd[i] == -1) continue;
-      SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_open] sbacc_l_hddini_header HDD[%d] filename=%s", i, name);
-      rc = sbacc_l_hddini_header(sfd, i, 0);
-      if (rc != 0) {
-        SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] sbacc_l_hddini_header error. retcode=%d HDD[%d] filename=%s", rc, i,
-                    name);
-        sbacc_ma_close_hdd(sfd, i);
-        continue;
-      }
-      if (candidate < 0) {
-        candidate = i;
-        SBACC_TRACE(sbacc::kTraceState, "[sbacc_ma_open] HDD[%d] is candidate(2) filename=%s", i, name);
-      }
-    }
   }
+  if (candidate < 0) candidate = InitNewArea(sfd, invalid);
 
   SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_open] sbacc_ma_set_hddblockade");
-  rc = sbacc_ma_set_hddblockade(sfd, &entry);
-  if (rc != 0) {
-    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] sbacc_ma_set_hddblockade error. retcode=%d filename=%s", rc, name);
-    return rc;
-  }
-  if (AllBlockaded(entry) || candidate < 0) {
+  rc = Record(sfd, &entry, true);
+  if (rc != 0) return rc;
+  if (candidate < 0) {
     SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] all blockade. filename=%s", name);
     return SBACC_E_ALLBLOCKADE;
   }
@@ -252,25 +278,23 @@ int OpenArea(SBACC_FILE_DISCRIPTER* sfd, boolean_t* closeflag, boolean_t nvinit)
   // The header copy of a freshly initialised candidate still holds what was
   // read before the initialisation; the open count continues from it.
   SBACC_HDD_HEADER& h = headers[candidate];
-  const boolean_t clean = (h.openflag == 0) ? B_TRUE : B_FALSE;
-  if (write_mode) {
-    h.openflag = 1;
-    h.opentime = CurrentEnv()->Now();
-    h.opencnt = static_cast<int32_t>(static_cast<uint32_t>(h.opencnt) + 1u);
-    rc = sbacc_ma_hddset_openinfo(sfd, &h);
-    if (rc != 0) {
-      SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] sbacc_ma_hddset_openinfo error. retcode=%d filename=%s", rc, name);
-      return rc;
-    }
-  } else {
+  *closeflag = (h.openflag == 0) ? B_TRUE : B_FALSE;
+  if (!write_mode) {
     // Nothing of the choice reaches NV in read mode; the handle keeps it.
     sfd->readset = 0;
-    for (int i = 0; i < n; ++i) {
+    for (int i = 0; i < sbacc_ma_copies(sfd); ++i) {
       if (sfd->fd[i] != -1) sfd->readset |= 1u << i;
     }
+    return 0;
   }
-  *closeflag = clean;
-  return 0;
+  h.openflag = 1;
+  h.opentime = CurrentEnv()->Now();
+  h.opencnt = static_cast<int32_t>(static_cast<uint32_t>(h.opencnt) + 1u);
+  rc = sbacc_ma_hddset_openinfo(sfd, &h);
+  if (rc != 0) {
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] sbacc_ma_hddset_openinfo error. retcode=%d filename=%s", rc, name);
+  }
+  return rc;
 }
 
 }  // namespace
