@@ -154,18 +154,20 @@ namespace {
 // fence bits are only ever added: another handle on the area may have fenced
 // a copy that this one still has open, and writing this handle's view alone
 // would take that copy back into use with stale data.  So the mask is
-// merged with the word NV holds now, under the record's lock.
+// merged with the word NV holds now, under the record's lock.  With the
+// SBACC_FENCE_MERGE tunable at 0 the handle's view is written as it is.
 int RecordFenced(SBACC_FILE_DISCRIPTER* sfd, SBACC_MEM_LIST_ENTRY* r, uint32_t mask, bool any_healthy) {
   const char* name = sfd->sfe.filename;
   const bool write_nv = (sfd->openmode != SBACC_OPENMODE_READ);
+  const bool merge = sfd->env[SBACC_ENV_FENCE_MERGE] != 0;
   sbacc::NvRecordLock lock(sfd);
   uint32_t now = r->hddblockade;
-  int rc = write_nv ? sbacc_memget_hddblockade(sfd, &now) : 0;
+  int rc = write_nv && merge ? sbacc_memget_hddblockade(sfd, &now) : 0;
   if (rc != 0) {
     SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_memset_hddblockade] sbacc_memget_hddblockade error. retcode=%d", rc);
     return rc;
   }
-  const uint32_t merged = now | mask;
+  const uint32_t merged = merge ? now | mask : mask;
   if (!any_healthy && merged != now) {
     // The copies in use until now hold the newest data.
     r->latesthdd = now ^ merged;

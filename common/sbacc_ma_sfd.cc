@@ -19,6 +19,7 @@ const SBACC_ENV_LIST_ENTRY sbacc_env_list[] = {
     {"SBACC_REPAIR_MAXRETRY", 3, 1, 999},
     {"SBACC_REPAIRLOCK_MAXRETRY", 3, 1, 999},
     {"SBACC_RESTORE_RESYNC", 1, 0, 1},
+    {"SBACC_FENCE_MERGE", 1, 0, 1},
     {nullptr, 0, 0, 0},
 };
 

@@ -15,7 +15,7 @@
 #define SBACC_HEADER_SIZE 128
 #define SBACC_NV_ENTRY_SIZE 128
 #define SBACC_NV_BASE 4096
-#define SBACC_ENV_NUM 5
+#define SBACC_ENV_NUM 6
 
 // Mask with the low n bits set: every one of n copies fenced off.
 #define SBACC_HDD_MAXBIT(n) \
@@ -55,7 +55,8 @@ enum {
   SBACC_ENV_MEMGET = 1,
   SBACC_ENV_REPAIR = 2,
   SBACC_ENV_REPAIRLOCK = 3,
-  SBACC_ENV_RESYNC = 4
+  SBACC_ENV_RESYNC = 4,
+  SBACC_ENV_FENCE_MERGE = 5
 };
 
 // Per-area descriptor; the public handle points at one.
