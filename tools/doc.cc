@@ -48,6 +48,7 @@ const EnvEntry kEnvironment[] = {
     {"SBACC_MEMGET_MAXRETRY", "NV read retries, 1-999 (default 5).", ""},
     {"SBACC_REPAIR_MAXRETRY", "Repair copy retries, 1-999 (default 3).", ""},
     {"SBACC_REPAIRLOCK_MAXRETRY", "Repair lock back-offs, 1-999 (default 3).", ""},
+    {"SBACC_FENCE_MERGE", "1 (default): a handle only adds copies to the fenced set in NV; 0: writes its own view.", ""},
     {"SBACC_SCRUB_RECORD",
      "Where verify keeps the last scrub's result and status reads it (default /var/lib/sbacc/last-scrub, "
      "kept only when its directory exists).",
