@@ -103,6 +103,9 @@ TEST_F(Schedule, RestoreWithFailingCopies) {
       if (s % 4 == 0) ForkAndUse();
       restore.join();
       ASSERT_EQ(0, rc);  // the first failing area has no usable copy
+      // No write went through a descriptor that had been closed (one a
+      // sibling's failure closed while a task still used it).
+      for (const FaultEnv::Write& w : env.WriteLog()) ASSERT_FALSE(w.path.empty()) << "write at " << w.pos;
     }
     sbacc_reset_process_state();
     ASSERT_TRUE(held == sim_.HeldNow()) << "descriptor or block left";
