@@ -1,6 +1,7 @@
-// Concurrency: many threads with handles of their own on different areas and
-// on one area, forking while they write; the worker crew bounded and
-// dlclosed; four controllers contending for the repair lock of the same areas.
+// Concurrency: fork while each lock of the library is held, the crew after
+// its workers retired, bounded and dlclosed; four controllers contending for
+// the repair lock of the same areas (threads with handles of their own and
+// forks among them run in schedule_test.cc).
 // Every test is bounded by alarm(): a deadlock ends it with SIGALRM.
 #include <dlfcn.h>
 #include <sys/mman.h>
@@ -63,52 +64,6 @@ class Concurrency : public ::testing::Test {
   }
   void TearDown() override { alarm(0); }
 };
-
-// Four threads each own an area; four more share one area, each writing and
-// reading back its own slice through handles of its own, then through a
-// reader of its own.  The crew is too small for all their copies (tasks also
-// run in their callers), and this thread forks meanwhile: each child uses the
-// library at once, inheriting no lock taken by a worker or a caller.  Every
-// read sees what its thread wrote, and at the end every copy of every area
-// holds the last round of every thread, with no fd or block left behind.
-TEST_F(Concurrency, ManyThreadsWithTheirOwnHandlesWhileForking) {
-  constexpr int kThreads = 8, kCopies = 8, kSlice = 1024, kRounds = 12;
-  sbacc::CrewSetBound(12);
-  sbacc_test::Sim sim(kCopies);
-  SetAreas(sim, 6, kCopies);  // a5 for the children
-  // Sized first: handles that extend one area at the same time race on the
-  // stored size, which nothing serialises between handles.
-  ASSERT_TRUE(WriteAndReadBack(4, 0, 4 * kSlice, 0));
-  const Sim::Held held = sim.HeldNow();
-
-  // Thread t works on area min(t, 4) at this position.
-  auto area = [](int t) { return t < 4 ? t : 4; };
-  auto pos = [](int t) { return t < 4 ? 0 : (t - 4) * kSlice; };
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      for (int r = 0; r < kRounds; ++r) EXPECT_TRUE(WriteAndReadBack(area(t), t * 100 + r, kSlice, pos(t))) << t;
-    });
-  }
-  // Children forked under AddressSanitizer (clang 14) while other threads
-  // allocate hang; ThreadSanitizer does not support a child that starts
-  // threads after a fork of a process with threads (it hangs now and then).
-  for (int f = 0; f < 6 && !kUnderAsan && !kUnderTsan; ++f) {
-    InChildren(1, [&](int) { return WriteAndReadBack(5, 1000 + f, kSlice, 0) ? 0 : 1; });
-    EXPECT_EQ(Pattern(kSlice, 1000 + f), sim.Data(5, 0, kSlice));
-  }
-  for (std::thread& th : threads) th.join();
-
-  for (int c = 0; c < kCopies; ++c) {
-    for (int t = 0; t < kThreads; ++t) {
-      const Bytes d = sim.HddBytes(c, sim.Areas()[area(t)].addr + 128 + pos(t), kSlice);
-      EXPECT_EQ(Pattern(kSlice, t * 100 + kRounds - 1), d) << "slice of thread " << t << " copy " << c;
-      EXPECT_EQ(0, sim.Header(area(t), c).openflag) << "area " << area(t) << " copy " << c;
-    }
-  }
-  for (int a = 0; a < 5; ++a) EXPECT_EQ(0u, sim.NvEntry(a).hddblockade) << "area " << a;
-  EXPECT_TRUE(held == sim.HeldNow()) << "descriptor or block leaked";
-}
 
 // fork() while another thread holds each of the library's locks: the child
 // uses the library at once, crew, allocator and NV records alike (one
