@@ -24,7 +24,7 @@ void CloseAll(SBACC_FILE_DISCRIPTER* sfd) {
 // Opens copy i in the calling thread (no worker, or none could be started).
 void OpenInline(SBACC_FILE_DISCRIPTER* sfd, int i, int openprm) {
   SBACC_TRACE(5, "[sbacc_ma_open] open[%d] sfn=(%s) openprm=%d", i, sfd->sfe.hddname[i], openprm);
-  int fd = CurrentEnv()->Open(sfd->sfe.hddname[i], openprm);
+  int fd = CurrentEnv()->OpenRetry(sfd->sfe.hddname[i], openprm);
   if (fd < 0) {
     SBACC_TRACE(1, "[sbacc_ma_open] open error. errno=%d sfn=%s filename=%s", errno, sfd->sfe.hddname[i],
                 sfd->sfe.filename);
@@ -70,7 +70,7 @@ void* sbacc_ma_open_thread(void* arg) {
   SBACC_HDDSET_THREAD_PARAM* blk = sub->addr;
   const int index = sub->index;
   SBACC_FILE_DISCRIPTER* sfd = blk->sfd;
-  const int fd = CurrentEnv()->Open(sfd->sfe.hddname[index], blk->openprm);
+  const int fd = CurrentEnv()->OpenRetry(sfd->sfe.hddname[index], blk->openprm);
   sfd->fd[index] = fd < 0 ? -1 : fd;  // this worker is the only writer of the slot
   if (fd < 0) {
     SBACC_TRACE(1, "[sbacc_ma_open_thread] open error. errno=%d sfn=%s filename=%s", errno,

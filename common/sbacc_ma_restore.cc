@@ -28,7 +28,7 @@ constexpr int kOpenFlags = O_RDWR;  // restore always works read-write
 
 void OpenInline(SBACC_FILE_DISCRIPTER* sfd, int i) {
   SBACC_TRACE(kTraceState, "[repair_for_restore] open[%d] sfn=(%s) openprm=%d", i, sfd->sfe.hddname[i], kOpenFlags);
-  sfd->fd[i] = sbacc::CurrentEnv()->Open(sfd->sfe.hddname[i], kOpenFlags);
+  sfd->fd[i] = sbacc::CurrentEnv()->OpenRetry(sfd->sfe.hddname[i], kOpenFlags);
   if (sfd->fd[i] < 0) {
     SBACC_TRACE(kTraceError, "[repair_for_restore] open error. errno=%d sfn=%s filename=%s", errno,
                 sfd->sfe.hddname[i], sfd->sfe.filename);

@@ -382,14 +382,16 @@ class TraceCapture {
 };
 
 // A fault-injecting Env for tests.  While an instance lives it is the
-// library's environment: HDD file calls go to the Env it replaced (real files,
-// or the simulated controller's MemEnv) unless a rule says otherwise, sleeps
-// are recorded instead of slept, and the clock can be fixed.
+// library's environment: HDD file calls, NV transfers and status calls go to
+// the Env it replaced (real files, or the simulated controller's MemEnv; the
+// NV stand-in) unless a rule says otherwise, sleeps are recorded instead of
+// slept, and the clock can be fixed.
 //
 // Paths: a rule names a path exactly as the library opens it ("" = any
-// path); a descriptor opened before this Env was installed is resolved by the
-// Env below (a MemEnv or another FaultEnv) or through /proc/self/fd, so the
-// simulated controller's paths are canonical.
+// path; NV transfers and status calls are on kNv); a descriptor opened
+// before this Env was installed is resolved by the Env below (a MemEnv or
+// another FaultEnv) or through /proc/self/fd, so the simulated controller's
+// paths are canonical.
 //
 // Counting: each rule counts the calls it matches from the moment it is added;
 // calls S+1 .. S+N are hit (N = -1: every call after the first S).  Calls()
@@ -405,8 +407,10 @@ class FaultEnv : public sbacc::Env {
   }
 
  public:
-  // The file calls, then the thread and lock set-ups (which name no path).
-  enum Op { kOpen = 0, kSeek, kRead, kWrite, kFsync, kClose, kThread, kMutex, kCond };
+  // The file calls, the thread and lock set-ups (which name no path), NV
+  // memory and the controller status.
+  enum Op { kOpen = 0, kSeek, kRead, kWrite, kFsync, kClose, kThread, kMutex, kCond, kNvRead, kNvWrite, kStatus };
+  static constexpr const char* kNv = "NV";
 
   FaultEnv() : base_(sbacc::CurrentEnv()) { sbacc::SetEnvForTest(this); }
   ~FaultEnv() override { sbacc::SetEnvForTest(base_); }
@@ -414,6 +418,7 @@ class FaultEnv : public sbacc::Env {
   FaultEnv& operator=(const FaultEnv&) = delete;
 
   // Calls start+1 .. start+count of `op` on `path` fail with `err` (-1 return).
+  // EINTR makes an interrupted call, for the library to make again.
   void FailOp(Op op, const std::string& path, long start, long count, int err) { AddRule(op, path, start, count, err, 0); }
   // Same calls of kRead / kWrite move `cut` bytes fewer than asked (at least 0).
   void ShortOp(Op op, const std::string& path, long start, long count, size_t cut) { AddRule(op, path, start, count, 0, cut); }
@@ -424,14 +429,15 @@ class FaultEnv : public sbacc::Env {
   void FailCondInit(long start, long count, int err = ENOMEM) { AddRule(kCond, "", start, count, err, 0, true); }
   void ClearRules() { Locked([&] { rules_.clear(); }); }  // counters stay
 
-  // Power cut: counting writes on all paths from now, write n+1 fails with
-  // EIO, and from then on every file call but Close fails with EIO (Close
-  // still closes the descriptor), and so does every NV transfer until the
-  // stand-in is reset.  n < 0: no cut.  `lands(i, path, len)` says how many
+  // Power cut: counting writes on all paths from now, NV writes among them
+  // (path kNv), write n+1 fails with EIO, and from then on every file call
+  // but Close fails with EIO (Close still closes the descriptor), and so does
+  // every NV transfer.  n < 0: no cut.  `lands(i, path, len)` says how many
   // bytes of write i (1 .. n+1) reach the file, by default all of 1 .. n and
-  // none of n+1; a write before the cut is reported as made however much of
-  // it lands.  kNow cuts the power as write n is made, before its flush;
-  // kLoseUnflushed also drops every write the MemEnv below holds unflushed.
+  // none of n+1; an NV write is one request and lands whole or not at all.  A
+  // write before the cut is reported as made however much of it lands.  kNow
+  // cuts the power as write n is made, before its flush; kLoseUnflushed also
+  // drops every write the MemEnv below holds unflushed.
   enum When { kNextWrite, kNow, kLoseUnflushed };
   using Landing = std::function<size_t(long i, const std::string& path, size_t len)>;
   void PowerCutAfterWrites(long n, When when = kNextWrite, Landing lands = {}) {
@@ -439,7 +445,7 @@ class FaultEnv : public sbacc::Env {
   }
   bool PowerIsCut() const { return Locked([&] { return power_cut_; }); }
 
-  // From now every write must land inside bytes [lo, hi) of its file (the
+  // From now every HDD write must land inside bytes [lo, hi) of its file (the
   // area the call works on): one that does not aborts the process on the spot.
   void BoundWrites(uint64_t lo, uint64_t hi) { Locked([&] { bound_lo_ = lo, bound_hi_ = hi; }); }
 
@@ -454,7 +460,7 @@ class FaultEnv : public sbacc::Env {
       return n;
     });
   }
-  // Every write so far, in the order they were made.
+  // Every write so far, NV writes included, in the order they were made.
   struct Write {
     int64_t pos;
     size_t len;
@@ -486,7 +492,7 @@ class FaultEnv : public sbacc::Env {
     size_t cut = 0;
     int err = Enter(kWrite, fd, "", &cut);
     size_t n = len > cut ? len - cut : 0;
-    bool made = false, forward = err == 0;  // made: reported as made, however much lands
+    bool made = false, cutting = false;
     Locked([&] {
       const uint64_t at = static_cast<uint64_t>(pos);
       if (bound_hi_ > bound_lo_ && (pos < 0 || at < bound_lo_ || at + len > bound_hi_)) {
@@ -495,19 +501,30 @@ class FaultEnv : public sbacc::Env {
         abort();
       }
       auto it = fd_paths_.find(fd);
-      writes_.push_back({pos, len, it != fd_paths_.end() ? it->second.path : ""});
-      if (err != 0 || power_budget_ < 0) return;
-      const long i = ++power_writes_;
-      made = i <= power_budget_;
-      n = lands_ ? std::min(n, lands_(i, writes_.back().path, n)) : made ? n : 0;
-      if (!made) err = CutPower(), forward = n > 0;
+      cutting = MeetPower(pos, len, it != fd_paths_.end() ? it->second.path : "", err == 0, &n, &made);
     });
-    const ssize_t rc = forward ? base_->WriteAt(fd, buf, n, pos) : -1;
-    Locked([&] {
-      if (made && when_ != kNextWrite && power_writes_ == power_budget_ && !power_cut_) CutPower();
-    });
+    if (cutting) err = EIO;
+    const ssize_t rc = err == 0 || (cutting && n > 0) ? base_->WriteAt(fd, buf, n, pos) : -1;
+    AfterWrite(made);
     if (err != 0) errno = err;
     return err != 0 ? -1 : made ? static_cast<ssize_t>(len) : rc;
+  }
+  int NvRead(uint64_t at, void* buf, size_t len) override {
+    return Enter(kNvRead, -1, kNv) != 0 ? -1 : base_->NvRead(at, buf, len);
+  }
+  int NvWrite(uint64_t at, const void* buf, size_t len) override {
+    int err = Enter(kNvWrite, -1, kNv);
+    size_t n = len;
+    bool made = false;
+    const bool cutting = Locked([&] { return MeetPower(static_cast<int64_t>(at), len, kNv, err == 0, &n, &made); });
+    if (cutting) err = EIO;
+    const int rc = (err == 0 || cutting) && n == len ? base_->NvWrite(at, buf, len) : -1;
+    AfterWrite(made);
+    if (err != 0) errno = err;
+    return err != 0 ? -1 : made ? 0 : rc;
+  }
+  int ControllerStatus(sanfw_getstatus_out* out) override {
+    return Enter(kStatus, -1, kNv) != 0 ? -1 : base_->ControllerStatus(out);
   }
   int Fsync(int fd) override { return Enter(kFsync, fd) != 0 ? -1 : base_->Fsync(fd); }
   int Close(int fd) override {
@@ -568,7 +585,7 @@ class FaultEnv : public sbacc::Env {
         if (cut != nullptr) *cut = std::max(*cut, r.cut);
         if (err == 0 && r.cut == 0) err = r.err;
       }
-      if (power_cut_ && op < kClose) err = EIO;
+      if (power_cut_ && (op < kClose || op == kNvRead || op == kNvWrite)) err = EIO;
       if (op == kClose && it != fd_paths_.end()) fd_paths_.erase(it);
     });
     if (err != 0) errno = err;
@@ -591,23 +608,43 @@ class FaultEnv : public sbacc::Env {
     return std::string(buf, n > 0 ? static_cast<size_t>(n) : 0);
   }
 
-  // Under the lock: the power goes, NV memory with the HDDs.  Returns EIO.
-  int CutPower() {
+  // Under the lock: a write of `len` bytes at `pos` on `path` is logged and,
+  // when not failed by a rule (`counted`), meets the power budget: `*n` (the
+  // bytes that would land) becomes what lands, `*made` whether it is
+  // reported as made.  True for the write the power goes at.
+  bool MeetPower(int64_t pos, size_t len, const std::string& path, bool counted, size_t* n, bool* made) {
+    writes_.push_back({pos, len, path});
+    if (!counted || power_budget_ < 0) return false;
+    const long i = ++power_writes_;
+    *made = i <= power_budget_;
+    *n = lands_ ? std::min(*n, lands_(i, path, *n)) : *made ? *n : 0;
+    if (*made) return false;
+    CutPower();
+    return true;
+  }
+  // After a write reported as made: kNow and kLoseUnflushed cut the power as
+  // the last write of the budget is made.
+  void AfterWrite(bool made) {
+    Locked([&] {
+      if (made && when_ != kNextWrite && power_writes_ == power_budget_ && !power_cut_) CutPower();
+    });
+  }
+  // Under the lock: the power goes, NV memory with the HDDs (Enter fails
+  // their calls from now on).
+  void CutPower() {
     power_cut_ = true;
-    for (int kind : {SANFWCTL_FAULT_READ, SANFWCTL_FAULT_WRITE}) sanfwctl_set_fault(kind, sanfwctl_call_count(kind), -1);
     if (auto* mem = dynamic_cast<sbacc::MemEnv*>(base_); mem != nullptr && when_ == kLoseUnflushed) mem->LoseUnflushed();
-    return EIO;
   }
 
   sbacc::Env* const base_;
   mutable std::mutex mu_;
   struct Tracked {
     std::string path;
-    std::array<long, kCond + 1>* calls;  // its entry of calls_
+    std::array<long, kStatus + 1>* calls;  // its entry of calls_
   };
   std::map<int, Tracked> fd_paths_;
   std::vector<Rule> rules_;
-  std::map<std::string, std::array<long, kCond + 1>, std::less<>> calls_;  // per path, per Op
+  std::map<std::string, std::array<long, kStatus + 1>, std::less<>> calls_;  // per path, per Op
   long power_budget_ = -1;  // writes allowed before the cut; -1 = disarmed
   long power_writes_ = 0;   // writes since arming
   bool power_cut_ = false;
