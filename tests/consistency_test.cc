@@ -29,6 +29,19 @@ void CutWrite(Sim& s) {
   s.EditHeader(0, 0, [](auto& h) { h.writeflag = 1, h.write_offset = 100, h.write_size = 50; });
 }
 
+// Copy 0 holds other bytes under a header that is not valid.
+void InvalidCopy0(Sim& s) {
+  s.PutData(0, 0, 0, Pattern(kLen, 3));
+  s.EditHeader(0, 0, [](auto& h) { h.magic[0] = 'X'; });
+}
+
+// Copy 1 stale, holding bytes of its own; copy 0's size is `size`.
+template <int32_t size>
+void StaleBehind(Sim& s) {
+  s.EditHeader(0, 0, [](auto& h) { h.filesize = size, h.hddblockade = 0x2; });
+  s.PutData(0, 1, 0, Pattern(kLen, 4));
+}
+
 const Case kCases[] = {
     {"resync_intent", 2, CutWrite, kStartup, 0, 1, 0},
     // A cut between the copies' size writes; a record that names no range.
@@ -46,34 +59,14 @@ const Case kCases[] = {
        s.EditHeader(0, 1, [](auto& h) { h.hddblockade = 0x4; });
      },
      kRead, 100, 0, 2},
-    {"read_skips_invalid_header", 2,
-     [](Sim& s) {
-       s.PutData(0, 0, 0, Pattern(kLen, 3));
-       s.EditHeader(0, 0, [](auto& h) { h.magic[0] = 'X'; });
-     },
-     kRead, 100, 0, 1},
+    {"read_skips_invalid_header", 2, InvalidCopy0, kRead, 100, 0, 1},
     // Copies 1 to 3 accepted, 1 and 3 failing their reads: the read goes to
     // copy 2, never to the rejected copy 0.
-    {"read_tries_every_accepted_copy", 4,
-     [](Sim& s) {
-       s.PutData(0, 0, 0, Pattern(kLen, 3));
-       s.EditHeader(0, 0, [](auto& h) { h.magic[0] = 'X'; });
-     },
-     kRead, 100, 0, 1, 0xa},
+    {"read_tries_every_accepted_copy", 4, InvalidCopy0, kRead, 100, 0, 1, 0xa},
     // Copy 1 is stale and copy 0's size impossible: the rebuild must not
     // write into whatever lies behind the area, and must copy the capacity.
-    {"rebuild_size_6000", 2,
-     [](Sim& s) {
-       s.EditHeader(0, 0, [](auto& h) { h.filesize = 6000, h.hddblockade = 0x2; });
-       s.PutData(0, 1, 0, Pattern(kLen, 4));
-     },
-     kRestore, 0, 1, 0},
-    {"rebuild_size_max", 2,
-     [](Sim& s) {
-       s.EditHeader(0, 0, [](auto& h) { h.filesize = INT_MAX, h.hddblockade = 0x2; });
-       s.PutData(0, 1, 0, Pattern(kLen, 4));
-     },
-     kRestore, 0, 1, 0},
+    {"rebuild_size_6000", 2, StaleBehind<6000>, kRestore, 0, 1, 0},
+    {"rebuild_size_max", 2, StaleBehind<INT_MAX>, kRestore, 0, 1, 0},
     // Left open, and controller 1 holds the repair lock; this controller is
     // not the master, so the lock is never had.
     {"lock_refused_keeps_headers", 2,

@@ -273,9 +273,7 @@ class Sim {
   };
   Held HeldNow() const {
     uint8_t b = 0;
-    cpfw_nv_region_t region = 2;
-    cpfw_ioctl_nv_access req{reinterpret_cast<uintptr_t>(&b), 0, 1};
-    Ezosanfwctl_read_nv(-1, &region, &req, 1);
+    sbacc::Env{}.NvRead(SBACC_NV_BASE, &b, 1);  // past the Env a test installed
     return {OpenFdCount() + (mem_ ? mem_->OpenCount() : 0), sbacc::AllocTrackedTotal(), sbacc::AllocLiveBlocks()};
   }
 
@@ -420,7 +418,9 @@ class FaultEnv : public sbacc::Env {
   // Calls start+1 .. start+count of `op` on `path` fail with `err` (-1 return).
   // EINTR makes an interrupted call, for the library to make again.
   void FailOp(Op op, const std::string& path, long start, long count, int err) { AddRule(op, path, start, count, err, 0); }
-  // Same calls of kRead / kWrite move `cut` bytes fewer than asked (at least 0).
+  // Same calls of kRead / kWrite move `cut` bytes fewer than asked (at least
+  // 0), or with kHalf half of it (rounded up: any call asking for bytes moves some).
+  static constexpr size_t kHalf = SIZE_MAX;
   void ShortOp(Op op, const std::string& path, long start, long count, size_t cut) { AddRule(op, path, start, count, 0, cut); }
   // StartThread / MutexInit / CondInit calls start+1 .. start+count (counted
   // from now) return `err` without doing anything; each call replaces the last.
@@ -486,13 +486,13 @@ class FaultEnv : public sbacc::Env {
   int64_t Seek(int fd, int64_t pos) override { return Enter(kSeek, fd) != 0 ? -1 : base_->Seek(fd, pos); }
   ssize_t ReadAt(int fd, void* buf, size_t len, int64_t pos) override {
     size_t cut = 0;
-    return Enter(kRead, fd, "", &cut) != 0 ? -1 : base_->ReadAt(fd, buf, len > cut ? len - cut : 0, pos);
+    return Enter(kRead, fd, "", &cut) != 0 ? -1 : base_->ReadAt(fd, buf, Moved(len, cut), pos);
   }
   ssize_t WriteAt(int fd, const void* buf, size_t len, int64_t pos) override {
     size_t cut = 0;
     int err = Enter(kWrite, fd, "", &cut);
-    size_t n = len > cut ? len - cut : 0;
-    bool made = false, cutting = false;
+    size_t n = Moved(len, cut);
+    bool made = false;
     Locked([&] {
       const uint64_t at = static_cast<uint64_t>(pos);
       if (bound_hi_ > bound_lo_ && (pos < 0 || at < bound_lo_ || at + len > bound_hi_)) {
@@ -501,10 +501,9 @@ class FaultEnv : public sbacc::Env {
         abort();
       }
       auto it = fd_paths_.find(fd);
-      cutting = MeetPower(pos, len, it != fd_paths_.end() ? it->second.path : "", err == 0, &n, &made);
+      err = MeetPower(pos, len, it != fd_paths_.end() ? it->second.path : "", err, &n, &made);
     });
-    if (cutting) err = EIO;
-    const ssize_t rc = err == 0 || (cutting && n > 0) ? base_->WriteAt(fd, buf, n, pos) : -1;
+    const ssize_t rc = err == 0 || n > 0 ? base_->WriteAt(fd, buf, n, pos) : -1;
     AfterWrite(made);
     if (err != 0) errno = err;
     return err != 0 ? -1 : made ? static_cast<ssize_t>(len) : rc;
@@ -516,9 +515,8 @@ class FaultEnv : public sbacc::Env {
     int err = Enter(kNvWrite, -1, kNv);
     size_t n = len;
     bool made = false;
-    const bool cutting = Locked([&] { return MeetPower(static_cast<int64_t>(at), len, kNv, err == 0, &n, &made); });
-    if (cutting) err = EIO;
-    const int rc = (err == 0 || cutting) && n == len ? base_->NvWrite(at, buf, len) : -1;
+    err = Locked([&] { return MeetPower(static_cast<int64_t>(at), len, kNv, err, &n, &made); });
+    const int rc = n == len ? base_->NvWrite(at, buf, len) : -1;  // one request: whole or nothing
     AfterWrite(made);
     if (err != 0) errno = err;
     return err != 0 ? -1 : made ? 0 : rc;
@@ -562,6 +560,7 @@ class FaultEnv : public sbacc::Env {
     size_t cut;
   };
 
+  static size_t Moved(size_t len, size_t cut) { return cut == kHalf ? len - len / 2 : len > cut ? len - cut : 0; }
   void AddRule(Op op, const std::string& path, long start, long count, int err, size_t cut, bool replace = false) {
     Locked([&] {
       if (replace) std::erase_if(rules_, [op](const Rule& r) { return r.op == op; });
@@ -609,25 +608,23 @@ class FaultEnv : public sbacc::Env {
   }
 
   // Under the lock: a write of `len` bytes at `pos` on `path` is logged and,
-  // when not failed by a rule (`counted`), meets the power budget: `*n` (the
-  // bytes that would land) becomes what lands, `*made` whether it is
-  // reported as made.  True for the write the power goes at.
-  bool MeetPower(int64_t pos, size_t len, const std::string& path, bool counted, size_t* n, bool* made) {
+  // unless a rule fails it with `err`, meets the power budget: `*n` (the
+  // bytes that would land) becomes what lands, none for a failed write, and
+  // `*made` whether it is reported as made.  Returns the errno to fail with.
+  int MeetPower(int64_t pos, size_t len, const std::string& path, int err, size_t* n, bool* made) {
     writes_.push_back({pos, len, path});
-    if (!counted || power_budget_ < 0) return false;
+    if (err != 0) *n = 0;
+    if (err != 0 || power_budget_ < 0) return err;
     const long i = ++power_writes_;
     *made = i <= power_budget_;
     *n = lands_ ? std::min(*n, lands_(i, path, *n)) : *made ? *n : 0;
-    if (*made) return false;
-    CutPower();
-    return true;
+    if (!*made) CutPower();
+    return *made ? 0 : EIO;
   }
   // After a write reported as made: kNow and kLoseUnflushed cut the power as
   // the last write of the budget is made.
   void AfterWrite(bool made) {
-    Locked([&] {
-      if (made && when_ != kNextWrite && power_writes_ == power_budget_ && !power_cut_) CutPower();
-    });
+    Locked([&] { made && when_ != kNextWrite && power_writes_ == power_budget_ && !power_cut_ ? CutPower() : void(); });
   }
   // Under the lock: the power goes, NV memory with the HDDs (Enter fails
   // their calls from now on).
