@@ -73,7 +73,7 @@ namespace {
 // One copy of one area: header, then (datasize > 0) the first data bytes.
 void DumpHdd(FILE* fp, SBACC_FILE_DISCRIPTER* sfd, const SBACC_FILE_LIST_ENTRY& ent, int j,
              int datasize) {
-  int fd = sbacc::CurrentEnv()->Open(ent.hddname[j], O_RDWR);
+  int fd = sbacc::CurrentEnv()->OpenRetry(ent.hddname[j], O_RDWR);
   if (fd < 0) {
     SBACC_TRACE(sbacc::kTraceError, "[sbacc_dumpout] open error. errno=%d filename=%s", errno,
                 ent.hddname[j]);

@@ -1,7 +1,8 @@
 // The one door between the library and the operating system for everything
-// tests need to fail or observe: HDD file I/O, thread start, mutex and
-// condition set-up, sleeping and the clock.  The default forwards to POSIX;
-// tests install their own subclass with SetEnvForTest.
+// tests need to fail or observe: HDD file I/O, NV memory and the controller
+// status, thread start, mutex and condition set-up, sleeping and the clock.
+// The default forwards to POSIX and the firmware-control library; tests
+// install their own subclass with SetEnvForTest.
 #ifndef SBACC_ENV_H
 #define SBACC_ENV_H
 
@@ -10,6 +11,8 @@
 #include <stdint.h>
 #include <sys/types.h>
 #include <time.h>
+
+struct sanfw_getstatus_out;  // sanfwctl.h
 
 namespace sbacc {
 
@@ -26,6 +29,24 @@ class Env {
   virtual ssize_t WriteAt(int fd, const void* buf, size_t len, int64_t pos);
   virtual int Fsync(int fd);
   virtual int Close(int fd);
+
+  // The library's HDD I/O goes through these, never the calls above: an
+  // interrupted call is made again and a short transfer is continued, so a
+  // copy fails only on a real error or an attempt that moves nothing.
+  // ReadFully / WriteFully return len when every byte moved, else the bytes
+  // moved before an attempt that moved none, or -1 with errno.  A close is
+  // never repeated: on Linux the descriptor is gone even when it says EINTR.
+  int OpenRetry(const char* path, int flags);
+  ssize_t ReadFully(int fd, void* buf, size_t len, int64_t pos);
+  ssize_t WriteFully(int fd, const void* buf, size_t len, int64_t pos);
+  int FsyncRetry(int fd);
+
+  // NV memory and the controller status: one request of the firmware-control
+  // library each (the region of the area records, `nv_offset` absolute), 0
+  // or that library's nonzero result.
+  virtual int NvRead(uint64_t nv_offset, void* buf, size_t len);
+  virtual int NvWrite(uint64_t nv_offset, const void* buf, size_t len);
+  virtual int ControllerStatus(sanfw_getstatus_out* out);
 
   // Threads and their synchronisation: 0 or an errno value, as pthreads.
   // CreateThread starts one OS thread: the worker crew's only way to grow.

@@ -93,7 +93,7 @@ int sbacc_l_hddset(SBACC_FILE_DISCRIPTER* sfd, int hdd, int offset, const void* 
   ssize_t ret = -1;
   int err = EINVAL;
   if (len >= 0) {
-    ret = sbacc::CurrentEnv()->WriteAt(fd, buf, static_cast<size_t>(len), pos);
+    ret = sbacc::CurrentEnv()->WriteFully(fd, buf, static_cast<size_t>(len), pos);
     err = errno;
   }
   if (ret != len) {
@@ -107,7 +107,7 @@ int sbacc_l_hddset(SBACC_FILE_DISCRIPTER* sfd, int hdd, int offset, const void* 
   // may have dropped the dirty pages), and the engine orders its multi-step
   // header updates on every write being durable.  So a failed fsync counts as
   // a failed write, which makes the engine fence the copy.
-  const int sync = sbacc::CurrentEnv()->Fsync(fd);
+  const int sync = sbacc::CurrentEnv()->FsyncRetry(fd);
   const int sync_err = errno;
   SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_l_hddset] fsync() fd=%d len=%d", fd, len);
   if (sync != 0) {
@@ -134,7 +134,7 @@ int sbacc_l_hddget(SBACC_FILE_DISCRIPTER* sfd, int hdd, int offset, void* buf, i
   ssize_t ret = -1;
   int err = EINVAL;  // negative length: refused as a failed read, see sbacc_l_hddset
   if (len >= 0) {
-    ret = sbacc::CurrentEnv()->ReadAt(fd, buf, static_cast<size_t>(len), pos);
+    ret = sbacc::CurrentEnv()->ReadFully(fd, buf, static_cast<size_t>(len), pos);
     err = errno;
   }
   if (ret != len) {

@@ -1,13 +1,12 @@
 // The per-area record in NV memory: transfers with their retry loop, record
 // initialisation and check, the bit counter, and the fixed-offset accessors.
-// NV memory is reached only through the firmware-control library.
+// NV memory is reached only through the Env, one request per attempt.
 #define SBACC_MODULE SBACC_MODULE_L
 #include <stdint.h>
 #include <string.h>
 
 #include <bit>
 
-#include "sanfwctl.h"
 #include "sbacc.h"
 #include "sbacc_env.h"
 #include "sbacc_l.h"
@@ -15,8 +14,6 @@
 
 namespace {
 
-constexpr int kNvHandle = -1;             // the firmware library's "any controller" handle
-constexpr cpfw_nv_region_t kNvRegion = 2;  // region that holds the area records
 constexpr unsigned kRetrySleepMicros = 100000;
 constexpr int kRepairLockSlots = 4;
 
@@ -45,14 +42,10 @@ int sbacc_l_memset(SBACC_FILE_DISCRIPTER* sfd, int offset, const void* buf, int 
   // A negative length would reach the firmware as an enormous unsigned
   // count; it is refused without an attempt.
   if (len >= 0) {
-    cpfw_ioctl_nv_access req;
-    req.buf = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(buf));
-    req.nv_offset = NvOffset(sfd, offset);
-    req.len = static_cast<uint64_t>(len);
+    const uint64_t at = NvOffset(sfd, offset);
     const int attempts = Attempts(sfd->env[SBACC_ENV_MEMSET]);
     for (int i = 0; i < attempts; ++i) {
-      cpfw_nv_region_t region = kNvRegion;
-      const int ret = Ezosanfwctl_write_nv(kNvHandle, &region, &req, 1);
+      const int ret = sbacc::CurrentEnv()->NvWrite(at, buf, static_cast<size_t>(len));
       if (ret == 0) {
         SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_l_memset] [LEAVE] %d", 0);
         return 0;
@@ -72,14 +65,10 @@ int sbacc_l_memset(SBACC_FILE_DISCRIPTER* sfd, int offset, const void* buf, int 
 int sbacc_l_memget(SBACC_FILE_DISCRIPTER* sfd, int offset, void* buf, int len) {
   SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_l_memget] [ENTER]");
   if (len >= 0) {  // negative length refused, see sbacc_l_memset
-    cpfw_ioctl_nv_access req;
-    req.buf = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(buf));
-    req.nv_offset = NvOffset(sfd, offset);
-    req.len = static_cast<uint64_t>(len);
+    const uint64_t at = NvOffset(sfd, offset);
     const int attempts = Attempts(sfd->env[SBACC_ENV_MEMGET]);
     for (int i = 0; i < attempts; ++i) {
-      cpfw_nv_region_t region = kNvRegion;
-      const int ret = Ezosanfwctl_read_nv(kNvHandle, &region, &req, 1);
+      const int ret = sbacc::CurrentEnv()->NvRead(at, buf, static_cast<size_t>(len));
       if (ret == 0) {
         SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_l_memget] [LEAVE] %d", 0);
         return 0;

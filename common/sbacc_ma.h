@@ -78,5 +78,9 @@ int sbacc_ma_repair_for_restore(int index);
 // left them differing; a copy that fails is closed.  Off when the
 // SBACC_RESTORE_RESYNC tunable is 0.  Returns 0.
 int sbacc_ma_resync_copies(SBACC_FILE_DISCRIPTER* sfd);
+// Clears the under-repair marks that a start-up cut short left in the area's
+// NV record; to be called with the repair lock held, before any write.  Off
+// with the resync.  Returns 0.
+int sbacc_ma_clear_leftover_marks(SBACC_FILE_DISCRIPTER* sfd);
 
 #endif  // SBACC_MA_H

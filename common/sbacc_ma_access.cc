@@ -29,7 +29,7 @@ bool Bit(uint32_t mask, int i) { return ((mask >> i) & 1u) != 0; }
 // Opens copy i when it is not open yet.  False when it cannot be opened.
 bool EnsureOpen(SBACC_FILE_DISCRIPTER* sfd, int i, int flags) {
   if (sfd->fd[i] != -1) return true;
-  int fd = CurrentEnv()->Open(sfd->sfe.hddname[i], flags);
+  int fd = CurrentEnv()->OpenRetry(sfd->sfe.hddname[i], flags);
   if (fd < 0) {
     SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_hdd_access] open error. errno=%d path=%s", errno, sfd->sfe.hddname[i]);
     return false;

@@ -80,7 +80,7 @@ int EnterRepairlock(SBACC_FILE_DISCRIPTER* sfd) {
       }
       sanfw_getstatus_out_t status;
       memset(&status, 0, sizeof status);
-      const int st = Ezosanfwctl_get_status(0, &status);
+      const int st = sbacc::CurrentEnv()->ControllerStatus(&status);
       if (st != 0) {
         // Treated as "not the master": this round ends as a plain back-off.
         SBACC_TRACE(kTraceError, "[sbacc_ma_enter_repairlock] Ezosanfwctl_get_status error. ret=%d", st);

@@ -33,7 +33,7 @@ struct OpenTask {
 int OpenCopy(void* arg) {
   const auto* t = static_cast<const OpenTask*>(arg);
   SBACC_TRACE(sbacc::kTraceFlow, "[%s] open[%d] sfn=(%s) openprm=%d", t->who, t->hdd, t->path, t->flags);
-  const int fd = CurrentEnv()->Open(t->path, t->flags);
+  const int fd = CurrentEnv()->OpenRetry(t->path, t->flags);
   if (fd < 0) {
     SBACC_TRACE(sbacc::kTraceError, "[%s] open error. errno=%d sfn=%s filename=%s", t->who, errno, t->path, t->area);
     return -1;

@@ -366,6 +366,7 @@ int sbacc_ma_repair_for_restore(int index) {
     for (int i = 0; i < SBACC_HDD_MAX; ++i) sbacc_ma_close_hdd(sfd, i);
   } else {
     uint32_t blockade = 0;
+    (void)sbacc_ma_clear_leftover_marks(sfd);
     rc = RepairLocked(sfd, rec, &blockade);
     RecordBlockade(sfd, blockade);
     (void)sbacc_ma_leave_repairlock(sfd);

@@ -146,3 +146,21 @@ int sbacc_ma_resync_copies(SBACC_FILE_DISCRIPTER* sfd) {
   SBACC_TRACE(kTraceFlow, "[sbacc_ma_resync_copies] [LEAVE] %d", 0);
   return 0;
 }
+
+// Marks under repair are set only under the repair lock, which the caller
+// holds: a mark found now was left by a start-up cut short after its rebuild
+// had already taken the copy off the blockade in the headers.  Left standing
+// it would have every access of this start-up count that copy as fenced off
+// again, in NV and in the other headers, while its own header says current.
+// The headers alone say which copies are stale; the start-up marks those
+// afresh.
+int sbacc_ma_clear_leftover_marks(SBACC_FILE_DISCRIPTER* sfd) {
+  sbacc::NvRecordLock lock(sfd);
+  uint8_t marks = 0;
+  if (sfd->env[SBACC_ENV_RESYNC] == 0 || sbacc_memget_hddrepair(sfd, &marks) != 0 || marks == 0) return 0;
+  SBACC_TRACE(kTraceMilestone, "[sbacc_ma_clear_leftover_marks] %s marked under repair by a start-up cut short: hddrepair[0x%x] cleared",
+              sfd->sfe.filename, marks);
+  const int rc = sbacc_memset_hddrepair(sfd, 0);
+  if (rc != 0) SBACC_TRACE(kTraceError, "[sbacc_ma_clear_leftover_marks] sbacc_memset_hddrepair error. retcode=%d", rc);
+  return 0;
+}

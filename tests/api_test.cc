@@ -59,14 +59,13 @@ TEST(Api, RefusedWithCodeTraceAndBlockWithoutTouchingAnything) {
     ASSERT_TRUE(Open("area", "w") == 0 && enabled() && sbacc_close(g_fp) == 0 && enabled());  // the area exists
     ASSERT_EQ(0, Open("area", "r"));
     void* const rfp = g_fp;
-    const long nv_calls = sanfwctl_call_count(SANFWCTL_FAULT_READ) + sanfwctl_call_count(SANFWCTL_FAULT_WRITE);
     g_fp = reinterpret_cast<void*>(0x77);
     sbacc_test::TraceCapture trace;
     FaultEnv env;
     EXPECT_EQ(c.code, c.call(rfp));
     EXPECT_TRUE(enabled());
-    EXPECT_EQ(0, env.Calls(FaultEnv::kOpen) + env.Calls(FaultEnv::kRead) + env.Calls(FaultEnv::kWrite));
-    EXPECT_EQ(nv_calls, sanfwctl_call_count(SANFWCTL_FAULT_READ) + sanfwctl_call_count(SANFWCTL_FAULT_WRITE));
+    for (FaultEnv::Op op : {FaultEnv::kOpen, FaultEnv::kRead, FaultEnv::kWrite, FaultEnv::kNvRead, FaultEnv::kNvWrite})
+      EXPECT_EQ(0, env.Calls(op)) << op;
     EXPECT_EQ(reinterpret_cast<void*>(0x77), g_fp);
     const std::string line = c.error_line, fn = "[" + line.substr(1, line.find(']') - 1) + "]";
     for (const std::string& want : {line, fn + "   " + c.block_first, fn + " " + fn.substr(1, fn.size() - 2) + " (",

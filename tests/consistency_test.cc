@@ -18,6 +18,7 @@ struct Case {
   int rc;
   bool agree;  // the copies must agree afterwards
   int seed;   // kRead: the read returns Pattern(100, seed)
+  uint32_t failing = 0;  // kRead: copies whose reads fail once the open is done
 };
 
 
@@ -26,6 +27,19 @@ struct Case {
 void CutWrite(Sim& s) {
   s.PutData(0, 1, 100, Pattern(50, 9));
   s.EditHeader(0, 0, [](auto& h) { h.writeflag = 1, h.write_offset = 100, h.write_size = 50; });
+}
+
+// Copy 0 holds other bytes under a header that is not valid.
+void InvalidCopy0(Sim& s) {
+  s.PutData(0, 0, 0, Pattern(kLen, 3));
+  s.EditHeader(0, 0, [](auto& h) { h.magic[0] = 'X'; });
+}
+
+// Copy 1 stale, holding bytes of its own; copy 0's size is `size`.
+template <int32_t size>
+void StaleBehind(Sim& s) {
+  s.EditHeader(0, 0, [](auto& h) { h.filesize = size, h.hddblockade = 0x2; });
+  s.PutData(0, 1, 0, Pattern(kLen, 4));
 }
 
 const Case kCases[] = {
@@ -45,18 +59,14 @@ const Case kCases[] = {
        s.EditHeader(0, 1, [](auto& h) { h.hddblockade = 0x4; });
      },
      kRead, 100, 0, 2},
-    {"read_skips_invalid_header", 2,
-     [](Sim& s) {
-       s.PutData(0, 0, 0, Pattern(kLen, 3));
-       s.EditHeader(0, 0, [](auto& h) { h.magic[0] = 'X'; });
-     },
-     kRead, 100, 0, 1},
+    {"read_skips_invalid_header", 2, InvalidCopy0, kRead, 100, 0, 1},
+    // Copies 1 to 3 accepted, 1 and 3 failing their reads: the read goes to
+    // copy 2, never to the rejected copy 0.
+    {"read_tries_every_accepted_copy", 4, InvalidCopy0, kRead, 100, 0, 1, 0xa},
     // Copy 1 is stale and copy 0's size impossible: the rebuild must not
-    // write into whatever lies behind the area.
-    {"rebuild_size_6000", 2, [](Sim& s) { s.EditHeader(0, 0, [](auto& h) { h.filesize = 6000, h.hddblockade = 0x2; }); },
-     kRestore, 0, 1, 0},
-    {"rebuild_size_max", 2, [](Sim& s) { s.EditHeader(0, 0, [](auto& h) { h.filesize = INT_MAX, h.hddblockade = 0x2; }); },
-     kRestore, 0, 1, 0},
+    // write into whatever lies behind the area, and must copy the capacity.
+    {"rebuild_size_6000", 2, StaleBehind<6000>, kRestore, 0, 1, 0},
+    {"rebuild_size_max", 2, StaleBehind<INT_MAX>, kRestore, 0, 1, 0},
     // Left open, and controller 1 holds the repair lock; this controller is
     // not the master, so the lock is never had.
     {"lock_refused_keeps_headers", 2,
@@ -97,6 +107,9 @@ TEST_P(Consistency, Reproduction) {
   boolean_t clean = B_FALSE;
   if (c.run == kRead) {
     ASSERT_EQ(0, sbacc_open("a", "r", &fp, &clean)) << trace.Dump();
+    for (int i = 0; i < c.copies; ++i) {
+      if (c.failing >> i & 1u) env.FailOp(FaultEnv::kRead, sim.HddPath(i), 0, -1, EIO);
+    }
     EXPECT_EQ(c.rc, sbacc_read(got.data(), 100, 0, fp));
     EXPECT_EQ(0, sbacc_close(fp));
     EXPECT_EQ(Pattern(100, c.seed), got);

@@ -47,9 +47,9 @@ TEST_P(CopiesTest, GapIsZeroFilledInChunksOnEveryCopy) {
   Sim& sim = Area(copies);
   void* fp = Open("w");
   FaultEnv env;
-  const Bytes head = Pattern(100, 1), tail = Pattern(10, 9);
-  ASSERT_EQ(100, sbacc_write(head.data(), 100, 0, fp));
-  ASSERT_EQ(50, sbacc_write_size(50, fp));  // the old bytes 50..99 stay on disk
+  const Bytes head = Pattern(3000, 1), tail = Pattern(10, 9);
+  ASSERT_EQ(3000, sbacc_write(head.data(), 3000, 0, fp));
+  ASSERT_EQ(50, sbacc_write_size(50, fp));  // the old bytes 50..2999 stay on disk, in every chunk below
   env.ResetCounters();
   // 10 bytes at 3000 on 50 bytes of data: 2950 zero bytes in chunks of 1024,
   // 1024 and 902, each between intent record and clear; then data and size.

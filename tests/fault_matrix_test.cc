@@ -5,7 +5,9 @@
 // The expectation of a case is derived, not recorded: a copy that saw a
 // failing call is fenced off (NV mask and the surviving headers), a copy that
 // did not is left alone, the operation succeeds while one copy is left and
-// otherwise returns the code that operation gives when no copy is left.
+// otherwise returns the code that operation gives when no copy is left.  An
+// interrupted call or a short transfer is finished, not failed: alone it
+// fences nothing; repeated without end it fails like an error.
 // Each case starts from a snapshot of the same HDD and NV images.
 #include "testutil.h"
 
@@ -27,16 +29,23 @@ constexpr OpInfo kOps[] = {{"open_w", 0, false, false},  {"open_r", 0, false, fa
                            {"close", 0, true, false},    {"restore", 0, false, true},    {"nv_init", 0, false, true},
                            {"repair_copy", 0, false, true}};
 
-// The system calls a copy sees, plus short transfers (one byte short).
+// The system calls a copy sees failing with an error or interrupted, and
+// transfers cut short: moving half the bytes, or none.
+constexpr size_t kHalf = FaultEnv::kHalf, kNothing = SIZE_MAX - 1;
 struct SysInfo {
   const char* name;
   FaultEnv::Op op;
-  bool writes, cut;
+  bool writes;
+  int err;  // 0: cut short by `cut` bytes instead
+  size_t cut;
 };
-constexpr SysInfo kSys[] = {{"open", FaultEnv::kOpen, false, false},   {"seek", FaultEnv::kSeek, false, false},
-                            {"read", FaultEnv::kRead, false, false},   {"write", FaultEnv::kWrite, true, false},
-                            {"fsync", FaultEnv::kFsync, true, false},  {"short_read", FaultEnv::kRead, false, true},
-                            {"short_write", FaultEnv::kWrite, true, true}};
+constexpr SysInfo kSys[] = {
+    {"open", FaultEnv::kOpen, false, EIO, 0},          {"seek", FaultEnv::kSeek, false, EIO, 0},
+    {"read", FaultEnv::kRead, false, EIO, 0},          {"write", FaultEnv::kWrite, true, EIO, 0},
+    {"fsync", FaultEnv::kFsync, true, EIO, 0},         {"short_read", FaultEnv::kRead, false, 0, kHalf},
+    {"short_write", FaultEnv::kWrite, true, 0, kHalf},     {"stuck_write", FaultEnv::kWrite, true, 0, kNothing},
+    {"eintr_open", FaultEnv::kOpen, false, EINTR, 0},  {"eintr_read", FaultEnv::kRead, false, EINTR, 0},
+    {"eintr_write", FaultEnv::kWrite, true, EINTR, 0}, {"eintr_fsync", FaultEnv::kFsync, true, EINTR, 0}};
 
 // Windows of calls that fail, counted per copy from the start of the operation.
 struct Window {
@@ -164,13 +173,18 @@ TEST_P(HddFaults, EveryCallOnEveryCopy) {
     env.SetNow(kNow);
     for (int i = 0; i < copies; ++i) {
       if ((victims >> i & 1u) == 0) continue;
-      s.cut ? env.ShortOp(s.op, sim.HddPath(i), w.start, w.count, 1) : env.FailOp(s.op, sim.HddPath(i), w.start, w.count, EIO);
+      s.err == 0 ? env.ShortOp(s.op, sim.HddPath(i), w.start, w.count, s.cut)
+                 : env.FailOp(s.op, sim.HddPath(i), w.start, w.count, s.err);
     }
     env.BoundWrites(kAddr, kAddr + kSize);
     const int rc = st.Run();
     for (int i = 0; i < copies; ++i) {
       if ((victims >> i & 1u) != 0 && env.Calls(s.op, sim.HddPath(i)) > w.start) touched |= 1u << i;
     }
+    // A short count is made good by the next attempt, and so is an
+    // interruption unless it never ends.
+    const bool heals = s.cut == kHalf || (s.err == EINTR && w.count >= 0);
+    if (heals) touched = 0;
     env.ClearRules();
     st.Close();
     ++cases;
@@ -200,7 +214,7 @@ TEST_P(HddFaults, EveryCallOnEveryCopy) {
       if ((s.writes || s.op == FaultEnv::kOpen) && w.count < 0) {
         EXPECT_EQ(touched, nv.hddblockade & touched) << "touched 0x" << std::hex << touched;
       }
-      EXPECT_EQ(0u, nv.hddblockade & ~victims & ~stale) << "fenced without a fault";
+      EXPECT_EQ(0u, nv.hddblockade & ~(heals ? 0 : victims) & ~stale) << "fenced without a fault";
       EXPECT_EQ(0, nv.hddrepair);
       EXPECT_EQ(usable == 0 && op == kNvInit ? AllFailCode(op, s, w) : 0, rc);
     }
@@ -241,34 +255,35 @@ INSTANTIATE_TEST_SUITE_P(Ops, HddFaults, ::testing::Range(0, static_cast<int>(kO
 // followed by a recorded 100 ms pause, and the operation reports the NV code
 // (the close, which never fails, aside).  An operation that makes no transfer
 // of that kind is not affected.  With one copy failing its HDD writes too,
-// the fencing itself needs an NV write.
+// the fencing itself needs an NV write.  Reads and writes have retry counts
+// of their own, set apart here so that one cannot stand in for the other.
 TEST_F(FaultMatrix, NvTransfersFailing) {
   long cases = 0;
-  for (int retries : {1, 2}) {
-    for (const char* v : {"SBACC_MEMSET_MAXRETRY", "SBACC_MEMGET_MAXRETRY"}) setenv(v, std::to_string(retries).c_str(), 1);
+  for (const auto& [set_retries, get_retries] : {std::pair{1, 2}, std::pair{2, 1}}) {
+    setenv("SBACC_MEMSET_MAXRETRY", std::to_string(set_retries).c_str(), 1);
+    setenv("SBACC_MEMGET_MAXRETRY", std::to_string(get_retries).c_str(), 1);
     for (int o = 0; o < kOpCount; ++o) {
       const Op op = static_cast<Op>(o);
       const Sim::Images snap = Baseline(op, 2);
-      for (int kind : {SANFWCTL_FAULT_READ, SANFWCTL_FAULT_WRITE}) {
+      for (FaultEnv::Op kind : {FaultEnv::kNvRead, FaultEnv::kNvWrite}) {
+        const int retries = kind == FaultEnv::kNvRead ? get_retries : set_retries;
         for (bool hdd_fault : {false, true}) {
-          SCOPED_TRACE(std::string(kOps[op].name) + (kind == SANFWCTL_FAULT_READ ? "/NV reads" : "/NV writes") +
+          SCOPED_TRACE(std::string(kOps[op].name) + (kind == FaultEnv::kNvRead ? "/NV reads" : "/NV writes") +
                        (hdd_fault ? " + HDD writes of copy 0" : "") + "/retries " + std::to_string(retries));
           Stage st(snap, op, 2);
           FaultEnv env;
           env.SetNow(kNow);
           if (hdd_fault) env.FailOp(FaultEnv::kWrite, st.sim().HddPath(0), 0, -1, EIO);
-          const long before = sanfwctl_call_count(kind);
-          sanfwctl_set_fault(kind, before, -1);
+          env.FailOp(kind, "", 0, -1, EIO);
           const int rc = st.Run();
-          sanfwctl_set_fault(kind, 0, 0);
           env.ClearRules();
-          const long calls = sanfwctl_call_count(kind) - before;
+          const long calls = env.Calls(kind);
           EXPECT_EQ(0, calls % (retries + 1)) << calls << " calls";
           EXPECT_EQ(std::vector<unsigned>(calls, 100000u), env.Sleeps()) << "a 100 ms pause after each failure";
           if (op == kClose || calls == 0) {
             EXPECT_EQ(kOps[op].ok, rc);
           } else {
-            EXPECT_EQ(kind == SANFWCTL_FAULT_READ ? SBACC_E_NVREAD : SBACC_E_NVWRITE, rc);
+            EXPECT_EQ(kind == FaultEnv::kNvRead ? SBACC_E_NVREAD : SBACC_E_NVWRITE, rc);
             // The start-up goes on to close its areas after the failure.
             if (!kOps[op].startup) {
               EXPECT_EQ(retries + 1, calls);

@@ -28,7 +28,7 @@ class NvTest : public ::testing::Test {
   }
   Bytes Lock(int area = 3) const { return sim_.NvBytes(SBACC_NV_BASE + 128 * area + kMemRepairlock, 4); }
   void SetLock(const Bytes& b, int area = 3) { sim_.PutNvBytes(SBACC_NV_BASE + 128 * area + kMemRepairlock, b.data(), 4); }
-  static long Calls(int kind) { return sanfwctl_call_count(kind); }
+  long Calls(FaultEnv::Op op) const { return env_.Calls(op); }
 
   sbacc_test::Sim sim_{2, kAt + 8192};
   FaultEnv env_;  // records the pauses instead of sleeping
@@ -76,9 +76,9 @@ TEST_F(NvTest, InitialisationWritesExactRecordsMagicLast) {
   memcpy(&want[128], "SBNM\3\0\0\0a3", 10);
   want[128 + 40] = 2;  // hddcount
   EXPECT_EQ(sim_.NvBytes(kRec3 - 128, 384), want);
-  sanfwctl_set_fault(SANFWCTL_FAULT_WRITE, Calls(SANFWCTL_FAULT_WRITE) + 1, -1);  // the body lands, the magic never
+  env_.FailOp(FaultEnv::kNvWrite, "", 1, -1, EIO);  // the body lands, the magic never
   EXPECT_EQ(sbacc_l_memini_entry(sfd_, &e), SBACC_E_NVWRITE);
-  sanfwctl_set_fault(SANFWCTL_FAULT_WRITE, 0, 0);
+  env_.ClearRules();
   EXPECT_EQ(sim_.NvBytes(kRec3, 8), Bytes({0, 0, 0, 0, 3, 0, 0, 0}));
   EXPECT_EQ(sbacc_memget_check_entry(sfd_, &e), SBACC_E_NOTINIT);
   EXPECT_TRUE(trace_.Has("[sbacc_memget_check_entry] NV is not initialized"));
@@ -149,15 +149,14 @@ TEST_F(NvTest, RepairLockEnterTakesOrGivesUp) {
     setenv("SANFWCTL_MASTER", std::to_string(c.master).c_str(), 1);
     SetLock(c.before);
     sbacc_cntno = c.own;
-    const long status = Calls(SANFWCTL_FAULT_STATUS), writes = Calls(SANFWCTL_FAULT_WRITE);
-    sanfwctl_set_fault(SANFWCTL_FAULT_STATUS, status, c.status_failures);
+    env_.FailOp(FaultEnv::kStatus, "", 0, c.status_failures, EIO);
     env_.ResetCounters();
     EXPECT_EQ(c.rc, sbacc_ma_enter_repairlock(sfd_));
     EXPECT_EQ(c.after, Lock());
     EXPECT_EQ(std::vector<unsigned>(c.sleeps, 100000u), env_.Sleeps());
-    EXPECT_EQ(c.status_calls, Calls(SANFWCTL_FAULT_STATUS) - status);
-    EXPECT_TRUE(c.rc != SBACC_E_PARAM || writes == Calls(SANFWCTL_FAULT_WRITE));
-    sanfwctl_set_fault(SANFWCTL_FAULT_STATUS, 0, 0);
+    EXPECT_EQ(c.status_calls, Calls(FaultEnv::kStatus));
+    EXPECT_TRUE(c.rc != SBACC_E_PARAM || Calls(FaultEnv::kNvWrite) == 0);
+    env_.ClearRules();
   }
 }
 
@@ -173,9 +172,9 @@ TEST_F(NvTest, RepairInitClearsOwnBytesOnceOnly) {
   EXPECT_EQ((Bytes{1, 0, 0, 0}), Lock(0));
   EXPECT_EQ((Bytes{0, 0, 1, 0}), Lock(3));
   EXPECT_EQ(B_TRUE, sbacc_repair_flag(B_FALSE));
-  long writes = Calls(SANFWCTL_FAULT_WRITE);
+  long writes = Calls(FaultEnv::kNvWrite);
   EXPECT_EQ(SBACC_E_NOTALLOWED, sbacc_repair_init(1));
-  EXPECT_EQ(writes, Calls(SANFWCTL_FAULT_WRITE));
+  EXPECT_EQ(writes, Calls(FaultEnv::kNvWrite));
   EXPECT_EQ(1, trace_.Count("[sbacc_repair_init]   retcode: -101"));
   sbacc_reset_process_state();
   EXPECT_EQ(B_TRUE, sbacc_repair_flag(B_TRUE));
@@ -187,7 +186,7 @@ TEST_F(NvTest, RepairInitClearsOwnBytesOnceOnly) {
   sim_.SetFilelistText("# no area\n");
   EXPECT_EQ(0, sbacc_repair_init(7));
   EXPECT_EQ(B_TRUE, sbacc_repair_flag(B_FALSE));
-  EXPECT_EQ(writes, Calls(SANFWCTL_FAULT_WRITE));
+  EXPECT_EQ(writes, Calls(FaultEnv::kNvWrite));
 }
 
 }  // namespace

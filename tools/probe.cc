@@ -60,7 +60,7 @@ void AreaProbe::OpenCopies() {
     CopyProbe& c = copies[static_cast<size_t>(j)];
     c.index = j;
     c.path = sfd_->sfe.hddname[j];
-    if (sfd_->fd[j] < 0) sfd_->fd[j] = sbacc::CurrentEnv()->Open(c.path.c_str(), open_flags_);
+    if (sfd_->fd[j] < 0) sfd_->fd[j] = sbacc::CurrentEnv()->OpenRetry(c.path.c_str(), open_flags_);
     if (sfd_->fd[j] < 0) {
       c.error = std::string("open: ") + strerror(errno);
       sfd_->fd[j] = -1;

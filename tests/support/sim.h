@@ -274,9 +274,7 @@ class Sim {
   };
   Held HeldNow() const {
     uint8_t b = 0;
-    cpfw_nv_region_t region = 2;
-    cpfw_ioctl_nv_access req{reinterpret_cast<uintptr_t>(&b), 0, 1};
-    Ezosanfwctl_read_nv(-1, &region, &req, 1);
+    sbacc::Env{}.NvRead(SBACC_NV_BASE, &b, 1);  // past the Env a test installed
     return {OpenFdCount() + (mem_ ? mem_->OpenCount() : 0), sbacc::AllocTrackedTotal(), sbacc::AllocLiveBlocks()};
   }
 
@@ -383,14 +381,16 @@ class TraceCapture {
 };
 
 // A fault-injecting Env for tests.  While an instance lives it is the
-// library's environment: HDD file calls go to the Env it replaced (real files,
-// or the simulated controller's MemEnv) unless a rule says otherwise, sleeps
-// are recorded instead of slept, and the clock can be fixed.
+// library's environment: HDD file calls, NV transfers and status calls go to
+// the Env it replaced (real files, or the simulated controller's MemEnv; the
+// NV stand-in) unless a rule says otherwise, sleeps are recorded instead of
+// slept, and the clock can be fixed.
 //
 // Paths: a rule names a path exactly as the library opens it ("" = any
-// path); a descriptor opened before this Env was installed is resolved by the
-// Env below (a MemEnv or another FaultEnv) or through /proc/self/fd, so the
-// simulated controller's paths are canonical.
+// path; NV transfers and status calls are on kNv); a descriptor opened
+// before this Env was installed is resolved by the Env below (a MemEnv or
+// another FaultEnv) or through /proc/self/fd, so the simulated controller's
+// paths are canonical.
 //
 // Counting: each rule counts the calls it matches from the moment it is added;
 // calls S+1 .. S+N are hit (N = -1: every call after the first S).  Calls()
@@ -406,8 +406,10 @@ class FaultEnv : public sbacc::Env {
   }
 
  public:
-  // The file calls, then the thread and lock set-ups (which name no path).
-  enum Op { kOpen = 0, kSeek, kRead, kWrite, kFsync, kClose, kThread, kMutex, kCond };
+  // The file calls, the thread and lock set-ups (which name no path), NV
+  // memory and the controller status.
+  enum Op { kOpen = 0, kSeek, kRead, kWrite, kFsync, kClose, kThread, kMutex, kCond, kNvRead, kNvWrite, kStatus };
+  static constexpr const char* kNv = "NV";
 
   FaultEnv() : base_(sbacc::CurrentEnv()) { sbacc::SetEnvForTest(this); }
   ~FaultEnv() override { sbacc::SetEnvForTest(base_); }
@@ -415,8 +417,11 @@ class FaultEnv : public sbacc::Env {
   FaultEnv& operator=(const FaultEnv&) = delete;
 
   // Calls start+1 .. start+count of `op` on `path` fail with `err` (-1 return).
+  // EINTR makes an interrupted call, for the library to make again.
   void FailOp(Op op, const std::string& path, long start, long count, int err) { AddRule(op, path, start, count, err, 0); }
-  // Same calls of kRead / kWrite move `cut` bytes fewer than asked (at least 0).
+  // Same calls of kRead / kWrite move `cut` bytes fewer than asked (at least
+  // 0), or with kHalf half of it (rounded up: any call asking for bytes moves some).
+  static constexpr size_t kHalf = SIZE_MAX;
   void ShortOp(Op op, const std::string& path, long start, long count, size_t cut) { AddRule(op, path, start, count, 0, cut); }
   // CreateThread / MutexInit / CondInit calls start+1 .. start+count (counted
   // from now) return `err` without doing anything; each call replaces the
@@ -427,14 +432,15 @@ class FaultEnv : public sbacc::Env {
   void FailCondInit(long start, long count, int err = ENOMEM) { AddRule(kCond, "", start, count, err, 0, true); }
   void ClearRules() { Locked([&] { rules_.clear(); }); }  // counters stay
 
-  // Power cut: counting writes on all paths from now, write n+1 fails with
-  // EIO, and from then on every file call but Close fails with EIO (Close
-  // still closes the descriptor), and so does every NV transfer until the
-  // stand-in is reset.  n < 0: no cut.  `lands(i, path, len)` says how many
+  // Power cut: counting writes on all paths from now, NV writes among them
+  // (path kNv), write n+1 fails with EIO, and from then on every file call
+  // but Close fails with EIO (Close still closes the descriptor), and so does
+  // every NV transfer.  n < 0: no cut.  `lands(i, path, len)` says how many
   // bytes of write i (1 .. n+1) reach the file, by default all of 1 .. n and
-  // none of n+1; a write before the cut is reported as made however much of
-  // it lands.  kNow cuts the power as write n is made, before its flush;
-  // kLoseUnflushed also drops every write the MemEnv below holds unflushed.
+  // none of n+1; an NV write is one request and lands whole or not at all.  A
+  // write before the cut is reported as made however much of it lands.  kNow
+  // cuts the power as write n is made, before its flush; kLoseUnflushed also
+  // drops every write the MemEnv below holds unflushed.
   enum When { kNextWrite, kNow, kLoseUnflushed };
   using Landing = std::function<size_t(long i, const std::string& path, size_t len)>;
   void PowerCutAfterWrites(long n, When when = kNextWrite, Landing lands = {}) {
@@ -442,7 +448,7 @@ class FaultEnv : public sbacc::Env {
   }
   bool PowerIsCut() const { return Locked([&] { return power_cut_; }); }
 
-  // From now every write must land inside bytes [lo, hi) of its file (the
+  // From now every HDD write must land inside bytes [lo, hi) of its file (the
   // area the call works on): one that does not aborts the process on the spot.
   void BoundWrites(uint64_t lo, uint64_t hi) { Locked([&] { bound_lo_ = lo, bound_hi_ = hi; }); }
 
@@ -464,7 +470,7 @@ class FaultEnv : public sbacc::Env {
       return n;
     });
   }
-  // Every write so far, in the order they were made.
+  // Every write so far, NV writes included, in the order they were made.
   struct Write {
     int64_t pos;
     size_t len;
@@ -490,13 +496,13 @@ class FaultEnv : public sbacc::Env {
   int64_t Seek(int fd, int64_t pos) override { return Enter(kSeek, fd) != 0 ? -1 : base_->Seek(fd, pos); }
   ssize_t ReadAt(int fd, void* buf, size_t len, int64_t pos) override {
     size_t cut = 0;
-    return Enter(kRead, fd, "", &cut) != 0 ? -1 : base_->ReadAt(fd, buf, len > cut ? len - cut : 0, pos);
+    return Enter(kRead, fd, "", &cut) != 0 ? -1 : base_->ReadAt(fd, buf, Moved(len, cut), pos);
   }
   ssize_t WriteAt(int fd, const void* buf, size_t len, int64_t pos) override {
     size_t cut = 0;
     int err = Enter(kWrite, fd, "", &cut);
-    size_t n = len > cut ? len - cut : 0;
-    bool made = false, forward = err == 0;  // made: reported as made, however much lands
+    size_t n = Moved(len, cut);
+    bool made = false;
     Locked([&] {
       const uint64_t at = static_cast<uint64_t>(pos);
       if (bound_hi_ > bound_lo_ && (pos < 0 || at < bound_lo_ || at + len > bound_hi_)) {
@@ -505,19 +511,28 @@ class FaultEnv : public sbacc::Env {
         abort();
       }
       auto it = fd_paths_.find(fd);
-      writes_.push_back({pos, len, it != fd_paths_.end() ? it->second.path : ""});
-      if (err != 0 || power_budget_ < 0) return;
-      const long i = ++power_writes_;
-      made = i <= power_budget_;
-      n = lands_ ? std::min(n, lands_(i, writes_.back().path, n)) : made ? n : 0;
-      if (!made) err = CutPower(), forward = n > 0;
+      err = MeetPower(pos, len, it != fd_paths_.end() ? it->second.path : "", err, &n, &made);
     });
-    const ssize_t rc = forward ? base_->WriteAt(fd, buf, n, pos) : -1;
-    Locked([&] {
-      if (made && when_ != kNextWrite && power_writes_ == power_budget_ && !power_cut_) CutPower();
-    });
+    const ssize_t rc = err == 0 || n > 0 ? base_->WriteAt(fd, buf, n, pos) : -1;
+    AfterWrite(made);
     if (err != 0) errno = err;
     return err != 0 ? -1 : made ? static_cast<ssize_t>(len) : rc;
+  }
+  int NvRead(uint64_t at, void* buf, size_t len) override {
+    return Enter(kNvRead, -1, kNv) != 0 ? -1 : base_->NvRead(at, buf, len);
+  }
+  int NvWrite(uint64_t at, const void* buf, size_t len) override {
+    int err = Enter(kNvWrite, -1, kNv);
+    size_t n = len;
+    bool made = false;
+    err = Locked([&] { return MeetPower(static_cast<int64_t>(at), len, kNv, err, &n, &made); });
+    const int rc = n == len ? base_->NvWrite(at, buf, len) : -1;  // one request: whole or nothing
+    AfterWrite(made);
+    if (err != 0) errno = err;
+    return err != 0 ? -1 : made ? 0 : rc;
+  }
+  int ControllerStatus(sanfw_getstatus_out* out) override {
+    return Enter(kStatus, -1, kNv) != 0 ? -1 : base_->ControllerStatus(out);
   }
   int Fsync(int fd) override { return Enter(kFsync, fd) != 0 ? -1 : base_->Fsync(fd); }
   int Close(int fd) override {
@@ -555,6 +570,7 @@ class FaultEnv : public sbacc::Env {
     size_t cut;
   };
 
+  static size_t Moved(size_t len, size_t cut) { return cut == kHalf ? len - len / 2 : len > cut ? len - cut : 0; }
   void AddRule(Op op, const std::string& path, long start, long count, int err, size_t cut, bool replace = false) {
     Locked([&] {
       if (replace) std::erase_if(rules_, [op](const Rule& r) { return r.op == op; });
@@ -593,7 +609,7 @@ class FaultEnv : public sbacc::Env {
         if (cut != nullptr) *cut = std::max(*cut, r.cut);
         if (err == 0 && r.cut == 0) err = r.err;
       }
-      if (power_cut_ && op < kClose) err = EIO;
+      if (power_cut_ && (op < kClose || op == kNvRead || op == kNvWrite)) err = EIO;
       if (op == kClose && it != fd_paths_.end()) fd_paths_.erase(it);
     });
     if (err != 0) errno = err;
@@ -616,12 +632,30 @@ class FaultEnv : public sbacc::Env {
     return std::string(buf, n > 0 ? static_cast<size_t>(n) : 0);
   }
 
-  // Under the lock: the power goes, NV memory with the HDDs.  Returns EIO.
-  int CutPower() {
+  // Under the lock: a write of `len` bytes at `pos` on `path` is logged and,
+  // unless a rule fails it with `err`, meets the power budget: `*n` (the
+  // bytes that would land) becomes what lands, none for a failed write, and
+  // `*made` whether it is reported as made.  Returns the errno to fail with.
+  int MeetPower(int64_t pos, size_t len, const std::string& path, int err, size_t* n, bool* made) {
+    writes_.push_back({pos, len, path});
+    if (err != 0) *n = 0;
+    if (err != 0 || power_budget_ < 0) return err;
+    const long i = ++power_writes_;
+    *made = i <= power_budget_;
+    *n = lands_ ? std::min(*n, lands_(i, path, *n)) : *made ? *n : 0;
+    if (!*made) CutPower();
+    return *made ? 0 : EIO;
+  }
+  // After a write reported as made: kNow and kLoseUnflushed cut the power as
+  // the last write of the budget is made.
+  void AfterWrite(bool made) {
+    Locked([&] { made && when_ != kNextWrite && power_writes_ == power_budget_ && !power_cut_ ? CutPower() : void(); });
+  }
+  // Under the lock: the power goes, NV memory with the HDDs (Enter fails
+  // their calls from now on).
+  void CutPower() {
     power_cut_ = true;
-    for (int kind : {SANFWCTL_FAULT_READ, SANFWCTL_FAULT_WRITE}) sanfwctl_set_fault(kind, sanfwctl_call_count(kind), -1);
     if (auto* mem = dynamic_cast<sbacc::MemEnv*>(base_); mem != nullptr && when_ == kLoseUnflushed) mem->LoseUnflushed();
-    return EIO;
   }
 
   sbacc::Env* const base_;
@@ -629,11 +663,11 @@ class FaultEnv : public sbacc::Env {
   sbacc::ForkSafeLocks fork_safe_{&mu_};
   struct Tracked {
     std::string path;
-    std::array<long, kCond + 1>* calls;  // its entry of calls_
+    std::array<long, kStatus + 1>* calls;  // its entry of calls_
   };
   std::map<int, Tracked> fd_paths_;
   std::vector<Rule> rules_;
-  std::map<std::string, std::array<long, kCond + 1>, std::less<>> calls_;  // per path, per Op
+  std::map<std::string, std::array<long, kStatus + 1>, std::less<>> calls_;  // per path, per Op
   long power_budget_ = -1;  // writes allowed before the cut; -1 = disarmed
   long power_writes_ = 0;   // writes since arming
   bool power_cut_ = false;
