@@ -47,6 +47,21 @@ int sbacc_ma_open(SBACC_FILE_DISCRIPTER* sfd, boolean_t* closeflag, boolean_t nv
 void sbacc_ma_open_copies(SBACC_FILE_DISCRIPTER* sfd, uint32_t wanted, int flags, const char* who);
 int sbacc_ma_detect_hdd(SBACC_FILE_DISCRIPTER* sfd, SBACC_HDD_HEADER* headers, int* hdd);
 
+// ---- The latest-copy rule ------------------------------------------------------
+// What an area's copies hold, by their headers.
+typedef struct {
+  int src;           // the copy holding the latest data; -1: no copy read has a valid header
+  uint32_t stale;    // copies read that must be rebuilt from src (older views, invalid headers)
+  uint32_t invalid;  // copies read whose header is not valid
+} SBACC_COPY_VERDICT;
+// Whose trace lines the rule writes as it decides (none for the tool).
+typedef enum { SBACC_CLASSIFY_SILENT, SBACC_CLASSIFY_OPEN, SBACC_CLASSIFY_RESTORE } SBACC_CLASSIFY_TRACE;
+// hdr[i] is looked at for the copies of `read` (bit i: copy i's header was
+// read); `name` is the area's, for trace lines.  The open, the restore and
+// the tool all decide by this one function.
+void sbacc_ma_classify(const SBACC_HDD_HEADER* hdr, int count, uint32_t read, SBACC_CLASSIFY_TRACE style,
+                       const char* name, SBACC_COPY_VERDICT* v);
+
 // ---- Read, write, size and close ------------------------------------------------
 int sbacc_ma_write(const void* buf, int size, int offset, SBACC_FILE_DISCRIPTER* sfd);
 int sbacc_ma_read(void* buf, int size, int offset, SBACC_FILE_DISCRIPTER* sfd);

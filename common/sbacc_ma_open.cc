@@ -69,32 +69,18 @@ void sbacc_ma_open_copies(SBACC_FILE_DISCRIPTER* sfd, uint32_t wanted, int flags
 
 int sbacc_ma_detect_hdd(SBACC_FILE_DISCRIPTER* sfd, SBACC_HDD_HEADER* headers, int* hdd) {
   SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_detect_hdd] [ENTER]");
-  int k = *hdd;
   const int n = sbacc_ma_copies(sfd);
-  for (int i = 0; i < k; ++i) sbacc_ma_close_hdd(sfd, i);  // open ones below k had invalid headers
-  for (int j = k + 1; j < n; ++j) {
-    if (sfd->fd[j] == -1) continue;
-    const SBACC_HDD_HEADER& hj = headers[j];
-    const SBACC_HDD_HEADER& hk = headers[k];
-    if (!sbacc_l_header_valid(&hj)) {
-      sbacc_ma_close_hdd(sfd, j);
-      continue;
-    }
-    if (hj.hddblockade == hk.hddblockade) continue;
-    const int bits_k = sbacc_l_bitcount(static_cast<int>(hk.hddblockade));
-    const int bits_j = sbacc_l_bitcount(static_cast<int>(hj.hddblockade));
-    // More fenced-off copies recorded means a later view of the area.
-    bool j_wins = bits_j > bits_k;
-    if (bits_j == bits_k) j_wins = hk.closetime < hj.closetime;  // a tie keeps the lower index
-    if (j_wins) {
-      sbacc_ma_close_hdd(sfd, k);
-      k = j;
-      SBACC_TRACE(sbacc::kTraceState, "[sbacc_ma_detect_hdd] update candidate HDD :HDD[%d]", j);
-    } else {
-      sbacc_ma_close_hdd(sfd, j);
-    }
+  uint32_t read = 0;
+  for (int i = 0; i < n; ++i) {
+    if (sfd->fd[i] != -1) read |= 1u << i;
   }
-  *hdd = k;
+  SBACC_COPY_VERDICT v;
+  sbacc_ma_classify(headers, n, read, SBACC_CLASSIFY_OPEN, sfd->sfe.filename, &v);
+  // Copies holding an older view (or none) are closed, and so end fenced off.
+  for (int i = 0; i < n; ++i) {
+    if (((v.stale >> i) & 1u) != 0) sbacc_ma_close_hdd(sfd, i);
+  }
+  if (v.src >= 0) *hdd = v.src;
   SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_detect_hdd] [LEAVE] %d", 0);
   return 0;
 }

@@ -95,50 +95,6 @@ uint32_t NotOpen(const SBACC_FILE_DISCRIPTER* sfd) {
   return mask;
 }
 
-// Copy i has a valid header: decide between it and the current source.
-void Compare(const SBACC_HDD_HEADER* hdr, int i, int* src, uint32_t* repair, const char* name) {
-  const SBACC_HDD_HEADER& s = hdr[*src];
-  const SBACC_HDD_HEADER& h = hdr[i];
-  // A copy whose own header records it as fenced off is one that a start-up
-  // cut short had marked stale and not yet rebuilt (only a copy under rebuild
-  // receives a mask with its own bit): it never outranks one that does not.
-  const bool s_stale = ((s.hddblockade >> *src) & 1u) != 0;
-  const bool h_stale = ((h.hddblockade >> i) & 1u) != 0;
-  if (s_stale != h_stale) {
-    if (s_stale) {
-      *repair |= 1u << *src;
-      SBACC_TRACE(kTraceMilestone, "[repair_for_restore] update candidate HDD[%d](latest->[%d]). %s repair[0x%x]", *src,
-                  i, name, *repair);
-      *src = i;
-    } else {
-      *repair |= 1u << i;
-      SBACC_TRACE(kTraceMilestone, "[repair_for_restore] update candidate HDD[%d]. %s repair[0x%x]", i, name, *repair);
-    }
-    return;
-  }
-  if (s.hddblockade == h.hddblockade) {
-    // Same history: only the later close matters, and nothing is stale.
-    if (h.closetime > s.closetime) {
-      SBACC_TRACE(kTraceState, "[repair_for_restore]   -> latest HDD[%d]->[%d]  %s", *src, i, name);
-      *src = i;
-    }
-    return;
-  }
-  // More fenced-off bits: that copy went on being written after the other
-  // one had been fenced off, so it holds the newer data.
-  const int sbits = sbacc_l_bitcount(static_cast<int>(s.hddblockade));
-  const int hbits = sbacc_l_bitcount(static_cast<int>(h.hddblockade));
-  if (hbits > sbits || (hbits == sbits && h.closetime > s.closetime)) {
-    *repair |= 1u << *src;
-    SBACC_TRACE(kTraceMilestone, "[repair_for_restore] update candidate HDD[%d](latest->[%d]). %s repair[0x%x]", *src, i,
-                name, *repair);
-    *src = i;
-  } else {
-    *repair |= 1u << i;
-    SBACC_TRACE(kTraceMilestone, "[repair_for_restore] update candidate HDD[%d]. %s repair[0x%x]", i, name, *repair);
-  }
-}
-
 // What the scan of an area's copies found.
 struct Scan {
   SBACC_HDD_HEADER hdr[SBACC_HDD_MAX];
@@ -171,18 +127,17 @@ void ScanCopies(SBACC_FILE_DISCRIPTER* sfd, Scan* sc) {
       continue;
     }
     if (!sbacc_l_header_valid(&sc->hdr[i])) {
-      sc->repair |= bit;
       sc->noinit |= bit;
       SBACC_TRACE(kTraceMilestone, "[repair_for_restore] no initialize HDD[%d].%s repair[0x%x] noinit[0x%x]", i, name,
-                  sc->repair, sc->noinit);
-      continue;
+                  sc->noinit, sc->noinit);
     }
-    if (sc->src < 0) {
-      sc->src = i;
-      SBACC_TRACE(kTraceState, "[repair_for_restore]   -> latest HDD :HDD[%d] filename=%s", i, name);
-    }
-    Compare(sc->hdr, i, &sc->src, &sc->repair, name);
   }
+  SBACC_COPY_VERDICT v;
+  const uint32_t all = SBACC_HDD_MAXBIT(sfd->sfe.hddcount);
+  sbacc_ma_classify(sc->hdr, sfd->sfe.hddcount, all & ~sc->blockade, SBACC_CLASSIFY_RESTORE, name, &v);
+  sc->src = v.src;
+  sc->noinit = v.invalid;
+  sc->repair = v.stale;
   SBACC_TRACE(kTraceFlow, "[repair_for_restore] filename=%s  src_hdd[%d] blockade[0x%x] repair[0x%x] noinit[0x%x]",
               name, sc->src, sc->blockade, sc->repair, sc->noinit);
 }
@@ -279,16 +234,6 @@ int RepairLocked(SBACC_FILE_DISCRIPTER* sfd, SBACC_DATA_REPAIR* rec, uint32_t* b
   if (sc.noinit != 0 && sc.noinit == sc.repair && sc.src < 0) return InitAllNew(sfd, sc, rec, blockade_out);
   int rc = Settle(sfd, sc.blockade, blockade_out);
   if (rc != 0) return rc;
-
-  // Copies the source itself records as fenced off missed writes.
-  for (int i = 0; i < hddcount; ++i) {
-    const uint32_t bit = 1u << i;
-    if ((sc.blockade & bit) == 0 && (sc.hdr[sc.src].hddblockade & bit) != 0) {
-      sc.repair |= bit;
-      SBACC_TRACE(kTraceMilestone, "[repair_for_restore] update candidate HDD[%d]. %s repair[0x%x]", i, name,
-                  sc.repair);
-    }
-  }
 
   // A stale copy is good only once rebuilt.  Every exit before the rebuild
   // records it as fenced off, together with any copy that a failed access

@@ -306,7 +306,13 @@ TEST_P(CrashTest, EveryCutPointRecovers) {
       // No disk failed: every copy comes back usable, and the start-up's
       // resync leaves the copies of the area cut off byte for byte alike.
       EXPECT_TRUE(sbacc_l_entry_valid(&nv));
-      EXPECT_EQ(0u, nv.hddblockade);
+      // Without the resync a start-up cut between a rebuild's header and NV
+      // unfencing leaves the rebuilt copy's mark, which writes the copy's own
+      // bit into its header: the next start-up takes it for an unfinished
+      // rebuild and fences it off again (to be rebuilt); only the copies
+      // outside `out` need to agree then.
+      const uint32_t out = resync ? 0u : nv.hddblockade;
+      EXPECT_EQ(0u, resync ? nv.hddblockade : (nv.hddblockade & (nv.hddblockade - 1)));
       EXPECT_EQ(0, nv.hddrepair);
       for (int c = 0; c < copies; ++c) {
         const SBACC_HDD_HEADER h = sim.Header(a, c);
@@ -323,7 +329,7 @@ TEST_P(CrashTest, EveryCutPointRecovers) {
       // bytes; or, after a start-up cut between a rebuild's header and NV
       // unfencing, in the blockade word alone (the mark it left fences the
       // rebuilt copy again).
-      const std::string why = sim.Disagreement(a);
+      const std::string why = sim.Disagreement(a, out);
       if (why.empty()) continue;
       ++diverged;
       EXPECT_FALSE(resync) << why;

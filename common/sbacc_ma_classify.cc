@@ -1,0 +1,101 @@
+// The one rule for which copy of an area holds its latest data, used by the
+// open, the start-up restore and the tool alike.  Pure: it looks at headers
+// the caller has read and decides; the caller acts.
+#define SBACC_MODULE SBACC_MODULE_MA
+#include "sbacc_trace.h"
+
+#include "sbacc_l.h"
+#include "sbacc_ma.h"
+
+using sbacc::kTraceMilestone;
+using sbacc::kTraceState;
+
+namespace {
+
+bool Has(uint32_t mask, int i) { return ((mask >> i) & 1u) != 0; }
+
+// True when copy i's header shows later data than copy s's.
+bool Newer(const SBACC_HDD_HEADER& s, int si, const SBACC_HDD_HEADER& h, int hi) {
+  // A copy whose own header records it fenced off is one a start-up cut
+  // short had marked stale and not yet rebuilt (only a copy under rebuild
+  // receives a mask with its own bit): it never outranks one that does not.
+  const bool s_stale = Has(s.hddblockade, si);
+  const bool h_stale = Has(h.hddblockade, hi);
+  if (s_stale != h_stale) return s_stale;
+  // Same history: only the later close matters.
+  if (s.hddblockade == h.hddblockade) return h.closetime > s.closetime;
+  // More fenced-off bits: that copy went on being written after the other
+  // one had been fenced off, so it holds the newer data.  A tie goes to the
+  // later close, then to the lower index.
+  const int sbits = sbacc_l_bitcount(static_cast<int>(s.hddblockade));
+  const int hbits = sbacc_l_bitcount(static_cast<int>(h.hddblockade));
+  return hbits > sbits || (hbits == sbits && h.closetime > s.closetime);
+}
+
+void Note(const SBACC_COPY_VERDICT& v, SBACC_CLASSIFY_TRACE style, const char* name, int loser, int winner,
+          bool moved) {
+  if (style == SBACC_CLASSIFY_OPEN) {
+    if (moved) SBACC_TRACE(kTraceState, "[sbacc_ma_detect_hdd] update candidate HDD :HDD[%d]", winner);
+  } else if (style == SBACC_CLASSIFY_RESTORE) {
+    if (moved) {
+      SBACC_TRACE(kTraceMilestone, "[repair_for_restore] update candidate HDD[%d](latest->[%d]). %s repair[0x%x]", loser,
+                  winner, name, v.stale);
+    } else {
+      SBACC_TRACE(kTraceMilestone, "[repair_for_restore] update candidate HDD[%d]. %s repair[0x%x]", loser, name,
+                  v.stale);
+    }
+  }
+}
+
+}  // namespace
+
+void sbacc_ma_classify(const SBACC_HDD_HEADER* hdr, int count, uint32_t read, SBACC_CLASSIFY_TRACE style,
+                       const char* name, SBACC_COPY_VERDICT* v) {
+  *v = SBACC_COPY_VERDICT{-1, 0, 0};
+  for (int i = 0; i < count && i < SBACC_HDD_MAX; ++i) {
+    if (!Has(read, i)) continue;
+    if (!sbacc_l_header_valid(&hdr[i])) {
+      v->invalid |= 1u << i;
+      v->stale |= 1u << i;
+      continue;
+    }
+    if (v->src < 0) {
+      v->src = i;
+      if (style == SBACC_CLASSIFY_RESTORE) {
+        SBACC_TRACE(kTraceState, "[repair_for_restore]   -> latest HDD :HDD[%d] filename=%s", i, name);
+      }
+      continue;
+    }
+    const SBACC_HDD_HEADER& s = hdr[v->src];
+    if (s.hddblockade == hdr[i].hddblockade && Has(s.hddblockade, v->src) == Has(hdr[i].hddblockade, i)) {
+      // The same view of the area: neither is stale.
+      if (Newer(s, v->src, hdr[i], i)) {
+        if (style == SBACC_CLASSIFY_RESTORE) {
+          SBACC_TRACE(kTraceState, "[repair_for_restore]   -> latest HDD[%d]->[%d]  %s", v->src, i, name);
+        }
+        v->src = i;
+      }
+      continue;
+    }
+    if (Newer(s, v->src, hdr[i], i)) {
+      const int loser = v->src;
+      v->stale |= 1u << loser;
+      v->src = i;
+      Note(*v, style, name, loser, i, true);
+    } else {
+      v->stale |= 1u << i;
+      Note(*v, style, name, i, v->src, false);
+    }
+  }
+  if (v->src < 0) return;
+  // Copies the source itself records as fenced off missed writes, whatever
+  // their own header says.
+  for (int i = 0; i < count && i < SBACC_HDD_MAX; ++i) {
+    if (i == v->src || !Has(read, i) || !Has(hdr[v->src].hddblockade, i) || Has(v->stale, i)) continue;
+    v->stale |= 1u << i;
+    if (style == SBACC_CLASSIFY_RESTORE) {
+      SBACC_TRACE(kTraceMilestone, "[repair_for_restore] update candidate HDD[%d]. %s repair[0x%x]", i, name, v->stale);
+    }
+  }
+  v->stale &= ~(1u << v->src);
+}
