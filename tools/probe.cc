@@ -13,6 +13,7 @@
 #include <set>
 #include <utility>
 
+#include "sanfwctl.h"
 #include "sbacc_env.h"
 #include "sbacc_l.h"
 #include "sbacc_ma.h"
@@ -142,10 +143,7 @@ std::vector<std::string> HeaderFieldsDiffering(const uint8_t* a, const uint8_t* 
 
 // ---- Other processes on the controller ------------------------------------------
 
-std::string NvImagePath() {
-  const char* img = getenv("SANFWCTL_NV_IMAGE");
-  return img != nullptr && *img != '\0' ? img : "/var/tmp/sanfwctl-nv.img";
-}
+std::string NvImagePath() { return sanfwctl_nv_image(); }
 
 std::vector<std::string> ControllerFiles() {
   std::set<std::string> paths;

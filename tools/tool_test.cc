@@ -51,7 +51,8 @@ class ToolTest : public ::testing::Test {
     ASSERT_NE(mkdtemp(tmp_.data()), nullptr);
     Create("ctl", {"--areas", "1"});
     setenv("MC_TRACE_FILE", (dir_ + "/log/sbacc.log").c_str(), 1);
-    setenv("SBACC_SCRUB_RECORD", (tmp_ + "/last-scrub").c_str(), 1);
+    setenv("SBACC_STATE_DIR", tmp_.c_str(), 1);
+    setenv("SBACC_CONTROLLER", "0", 1);
   }
   void TearDown() override {
     if (holder_ > 0 && kill(holder_, SIGKILL) == 0) waitpid(holder_, nullptr, 0);
@@ -111,7 +112,7 @@ class ToolTest : public ::testing::Test {
 };
 
 TEST_F(ToolTest, DataCommandsAndLibraryErrors) {
-  const Result r = Run({"cat", "envfw_backup0"}, 2);  // NV never initialised: a library error
+  const Result r = Run({"cat", "envfw_backup0"}, 4);  // NV never initialised: a library error
   EXPECT_TRUE(Has(r.err, "SBACC_E_NOTINIT (-104): not initialised"));
   EXPECT_EQ(r.out, "");
   Run({"init"});
@@ -129,11 +130,11 @@ TEST_F(ToolTest, DataCommandsAndLibraryErrors) {
 }
 
 TEST_F(ToolTest, StatusFollowsAPulledAndReplacedDisk) {
-  EXPECT_EQ(Pick(Status("envfw_backup1", 1), {"/areas/0/copies/1/state", "/action"}),
+  EXPECT_EQ(Pick(Status("envfw_backup1", 3), {"/areas/0/copies/1/state", "/action"}),
             json::array({"blank", "NV not initialised: run 'sbacc init'"}));  // never started
   Run({"init"});
   Plant(1, 2 * kAreaSize + 80, "\x01");  // an unfinished write in copy 1 of envfw_sysback
-  EXPECT_TRUE(Has(Area("envfw_sysback", 1)["flags"][0]["text"], "copy 1 has a write-intent record set (0 bytes at 0)"));
+  EXPECT_TRUE(Has(Area("envfw_sysback", 2)["flags"][0]["text"], "copy 1 has a write-intent record set (0 bytes at 0)"));
   Plant(1, 2 * kAreaSize + 80, std::string(1, '\0'));
   // Area 1 alone, with two copies.
   EXPECT_EQ(Pick(Status("envfw_backup1", 0), {"/areas/0/index", "/areas/0/address", "/areas/0/capacity",
@@ -141,17 +142,22 @@ TEST_F(ToolTest, StatusFollowsAPulledAndReplacedDisk) {
             json::array({1, kAreaSize, kAreaSize - 128, "healthy", nullptr, nullptr}));
 
   Run({"sim", "pull", dir_, "1"});
-  EXPECT_EQ(Area("envfw_backup0", 1)["copies"][1]["state"], "missing");
-  Run({"put", "envfw_backup0"}, 0, {}, "still here");
-  EXPECT_EQ(Pick(Area("envfw_backup0", 1), {"/copies/1/state", "/nv/hddblockade", "/verdict"}),
+  EXPECT_EQ(Area("envfw_backup0", 2)["copies"][1]["state"], "missing");
+  EXPECT_TRUE(Has(Run({"put", "envfw_backup0"}, 2, {}, "still here").err, "copy 1 of envfw_backup0"));
+  EXPECT_EQ(Pick(Area("envfw_backup0", 2), {"/copies/1/state", "/nv/hddblockade", "/verdict"}),
             json::array({"fenced off", 2, "degraded"}));
-  EXPECT_EQ(Status("", 1)["action"], "disk 1 fenced off in 8 of 8 areas: replace it, then run 'sbacc restore'");
-  Run({"status", "-x"}, 1, {"blockade 0x2 (copy 1)"});
+  EXPECT_EQ(Status("", 2)["action"], "disk 1 fenced off in 8 of 8 areas: replace it, then run 'sbacc restore'");
+  // Problem lines only: the title and the copy, not the healthy copy 0.
+  const std::string x = Run({"status", "-x"}, 2, {"  ! copy 1 fenced off: "}).out;
+  EXPECT_EQ(x.find("  ! copy 0"), std::string::npos);
+  EXPECT_EQ(std::count(x.begin(), x.end(), '\n'), 8 * 2 + 4) << x;
   EXPECT_EQ(Run({"cat", "envfw_backup0"}).out, "still here");
 
   Run({"sim", "replace", dir_, "1"});
   Run({"init"});
-  EXPECT_EQ(Pick(Status("", 0), {"/ok", "/areas/7/name", "/areas/8"}), json::array({true, "area00", nullptr}));
+  EXPECT_EQ(Pick(Status("", 0), {"/ok", "/areas/7/name", "/areas/8", "/version"}),
+            json::array({true, "area00", nullptr, 2}));
+  EXPECT_EQ(Run({"status", "-x"}).out, "status: 8 areas, 8 ok, 0 with problems, 2 disks: healthy\n");
   EXPECT_EQ(AreaBytes(1, 0, kAreaSize), AreaBytes(0, 0, kAreaSize));  // rebuilt at start-up
 }
 
@@ -176,13 +182,15 @@ TEST_F(ToolTest, VerifyRepairsOnlyWhatItCanJustify) {
     Run({"put", "envfw_backup1"}, 0, {}, "0123456789abcdef");
     Run({"verify"});
     for (const auto& [copy, offset, bytes] : writes) Plant(copy, kAreaSize + offset, bytes);
-    Run({"verify"}, 1, {"copy 1 differs from copy 0: " + report, "1 mismatch"});
-    // Kept by verify for status.
-    EXPECT_EQ(Pick(Status("", 0), {"/last_scrub/areas", "/last_scrub/mismatches", "/last_scrub/status"}),
-              json::array({8, 1, 1}));
+    Run({"verify"}, 3, {"copy 1 differs from copy 0: " + report, "1 mismatch"});
+    // Kept by verify for status, which shows it as a problem.
+    EXPECT_EQ(Pick(Status("", 3), {"/last_scrub/areas/envfw_backup1/result", "/last_scrub/areas/area00/result",
+                                   "/action"}),
+              json::array({"mismatch", "ok", "the last scrub found copies that differ in envfw_backup1: run "
+                                             "'sbacc verify --repair envfw_backup1'"}));
     const std::string planted = Images(), rewritten = "rewritten from copy " + std::to_string(right);
     if (decision.empty()) {
-      Run({"verify", "--repair", "envfw_backup1"}, 1, {"not repaired: nothing shows which copy is right"});
+      Run({"verify", "--repair", "envfw_backup1"}, 3, {"not repaired: nothing shows which copy is right"});
       EXPECT_EQ(Images(), planted);
       Run({"verify", "--repair", "--from", std::to_string(right), "envfw_backup1"}, 0, {rewritten});
     } else {
@@ -211,27 +219,29 @@ TEST_F(ToolTest, ServiceActionsLeaveALiveWriterAlone) {
   Hold("envfw_backup0", "live data");
   Plant(1, 128 + 2, "#");
   const std::string before = Images();
-  const std::tuple<Args, int, std::string> cases[] = {{{"verify", "--repair"}, 0, "envfw_backup0: being written (pid "},
-                                                      {{"init"}, 2, "refused: pid "},
-                                                      {{"restore", "-c", "1"}, 2, "refused: pid "}};
+  const std::tuple<Args, int, std::string> cases[] = {{{"verify", "--repair"}, 1, "envfw_backup0: being written (pid "},
+                                                      {{"init"}, 4, "refused: pid "},
+                                                      {{"restore", "-c", "1"}, 4, "refused: pid "}};
   for (const auto& [args, status, message] : cases) {
     const Result r = Run(args, status);
     EXPECT_TRUE(Has(r.out + r.err, message));
     EXPECT_EQ(Images(), before);
   }
-  EXPECT_TRUE(Has(Area("envfw_backup0", 0)["flags"][0]["text"], "open for writing now"));
+  // The scrub skipped it: incomplete until a verify of it finds it clean.
+  EXPECT_EQ(Pick(Area("envfw_backup0", 1), {"/flags/0/problem", "/flags/1/status"}), json::array({false, 1}));
+  EXPECT_TRUE(Has(Area("envfw_backup0", 1)["flags"][0]["text"], "open for writing now"));
   ASSERT_EQ(kill(holder_, SIGKILL), 0);
   waitpid(holder_, nullptr, 0);
   holder_ = -1;
-  EXPECT_EQ(Area("envfw_backup0", 1)["flags"][0]["problem"], true);  // left open
+  EXPECT_EQ(Area("envfw_backup0", 2)["flags"][0]["problem"], true);  // left open
   Run({"restore"}, 0,
       {"envfw_backup0                   repaired: was left open by a writer that never closed; "
        "data repaired: copied from envfw_backup1"});
 }
 
-// Bad usage exits 2 with the reason and a pointer to --help on standard
+// Bad usage exits 4 with the reason and a pointer to --help on standard
 // error, and writes nothing.
-TEST_F(ToolTest, BadInputExits2AndWritesNothing) {
+TEST_F(ToolTest, BadInputExits4AndWritesNothing) {
   const std::tuple<Args, std::string, std::string> cases[] = {
       {{}, "", "A subcommand is required"},
       {{"frobnicate"}, "", "unknown command 'frobnicate'"},
@@ -247,15 +257,18 @@ TEST_F(ToolTest, BadInputExits2AndWritesNothing) {
       {{"put", "envfw_backup0"}, std::string(897, 'x'), "holds at most 896 bytes"},
       {{"put", "envfw_backup0", "/nonexistent/file"}, "", "cannot read '/nonexistent/file'"},
       {{"init", "--controller", "7"}, "", "not in range 0 to 3"},
-      {{"repair-init"}, "", "--controller is required"},
+      {{"repair-init"}, "", "which controller is this? give --controller or set SBACC_CONTROLLER"},
+      {{"verify", "--repair"}, "", "which controller is this?"},
+      {{"restore"}, "", "which controller is this?"},
       {{"sim", "pull", dir_, "2"}, "", "no copy 2"},
       {{"sim", "create", dir_}, "", "already holds a simulated controller"},
       {{"__doc", "nonsense"}, "", "expected man, markdown or complete"}};
   Run({"init"});
   Run({"put", "envfw_backup0"}, 0, {}, "keep");
   const std::string before = Images();
+  unsetenv("SBACC_CONTROLLER");  // a command that takes a lock must not guess
   for (const auto& [args, input, message] : cases) {
-    const Result r = Run(args, 2, {}, input);
+    const Result r = Run(args, 4, {}, input);
     EXPECT_EQ(r.out, "");
     // One line with the reason, one with where the help is.
     EXPECT_TRUE(Has(r.err.substr(0, r.err.find('\n')), message));
@@ -268,8 +281,11 @@ TEST_F(ToolTest, BadInputExits2AndWritesNothing) {
   const std::string list = dir_ + "/filelist.ini";
   std::ofstream(list + ".new") << "broken,zz,100," << Hdd(0) << "\n" << Slurp(list);
   std::filesystem::rename(list + ".new", list);
-  Run({"ls", "--check"}, 1, {"line 1: 'broken' ignored", "area 'area00' (#7) uses NV record 8, shifted"});
-  EXPECT_TRUE(Has(Run({"status"}, 1).err, "warning: the area list"));
+  Run({"ls", "--check"}, 3, {"line 1: 'broken' ignored", "area 'area00' (#7) uses NV record 8, shifted"});
+  EXPECT_TRUE(Has(Run({"status"}, 3).err, "warning: the area list"));
+  // With --json a failure is a JSON document too.
+  EXPECT_EQ(Pick(json::parse(Run({"status", "--json", "nosuch"}, 4).out), {"/status", "/error/message", "/version"}),
+            json::array({4, "unknown area 'nosuch' (see 'sbacc ls')", 2}));
 }
 
 }  // namespace
