@@ -174,7 +174,8 @@ int Pass(const std::string& state, const std::string& hook) {
   const Survey s = TakeSurvey();
   const std::map<std::string, Condition> now = Current(s), seen = LoadSeen(state);
   for (const auto& [key, c] : now) {
-    if (seen.count(key) == 0) Raise({c.kind, c, c.text}, hook);
+    const auto was = seen.find(key);
+    if (was == seen.end() || was->second.kind != c.kind) Raise({c.kind, c, c.text}, hook);
   }
   for (const auto& [key, c] : seen) {
     if (now.count(key) != 0) continue;

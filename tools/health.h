@@ -30,7 +30,10 @@ struct Condition {
   std::string disk;  // that copy's HDD file
   int status = kExitOk;
   std::string text;
-  std::string Key() const { return kind + "/" + area + "/" + std::to_string(copy); }
+  // A copy fenced off after it went missing is the same condition, changed.
+  std::string Key() const {
+    return (copy >= 0 ? std::string("copy") : kind) + "/" + area + "/" + std::to_string(copy);
+  }
 };
 
 struct AreaHealth {

@@ -4,6 +4,8 @@
 #include <signal.h>
 #include <spawn.h>
 #include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -286,6 +288,136 @@ TEST_F(ToolTest, BadInputExits4AndWritesNothing) {
   // With --json a failure is a JSON document too.
   EXPECT_EQ(Pick(json::parse(Run({"status", "--json", "nosuch"}, 4).out), {"/status", "/error/message", "/version"}),
             json::array({4, "unknown area 'nosuch' (see 'sbacc ls')", 2}));
+}
+
+// A stand-in for the journal: a datagram socket the monitor sends to.
+class Journal {
+ public:
+  explicit Journal(const std::string& path) {
+    fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    path.copy(addr.sun_path, sizeof addr.sun_path - 1);
+    EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    setenv("SBACC_JOURNAL_SOCKET", path.c_str(), 1);
+  }
+  ~Journal() {
+    close(fd_);
+    unsetenv("SBACC_JOURNAL_SOCKET");
+  }
+  // The datagrams sent since the last call.
+  std::vector<std::string> Drain() {
+    std::vector<std::string> out;
+    char buf[4096];
+    for (ssize_t n; (n = recv(fd_, buf, sizeof buf, MSG_DONTWAIT)) > 0;) out.emplace_back(buf, static_cast<size_t>(n));
+    return out;
+  }
+
+ private:
+  int fd_ = -1;
+};
+
+// The events in the journal's datagrams, as "EVENT AREA COPY".
+std::vector<std::string> Events(const std::vector<std::string>& datagrams) {
+  std::vector<std::string> out;
+  for (const std::string& d : datagrams) {
+    auto field = [&](const std::string& key) {
+      const size_t at = d.find("\n" + key + "=");
+      return at == std::string::npos ? std::string("-") : d.substr(at + key.size() + 2, d.find('\n', at + 1) - at - key.size() - 2);
+    };
+    out.push_back(field("SBACC_EVENT") + " " + field("SBACC_AREA") + " " + field("SBACC_COPY"));
+  }
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
+// What an operations team relies on, on one simulated controller with three
+// disks: a disk pulled (event, hook, metrics, exit 2), an area without a
+// usable copy (exit 3), a scrub with a mismatch and a skipped area that status
+// reports and a verify of another area keeps, and the disk replaced and
+// rebuilt (event, exit 0).
+TEST_F(ToolTest, OperationsScenario) {
+  Create("ops", {"-k", "3", "--areas", "1"});
+  Journal journal(tmp_ + "/journal.sock");
+  const std::string hook = tmp_ + "/hook.sh", log = tmp_ + "/hook.log", prom = tmp_ + "/sbacc.prom";
+  std::ofstream(hook) << "#!/bin/sh\n{ echo \"$SBACC_EVENT $SBACC_AREA $SBACC_COPY $SBACC_DISK\"; cat; } >>'" << log
+                      << "'\n";
+  std::filesystem::permissions(hook, std::filesystem::perms::owner_all);
+  const Args monitor{"monitor", "--oneshot", "--hook", hook};
+  Run({"init"});
+  Run({"put", "envfw_backup1"}, 0, {}, "configuration");
+  Run(monitor);
+  EXPECT_EQ(journal.Drain(), std::vector<std::string>{});
+
+  // A disk pulled, and fenced off by the next write.
+  Run({"sim", "pull", dir_, "2"});
+  EXPECT_TRUE(Has(Run({"put", "envfw_backup0"}, 2, {}, "gen 2").err, "copy 2 of envfw_backup0"));
+  Run(monitor, 2);
+  const std::vector<std::string> pulled = Events(journal.Drain());
+  ASSERT_EQ(pulled.size(), 8u);
+  EXPECT_EQ(pulled.front(), "copy-fenced envfw_backup0 2");
+  EXPECT_EQ(pulled.back(), "copy-unusable envfw_verid 2");
+  const std::string hooked = Slurp(log);
+  EXPECT_TRUE(Has(hooked, "copy-fenced envfw_backup0 2 " + Hdd(2) + "\n{"));
+  const json first = json::parse(hooked.substr(hooked.find('{'), hooked.find('\n', hooked.find('{')) - hooked.find('{')));
+  EXPECT_EQ(Pick(first, {"/version", "/status", "/disk"}), json::array({2, 2, Hdd(2)}));
+  Run(monitor, 2);
+  EXPECT_EQ(journal.Drain().size(), 0u);  // nothing changed, nothing raised
+  Run({"metrics", "--textfile", tmp_}, 2);
+  for (const std::string& line : std::vector<std::string>{"sbacc_area_copies_usable{area=\"envfw_backup0\"} 2\n",
+                                  "sbacc_area_copies_fenced{area=\"envfw_backup0\"} 1\n",
+                                  "sbacc_disk_areas_fenced{disk=\"" + Hdd(2) + "\",copy=\"2\"} 1\n", "sbacc_status 2\n"}) {
+    EXPECT_TRUE(Has(Slurp(prom), line));
+  }
+  EXPECT_FALSE(std::filesystem::exists(prom + ".tmp"));
+  EXPECT_EQ(Status("", 2)["status_name"], "degraded");
+
+  // Area 7 without a usable copy: copy 2 gone, the other two headers damaged.
+  const std::string header0 = AreaBytes(0, 7, 4), header1 = AreaBytes(1, 7, 4);
+  Plant(0, 7 * kAreaSize, "XXXX");
+  Plant(1, 7 * kAreaSize, "XXXX");
+  EXPECT_EQ(Status("area00", 3)["areas"][0]["verdict"], "no usable copy");
+  Run(monitor, 3);
+  const std::vector<std::string> lost = Events(journal.Drain());
+  EXPECT_TRUE(std::find(lost.begin(), lost.end(), "area-unavailable area00 -") != lost.end());
+  Plant(0, 7 * kAreaSize, header0);
+  Plant(1, 7 * kAreaSize, header1);
+
+  // A scrub: copies 0 and 1 of envfw_backup1 differ, envfw_verid is being written.
+  Plant(1, kAreaSize + 128 + 2, "#");
+  Hold("envfw_verid", "1234");
+  Run({"verify"}, 3, {"envfw_verid: being written", "envfw_backup1: copy 1 differs"});
+  for (const Args& after : {Args{}, Args{"verify", "envfw_reboot"}}) {
+    if (!after.empty()) Run(after, 1);  // partial: copy 2 is left out
+    const json st = Status("", 3);
+    EXPECT_EQ(Pick(st, {"/areas/1/flags/0/status", "/areas/4/flags/1/status", "/last_scrub/areas/envfw_reboot/result"}),
+              json::array({3, 1, "partial"}));
+    EXPECT_TRUE(Has(st["areas"][1]["flags"][0]["text"], "found copies that differ: run 'sbacc verify --repair envfw_backup1'"));
+    EXPECT_TRUE(Has(st["areas"][4]["flags"][1]["text"], "skipped it (being written): run 'sbacc verify envfw_verid'"));
+  }
+  Run({"metrics", "--textfile", tmp_}, 3);
+  EXPECT_TRUE(Has(Slurp(prom), "sbacc_scrub_mismatch_areas 1\n"));
+  EXPECT_TRUE(Has(Slurp(prom), "sbacc_scrub_skipped_areas 1\n"));
+  Run(monitor, 3);
+  // The writer's open fenced off copy 2 of envfw_verid, which was missing.
+  EXPECT_EQ(Events(journal.Drain()),
+            (std::vector<std::string>{"area-unavailable-cleared area00 -", "copy-fenced envfw_verid 2",
+                                      "rebuild-finished area00 0", "rebuild-finished area00 1",
+                                      "scrub-incomplete envfw_verid -", "scrub-mismatch envfw_backup1 -"}));
+
+  // The disk replaced and rebuilt, the writer gone, the copies repaired.
+  kill(holder_, SIGKILL);
+  waitpid(holder_, nullptr, 0);
+  holder_ = -1;
+  Run({"sim", "replace", dir_, "2"});
+  Run({"restore"}, 0, {"rebuilt"});
+  Run({"verify", "--repair", "--from", "0", "envfw_backup1"}, 0);
+  Run({"verify", "envfw_verid"});
+  Run(monitor);
+  const std::vector<std::string> back = Events(journal.Drain());
+  EXPECT_EQ(std::count_if(back.begin(), back.end(), [](const std::string& e) { return e.rfind("rebuild-finished", 0) == 0; }), 8);
+  EXPECT_EQ(back.size(), 10u);
+  EXPECT_EQ(Run({"status", "-x"}).out, "status: 8 areas, 8 ok, 0 with problems, 3 disks: healthy\n");
 }
 
 }  // namespace
