@@ -420,4 +420,62 @@ TEST_F(ToolTest, OperationsScenario) {
   EXPECT_EQ(Run({"status", "-x"}).out, "status: 8 areas, 8 ok, 0 with problems, 3 disks: healthy\n");
 }
 
+// Both disks replaced: every copy blank, but NV knew the areas, so the
+// start-up reports their data lost (exit 3), not new areas.
+TEST_F(ToolTest, StartupReportsReplacedDisksAsLost) {
+  Run({"init"});
+  Run({"put", "envfw_backup0"}, 0, {}, "precious");
+  for (const char* copy : {"0", "1"}) Run({"sim", "replace", dir_, copy});
+  const json out = json::parse(Run({"init", "--json"}, 3).out);
+  EXPECT_EQ(Pick(out, {"/areas/0/verdict", "/areas/0/data_lost", "/areas/7/verdict", "/status", "/version"}),
+            json::array({"lost", true, "lost", 3, 2}));
+}
+
+// Read-only commands on a controller whose NV image is missing: each fails
+// (exit 4) and none creates the image.
+TEST_F(ToolTest, ReadOnlyCommandsNeverCreateTheNvImage) {
+  const std::string nv = dir_ + "/nv.img";
+  std::filesystem::remove(nv);
+  for (const Args& args : {Args{"status"}, Args{"cat", "envfw_backup0"}, Args{"verify"}, Args{"dump"},
+                           Args{"metrics"}, Args{"monitor", "--oneshot"}}) {
+    EXPECT_TRUE(Has(Run(args, 4).err, "cannot use the NV memory image")) << args[0];
+    EXPECT_FALSE(std::filesystem::exists(nv)) << args[0];
+  }
+}
+
+// examine reads headers off one image with nothing else configured.
+TEST_F(ToolTest, ExamineReadsOneImageAlone) {
+  Run({"init"});
+  Run({"put", "envfw_backup1"}, 0, {}, "12345");
+  Plant(0, 3 * kAreaSize + 128, "SBFS");  // the magic inside data is no header
+  unsetenv("SBACC_FILELIST");
+  unsetenv("SANFWCTL_NV_IMAGE");
+  const json all = json::parse(Run({"examine", "--json", Hdd(0)}).out);
+  EXPECT_EQ(all["headers"].size(), 8u);
+  EXPECT_EQ(Pick(all, {"/headers/1/offset", "/headers/1/name", "/headers/1/filesize", "/headers/1/valid"}),
+            json::array({kAreaSize, "envfw_backup1", 5, true}));
+  const std::tuple<Args, int, std::string> cases[] = {
+      {{"examine", Hdd(1), "--offset", std::to_string(2 * kAreaSize)}, 0, "envfw_sysback"},
+      {{"examine", Hdd(1), "--offset", "100"}, 3, "bad"},
+      {{"examine", Hdd(1), "--offset", "100000000"}, 1, "examine: 0 headers"},
+      {{"examine", tmp_ + "/nosuch"}, 4, ""}};
+  for (const auto& [args, status, part] : cases) Run(args, status, {part});
+}
+
+// Completion offers area names only where an AREA goes.
+TEST_F(ToolTest, CompletionFollowsTheArgumentKind) {
+  const std::tuple<Args, bool, std::string> cases[] = {
+      {{"cat"}, true, "--help"},          {{"put", "envfw_backup0"}, false, "--help"},
+      {{"write", "envfw_backup0"}, false, ""}, {{"verify", "envfw_backup0"}, true, "--repair"},
+      {{"verify", "--controller"}, false, ""}, {{"sim"}, false, "create"},
+      {{"examine"}, false, "--offset"}};
+  for (const auto& [words, areas, other] : cases) {
+    Args args{"__doc", "complete"};
+    args.insert(args.end(), words.begin(), words.end());
+    const std::string out = Run(args).out;
+    EXPECT_EQ(Has(out, "envfw_reboot\n"), areas) << words.back();
+    EXPECT_TRUE(Has(out, other)) << words.back();
+  }
+}
+
 }  // namespace
