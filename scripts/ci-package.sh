@@ -12,13 +12,17 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 src=$PWD
 bash scripts/deps.sh
-for tool in lintian pkg-config dpkg-shlibdeps; do
-  command -v "$tool" >/dev/null || need="${need:-} $tool"
+# lintian, pkg-config, dpkg-shlibdeps (dpkg-dev), systemd-analyze (systemd)
+# and deb-systemd-helper (init-system-helpers).
+for tool in lintian:lintian pkg-config:pkg-config dpkg-shlibdeps:dpkg-dev systemd-analyze:systemd \
+            deb-systemd-helper:init-system-helpers; do
+  command -v "${tool%%:*}" >/dev/null || need="${need:-} ${tool#*:}"
 done
 if [ -n "${need:-}" ]; then
-  [ "$(id -u)" -eq 0 ] || { echo "missing:$need (apt-get install lintian pkg-config dpkg-dev)" >&2; exit 1; }
+  [ "$(id -u)" -eq 0 ] || { echo "missing:$need (apt-get install$need)" >&2; exit 1; }
   DEBIAN_FRONTEND=noninteractive apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq lintian pkg-config dpkg-dev >/dev/null
+  # shellcheck disable=SC2086
+  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq $need >/dev/null
 fi
 
 build=${PACKAGE_BUILD_DIR:-build/default}
