@@ -34,26 +34,6 @@ int ReadData(SBACC_FILE_DISCRIPTER* sfd, int j, int64_t n, std::vector<uint8_t>*
   return 0;
 }
 
-// The copy an open would read from: the library's own latest-copy rule over
-// the usable copies, run on duplicates of their descriptors because the rule
-// closes the copies it rejects.
-int ChooseReference(AreaProbe& p, const std::vector<int>& usable) {
-  SBACC_FILE_DISCRIPTER scratch = *p.sfd();
-  SBACC_HDD_HEADER headers[SBACC_HDD_MAX];
-  memset(headers, 0, sizeof headers);
-  for (int& fd : scratch.fd) fd = -1;
-  for (int j : usable) {
-    scratch.fd[j] = dup(p.sfd()->fd[j]);
-    headers[j] = p.copies[static_cast<size_t>(j)].hdr;
-  }
-  int ref = usable.front();
-  sbacc_ma_detect_hdd(&scratch, headers, &ref);
-  for (int fd : scratch.fd) {
-    if (fd >= 0) close(fd);
-  }
-  return ref;
-}
-
 struct Difference {
   std::vector<std::string> fields;  // header fields that differ
   int64_t first = -1;               // first differing data offset
@@ -371,7 +351,7 @@ bool AreaVerifier::ReadAll(ScrubOutcome* early) {
   data_.assign(p_.copies.size(), {});
   read_rc_.assign(p_.copies.size(), 0);
   for (int j : usable_) read_rc_[static_cast<size_t>(j)] = ReadData(p_.sfd(), j, longest_, &data_[static_cast<size_t>(j)]);
-  reference_ = ChooseReference(p_, usable_);
+  reference_ = LatestCopy(p_, usable_, nullptr);
   if (read_rc_[static_cast<size_t>(reference_)] != 0) {
     *early = Failed("reading copy " + std::to_string(reference_), read_rc_[static_cast<size_t>(reference_)]);
     return false;

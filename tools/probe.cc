@@ -112,6 +112,28 @@ void AreaProbe::Refresh() {
   }
 }
 
+int LatestCopy(AreaProbe& p, const std::vector<int>& candidates, uint32_t* rejected) {
+  SBACC_FILE_DISCRIPTER scratch = *p.sfd();
+  SBACC_HDD_HEADER headers[SBACC_HDD_MAX];
+  memset(headers, 0, sizeof headers);
+  for (int& fd : scratch.fd) fd = -1;
+  for (int j : candidates) {
+    scratch.fd[j] = dup(p.sfd()->fd[j]);
+    headers[j] = p.copies[static_cast<size_t>(j)].hdr;
+  }
+  int latest = candidates.front();
+  sbacc_ma_detect_hdd(&scratch, headers, &latest);
+  if (rejected != nullptr) *rejected = 0;
+  for (int j : candidates) {
+    if (scratch.fd[j] >= 0) {
+      close(scratch.fd[j]);
+    } else if (rejected != nullptr) {
+      *rejected |= 1u << j;
+    }
+  }
+  return latest;
+}
+
 namespace {
 
 struct Field {

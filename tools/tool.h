@@ -145,6 +145,12 @@ class AreaProbe {
   SBACC_FILE_DISCRIPTER* sfd_ = nullptr;
 };
 
+// The copy an open takes as latest among `candidates` (usable copies with a
+// valid header, lowest first): the library's own rule, run on duplicates of
+// the descriptors because it closes the copies it rejects; those go to
+// *rejected (bit per copy) when asked for.
+int LatestCopy(AreaProbe& p, const std::vector<int>& candidates, uint32_t* rejected);
+
 // Header field names covering byte range [off, off+len) of a header, for
 // reports of what differs.
 std::vector<std::string> HeaderFieldsDiffering(const uint8_t* a, const uint8_t* b);
