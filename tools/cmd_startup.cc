@@ -55,19 +55,46 @@ uint64_t Digest(SBACC_FILE_DISCRIPTER* sfd, int j, const SBACC_HDD_HEADER& h, in
   return d;
 }
 
-// The start-up's choice of the source among the copies with a valid header
-// is the library's latest-copy rule; the copies it rejects, those without a
-// valid header and those the source's blockade word names are stale.
-void Classify(AreaProbe& p, AreaSnap* s) {
-  std::vector<int> valid;
+// The start-up's own choice over the headers (the restore's rule, which the
+// library keeps apart from the open's; there is no one function to call): a
+// copy whose header fences off itself loses to one that does not; with the
+// same blockade word the later close wins; otherwise the word with more
+// copies fenced off wins (at a tie the later close), and the loser is stale;
+// copies the source's word names, and copies without a valid header, are
+// stale too.
+void Classify(AreaSnap* s) {
   for (size_t i = 0; i < s->copies.size(); ++i) {
-    if (s->copies[i].readable && !s->copies[i].valid) s->stale |= 1u << i;
-    if (s->copies[i].valid) valid.push_back(static_cast<int>(i));
+    const CopySnap& c = s->copies[i];
+    const uint32_t bit = 1u << i;
+    if (!c.readable) continue;
+    if (!c.valid) {
+      s->stale |= bit;
+      continue;
+    }
+    if (s->source < 0) {
+      s->source = static_cast<int>(i);
+      continue;
+    }
+    const SBACC_HDD_HEADER& src = s->copies[static_cast<size_t>(s->source)].hdr;
+    const bool src_own = ((src.hddblockade >> s->source) & 1u) != 0;
+    const bool c_own = ((c.hdr.hddblockade >> i) & 1u) != 0;
+    if (src_own != c_own) {
+      s->stale |= src_own ? 1u << s->source : bit;
+      if (src_own) s->source = static_cast<int>(i);
+      continue;
+    }
+    const int cs = sbacc_l_bitcount(static_cast<int>(src.hddblockade));
+    const int ch = sbacc_l_bitcount(static_cast<int>(c.hdr.hddblockade));
+    if (src.hddblockade == c.hdr.hddblockade) {
+      if (c.hdr.closetime > src.closetime) s->source = static_cast<int>(i);
+    } else if (cs > ch || (cs == ch && c.hdr.closetime <= src.closetime)) {
+      s->stale |= bit;
+    } else {
+      s->stale |= 1u << s->source;
+      s->source = static_cast<int>(i);
+    }
   }
-  if (valid.empty()) return;
-  uint32_t rejected = 0;
-  s->source = LatestCopy(p, valid, &rejected);
-  s->stale |= rejected;
+  if (s->source < 0) return;
   const uint32_t named = s->copies[static_cast<size_t>(s->source)].hdr.hddblockade;
   for (size_t i = 0; i < s->copies.size(); ++i) {
     if (s->copies[i].readable && (named & (1u << i)) != 0) s->stale |= 1u << i;
@@ -88,7 +115,7 @@ AreaSnap Snapshot(const SBACC_FILE_LIST_ENTRY& e) {
     if (cs.valid) cs.digest = Digest(p.sfd(), c.index, c.hdr, Capacity(e));
     s.copies.push_back(cs);
   }
-  Classify(p, &s);
+  Classify(&s);
   return s;
 }
 
