@@ -251,11 +251,9 @@ int CmdStartup(bool nv_init, int given_controller, bool force, bool json) {
   const std::vector<FileUser> users = OtherUsers(ControllerFiles());
   if (!users.empty()) {
     if (!force) {
-      fprintf(stderr,
-              "sbacc %s: refused: %s; a start-up on a live controller rewrites what its writers write. "
-              "Stop them first, or use --force.\n",
-              what, Holders(users).c_str());
-      return kExitError;
+      throw std::runtime_error("refused: " + Holders(users) +
+                               "; a start-up on a live controller rewrites what its writers write. "
+                               "Stop them first, or use --force.");
     }
     fprintf(stderr, "sbacc %s: going on with --force although %s\n", what, Holders(users).c_str());
   }

@@ -229,6 +229,10 @@ TEST_F(ToolTest, ServiceActionsLeaveALiveWriterAlone) {
     EXPECT_TRUE(Has(r.out + r.err, message));
     EXPECT_EQ(Images(), before);
   }
+  // With --json the refusal is a JSON error object on standard output too.
+  const json refused = json::parse(Run({"init", "--json"}, 4).out);
+  EXPECT_EQ(Pick(refused, {"/status", "/ok", "/error/usage"}), json::array({4, false, false}));
+  EXPECT_TRUE(Has(refused["error"]["message"], "refused: pid "));
   // The scrub skipped it: incomplete until a verify of it finds it clean.
   EXPECT_EQ(Pick(Area("envfw_backup0", 1), {"/flags/0/problem", "/flags/1/status"}), json::array({false, 1}));
   EXPECT_TRUE(Has(Area("envfw_backup0", 1)["flags"][0]["text"], "open for writing now"));
@@ -278,6 +282,9 @@ TEST_F(ToolTest, BadInputExits4AndWritesNothing) {
     EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 2) << r.err;
     EXPECT_EQ(Images(), before);
   }
+  setenv("SBACC_CONTROLLER", "7", 1);
+  EXPECT_TRUE(Has(Run({"restore"}, 4).err, "SBACC_CONTROLLER='7' is not a controller number (0-3)"));
+  EXPECT_EQ(Images(), before);
   // A line the library ignores is named, with every area whose NV record it shifts.
   Run({"ls", "--check"});
   const std::string list = dir_ + "/filelist.ini";
@@ -476,6 +483,28 @@ TEST_F(ToolTest, CompletionFollowsTheArgumentKind) {
     EXPECT_EQ(Has(out, "envfw_reboot\n"), areas) << words.back();
     EXPECT_TRUE(Has(out, other)) << words.back();
   }
+}
+
+// Two controllers (their own NV images) sharing one state directory keep
+// their own scrub records and monitor states.
+TEST_F(ToolTest, ScrubRecordAndMonitorStateArePerController) {
+  const std::string a = dir_;
+  Run({"init"});
+  Run({"verify"});
+  Create("other", {});
+  Run({"init"});
+  Run({"verify", "envfw_backup0"});
+  Run({"monitor", "--oneshot"});
+  Run({"sim", "pull", dir_, "1"});
+  EXPECT_EQ(Status("", 2)["last_scrub"]["areas"].size(), 1u);
+  EXPECT_TRUE(Has(Run({"monitor", "--oneshot"}, 2).out, "copy-unusable: envfw_backup0: copy 1 missing"));
+  setenv("SBACC_FILELIST", (a + "/filelist.ini").c_str(), 1);
+  setenv("SANFWCTL_NV_IMAGE", (a + "/nv.img").c_str(), 1);
+  EXPECT_EQ(Status("", 0)["last_scrub"]["areas"].size(), 8u);
+  EXPECT_EQ(Run({"monitor", "--oneshot"}).out, "");
+  size_t records = 0;
+  for (const auto& f : std::filesystem::directory_iterator(tmp_)) records += f.path().extension() == ".json";
+  EXPECT_EQ(records, 4u);  // scrub and monitor, per controller
 }
 
 }  // namespace
