@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <functional>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -505,6 +506,23 @@ TEST_F(ToolTest, ScrubRecordAndMonitorStateArePerController) {
   size_t records = 0;
   for (const auto& f : std::filesystem::directory_iterator(tmp_)) records += f.path().extension() == ".json";
   EXPECT_EQ(records, 4u);  // scrub and monitor, per controller
+}
+
+// verify's exit status and record follow what it could compare: all copies
+// (0), one copy left (1, not compared), none (3).
+TEST_F(ToolTest, VerifyStatusFollowsWhatItCompared) {
+  Run({"init"});
+  const std::tuple<std::function<void()>, int, std::string> steps[] = {
+      {[] {}, 0, "ok"},
+      {[&] { Run({"sim", "pull", dir_, "1"}); }, 1, "not compared"},
+      {[&] { Plant(0, 0, "XXXX"); }, 3, "no usable copy"}};
+  for (const auto& [change, status, result] : steps) {
+    change();
+    const json v = json::parse(Run({"verify", "--json", "envfw_backup0"}, status).out);
+    EXPECT_EQ(Pick(v, {"/areas/0/result", "/status"}), json::array({result, status}));
+    EXPECT_EQ(Status("", status == 0 ? 0 : 2 + (status == 3))["last_scrub"]["areas"]["envfw_backup0"]["result"],
+              result);
+  }
 }
 
 }  // namespace
