@@ -160,8 +160,23 @@ std::string Holders(const std::vector<FileUser>& users) {
   return DescribeUsers(users) + (pids.size() == 1 ? " holds " : " hold ") + files + " open";
 }
 
+enum class StartupVerdict { kClean, kNew, kRebuilt, kFenced, kRepaired, kLost, kNoCopy };
+
+const char* VerdictName(StartupVerdict v) {
+  switch (v) {
+    case StartupVerdict::kClean: return "clean";
+    case StartupVerdict::kNew: return "new";
+    case StartupVerdict::kRebuilt: return "rebuilt";
+    case StartupVerdict::kFenced: return "fenced";
+    case StartupVerdict::kRepaired: return "repaired";
+    case StartupVerdict::kLost: return "lost";
+    case StartupVerdict::kNoCopy: return "no usable copy";
+  }
+  return "?";
+}
+
 struct Outcome {
-  std::string verdict;               // clean, rebuilt, fenced, repaired, new, lost, no usable copy
+  StartupVerdict verdict = StartupVerdict::kClean;
   std::vector<std::string> events;
   std::vector<int> rebuilt, fenced;
   bool loss = false;
@@ -178,7 +193,6 @@ Outcome Judge(size_t index, const std::vector<SBACC_FILE_LIST_ENTRY>& areas, con
   const AreaSnap& b = before[index];
   const AreaSnap& a = after[index];
   Outcome o;
-  o.verdict = "clean";
   const bool any_valid = std::any_of(b.copies.begin(), b.copies.end(), [](const CopySnap& c) { return c.valid; });
   const bool all_blank = std::all_of(b.copies.begin(), b.copies.end(),
                                      [](const CopySnap& c) { return !c.readable || c.blank; });
@@ -193,7 +207,7 @@ Outcome Judge(size_t index, const std::vector<SBACC_FILE_LIST_ENTRY>& areas, con
     }
   }
   if (o.fenced.size() == a.copies.size()) {
-    o.verdict = "no usable copy";
+    o.verdict = StartupVerdict::kNoCopy;
     o.loss = true;
     o.events.push_back("every copy is fenced off: the area cannot be read until a disk comes back");
     return o;
@@ -201,10 +215,10 @@ Outcome Judge(size_t index, const std::vector<SBACC_FILE_LIST_ENTRY>& areas, con
   if (!any_valid) {
     // Blank copies of an area NV knew: the disks were replaced, not new.
     if (all_blank && !b.nv_valid) {
-      o.verdict = "new";
+      o.verdict = StartupVerdict::kNew;
       o.events.push_back("new area, created empty");
     } else {
-      o.verdict = "lost";
+      o.verdict = StartupVerdict::kLost;
       o.loss = true;
       o.events.push_back(all_blank ? "RE-CREATED EMPTY: every copy is blank (disks replaced?) but NV knew the area, "
                                      "its data is lost"
@@ -213,10 +227,10 @@ Outcome Judge(size_t index, const std::vector<SBACC_FILE_LIST_ENTRY>& areas, con
     return o;
   }
   if (!o.rebuilt.empty()) {
-    o.verdict = "rebuilt";
+    o.verdict = StartupVerdict::kRebuilt;
     o.events.insert(o.events.begin(), "stale " + CopyWord(o.rebuilt) + " rebuilt from copy " + std::to_string(b.source));
   }
-  if (!o.fenced.empty()) o.verdict = "fenced";
+  if (!o.fenced.empty()) o.verdict = StartupVerdict::kFenced;
   if (b.copies[static_cast<size_t>(b.source)].hdr.openflag != 0) {
     o.events.push_back("was left open by a writer that never closed");
   }
@@ -226,7 +240,7 @@ Outcome Judge(size_t index, const std::vector<SBACC_FILE_LIST_ENTRY>& areas, con
   if (paired >= 0 && was != now) {
     const bool emptied = std::all_of(a.copies.begin(), a.copies.end(),
                                      [](const CopySnap& c) { return !c.valid || c.hdr.filesize == 0; });
-    o.verdict = "repaired";
+    o.verdict = StartupVerdict::kRepaired;
     if (emptied) {
       o.events.push_back("data cleared: the paired areas could not be repaired consistently");
     } else {
@@ -237,7 +251,7 @@ Outcome Judge(size_t index, const std::vector<SBACC_FILE_LIST_ENTRY>& areas, con
 }
 
 void Print(int index, const char* name, const Outcome& o) {
-  printf("%3d  %-31s %s", index, name, o.verdict.c_str());
+  printf("%3d  %-31s %s", index, name, VerdictName(o.verdict));
   for (size_t i = 0; i < o.events.size(); ++i) printf("%s%s", i == 0 ? ": " : "; ", o.events[i].c_str());
   printf("\n");
 }
@@ -275,13 +289,13 @@ int CmdStartup(bool nv_init, int given_controller, bool force, bool json) {
   int clean = 0, lost = 0, status = kExitOk;
   for (size_t i = 0; i < areas.size(); ++i) {
     const Outcome o = Judge(i, areas, before, after);
-    clean += o.verdict == "clean" || o.verdict == "new";
+    clean += o.verdict == StartupVerdict::kClean || o.verdict == StartupVerdict::kNew;
     lost += o.loss;
     // What the start-up leaves behind: data gone, or fewer usable copies.
     status = Graver(status, o.loss ? kExitUnavailable : o.fenced.empty() ? kExitOk : kExitDegraded);
     out["areas"].push_back({{"index", i},
                             {"name", areas[i].filename},
-                            {"verdict", o.verdict},
+                            {"verdict", VerdictName(o.verdict)},
                             {"events", o.events},
                             {"rebuilt", o.rebuilt},
                             {"fenced", o.fenced},
