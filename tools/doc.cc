@@ -301,7 +301,7 @@ std::string HelpFooter() {
   std::string out = "Exit status:";
   for (const Entry& e : kExitStatus) {
     std::string t = e.text;
-    out += std::string(" ") + e.name + " " + t.substr(0, t.find(':')) + (e.name[0] == '2' ? "." : ",");
+    out += std::string(" ") + e.name + " " + t.substr(0, t.find(':')) + (&e == std::end(kExitStatus) - 1 ? "." : ",");
   }
   out += "\nEnvironment:";
   const char* sep = " ";
@@ -312,7 +312,8 @@ std::string HelpFooter() {
   }
   out +=
       ";\nthe library's retry and trace variables apply unchanged (man sbacc).\n"
-      "Live controller: status, ls, cat and dump only read; put, write and truncate write through the library\n"
+      "Live controller: status, ls, cat, dump, examine, monitor and metrics only read; put, write and truncate\n"
+      "write through the library\n"
       "like any writer; verify skips areas being written; init and restore refuse while another process holds\n"
       "the controller's files open; repair-init clears this controller's repair locks, so run it only when no\n"
       "repair of this controller is under way.\n"
