@@ -99,7 +99,9 @@ controller_install() {
   fi
   snapshot() { find /etc /usr /opt /var/lib -xdev \( -path /var/lib/dpkg -o -path /var/lib/apt \) -prune -o -print | sort; }
   before=$(snapshot)
-  trap 'dpkg --purge "${pkgs[@]}" >/dev/null 2>&1; rm -rf /opt/sbacc-platform $conf; ldconfig; rm -rf "$work"' EXIT
+  # Undone on any way out (the function's locals are gone by then).
+  trap 'dpkg --purge libsbacc1 sbacc libsbacc-dev >/dev/null 2>&1 || true
+        rm -rf /opt/sbacc-platform /etc/ld.so.conf.d/sbacc-platform.conf; ldconfig || true; rm -rf "$work"' EXIT
   mkdir -p $platform
   cp -a "$root"/usr/lib/*/libmc_logapi.so.1* "$root"/usr/lib/*/libsanfwctl.so.1* $platform/
   echo $platform >$conf
