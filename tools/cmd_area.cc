@@ -131,12 +131,13 @@ int CmdWrite(const std::string& area, int offset, const std::string& file) {
 int CmdTruncate(const std::string& area, int size) {
   const SBACC_FILE_LIST_ENTRY& e = FindArea(area);
   CheckFits(e, size, "the size");
+  const uint32_t before = Fenced(e);
   Handle h(area, "w");
   int rc = sbacc_write_size(size, h.fp());
   if (rc != size) throw LibError(area + ": sbacc_write_size", rc < 0 ? rc : SBACC_E_HDDWRITE);
   h.Close(area);
   printf("%s: size %d\n", area.c_str(), size);
-  return kExitOk;
+  return AfterWrite("truncate", e, before);
 }
 
 int CmdHold(const std::string& area, const std::string& file) {

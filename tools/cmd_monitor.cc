@@ -33,6 +33,7 @@ namespace sbacc_tool {
 namespace {
 
 constexpr const char* kJournalSocket = "/run/systemd/journal/socket";
+constexpr int kHookSeconds = 60;
 
 struct Event {
   std::string kind;  // what happened
@@ -110,10 +111,21 @@ void RunHook(const std::string& hook, const Event& e, const std::string& message
     if (write(in[1], text.data(), text.size()) < 0) { /* the hook did not read it: its choice */ }
   }
   close(in[1]);
-  int ws = 0;
   if (rc != 0) {
     fprintf(stderr, "sbacc: monitor: hook %s: %s\n", hook.c_str(), strerror(rc));
-  } else if (waitpid(pid, &ws, 0) == pid && !(WIFEXITED(ws) && WEXITSTATUS(ws) == 0)) {
+    return;
+  }
+  // A hook that hangs must not stop the monitor: it gets a minute.
+  int ws = 0;
+  pid_t done = 0;
+  for (int waited = 0; (done = waitpid(pid, &ws, WNOHANG)) == 0 && waited < kHookSeconds * 10; ++waited) {
+    poll(nullptr, 0, 100);
+  }
+  if (done == 0) {
+    kill(pid, SIGKILL);
+    waitpid(pid, &ws, 0);
+    fprintf(stderr, "sbacc: monitor: hook %s killed after %d s for %s\n", hook.c_str(), kHookSeconds, e.kind.c_str());
+  } else if (done == pid && !(WIFEXITED(ws) && WEXITSTATUS(ws) == 0)) {
     fprintf(stderr, "sbacc: monitor: hook %s failed for %s (%s)\n", hook.c_str(), e.kind.c_str(),
             WIFEXITED(ws) ? ("exit " + std::to_string(WEXITSTATUS(ws))).c_str() : "killed");
   }

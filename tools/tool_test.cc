@@ -498,7 +498,11 @@ TEST_F(ToolTest, ScrubRecordAndMonitorStateArePerController) {
   Run({"monitor", "--oneshot"});
   Run({"sim", "pull", dir_, "1"});
   EXPECT_EQ(Status("", 2)["last_scrub"]["areas"].size(), 1u);
-  EXPECT_TRUE(Has(Run({"monitor", "--oneshot"}, 2).out, "copy-unusable: envfw_backup0: copy 1 missing"));
+  // A hook that fails is reported; the events still go out and the state is kept.
+  const Result failed = Run({"monitor", "--oneshot", "--hook", "false"}, 2);
+  EXPECT_TRUE(Has(failed.out, "copy-unusable: envfw_backup0: copy 1 missing"));
+  EXPECT_TRUE(Has(failed.err, "hook false failed for copy-unusable (exit 1)"));
+  EXPECT_EQ(Run({"monitor", "--oneshot"}, 2).out, "");
   setenv("SBACC_FILELIST", (a + "/filelist.ini").c_str(), 1);
   setenv("SANFWCTL_NV_IMAGE", (a + "/nv.img").c_str(), 1);
   EXPECT_EQ(Status("", 0)["last_scrub"]["areas"].size(), 8u);
