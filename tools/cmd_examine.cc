@@ -95,6 +95,8 @@ int CmdExamine(const std::string& image, const std::vector<int64_t>& offsets, bo
            h.writeflag != 0 ? "  write pending" : "");
   }
   out["status"] = status;
+  out["status_name"] = ExitName(status);
+  out["ok"] = status == kExitOk;
   if (json) {
     printf("%s\n", out.dump(2).c_str());
   } else {
