@@ -97,7 +97,8 @@ void AddLookCommands(Cli& c) {
       "an area it skipped, counts as a problem until a verify of that area finds it clean.");
   c.examine = c.app.add_subcommand("examine", "Read the area headers on one HDD image, without the area list or NV.");
   c.examine->add_option("IMAGE", c.file, "HDD image file")->required();
-  c.examine->add_option("--offset", c.offsets, "Read a header at this byte offset (default: find them by magic)");
+  c.examine->add_option("--offset", c.offsets, "Read a header at this byte offset (default: find them by magic)")
+      ->type_name("BYTES");
   c.examine->add_flag("--json", c.json, "Machine-readable output");
   c.dump = c.app.add_subcommand("dump", "Write the diagnostic hex dump of NV entries and HDD headers.");
   c.dump->add_option("FILE", c.file, "Append the dump to this file; none or '-': standard output");
@@ -170,11 +171,15 @@ void AddWatchCommands(Cli& c) {
   c.monitor_cmd = c.app.add_subcommand("monitor", "Log an event for every change of the controller's state.");
   MonitorOptions& m = c.monitor;
   c.monitor_cmd->add_flag("--oneshot", m.oneshot, "One pass, then exit with the status's exit status (for a timer)");
-  c.monitor_cmd->add_option("--interval", m.interval, "Seconds between passes")->capture_default_str()->check(
-      CLI::Range(1, 86400));
-  c.monitor_cmd->add_option("--hook", m.hook, "Program run for every event (default: SBACC_MONITOR_HOOK)");
-  c.monitor_cmd->add_option("--raise", m.raise, "Log this one event (as scrub-failed) and run the hook, then exit");
-  c.monitor_cmd->add_option("--message", m.message, "With --raise: the event's text");
+  c.monitor_cmd->add_option("--interval", m.interval, "Seconds between passes")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 86400))
+      ->type_name("SECONDS");
+  c.monitor_cmd->add_option("--hook", m.hook, "Program run for every event (default: SBACC_MONITOR_HOOK)")
+      ->type_name("PROGRAM");
+  c.monitor_cmd->add_option("--raise", m.raise, "Log this one event (as scrub-failed) and run the hook, then exit")
+      ->type_name("EVENT");
+  c.monitor_cmd->add_option("--message", m.message, "With --raise: the event's text")->type_name("TEXT");
   c.monitor_cmd->footer(
       "Events: copy-fenced, copy-unusable, area-unavailable, left-open, scrub-mismatch, scrub-incomplete, and\n"
       "when one ends, rebuild-finished (a copy usable again) or the kind with -cleared.  Each goes to the journal\n"
@@ -182,7 +187,9 @@ void AddWatchCommands(Cli& c) {
       "journal, to syslog; the hook gets the same fields in its environment and the event as JSON on standard\n"
       "input.  The last state seen is kept in the state directory, so a restart reports only what changed.");
   c.metrics = c.app.add_subcommand("metrics", "Write node-exporter textfile metrics of every area and disk.");
-  c.metrics->add_option("--textfile", c.textfile, "Directory to write sbacc.prom into, atomically (default: standard output)");
+  c.metrics->add_option("--textfile", c.textfile,
+                        "Directory to write sbacc.prom into, atomically (default: standard output)")
+      ->type_name("DIR");
 }
 
 void AddSimCommands(Cli& c) {
