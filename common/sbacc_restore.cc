@@ -15,6 +15,7 @@
 #include "sbacc_core.h"
 #include "sbacc_l.h"
 #include "sbacc_ma.h"
+#include "sbacc_tool_iface.h"
 #include "sbacc_worker.h"
 
 using sbacc::kTraceError;
@@ -432,3 +433,5 @@ int sbacc_hdd_rw(int mode, char* filename, void** buf, int* size) {
   SBACC_TRACE(kTraceFlow, "[sbacc_hdd_rw] [LEAVE] %d", rc);
   return rc;
 }
+
+const char* sbacc_known_area(int i) { return i >= 0 && i < kTableRows ? kDataRepairTable[i].filename : nullptr; }

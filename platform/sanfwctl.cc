@@ -265,6 +265,12 @@ int sanfwctl_test_access(unsigned long long off, void* buf, unsigned long long l
     return move_locked(writing != 0, off, static_cast<char*>(buf), len);
 }
 
+const char* sanfwctl_nv_image(void) {
+    std::lock_guard<std::mutex> lk(g_mu);
+    ensure_env_locked();
+    return g_image.c_str();
+}
+
 void sanfwctl_reset(void) {
     std::lock_guard<std::mutex> lk(g_mu);
     close_image_locked();

@@ -44,6 +44,11 @@ int Ezosanfwctl_read_nv(int handle, cpfw_nv_region_t *region, cpfw_ioctl_nv_acce
 int Ezosanfwctl_write_nv(int handle, cpfw_nv_region_t *region, cpfw_ioctl_nv_access *req, int count);
 int Ezosanfwctl_get_status(int handle, sanfw_getstatus_out_t *out);
 
+/* The NV image this process uses (SANFWCTL_NV_IMAGE or the default): what
+ * tools name when they check who else holds NV open.  Valid until the next
+ * sanfwctl_reset. */
+const char* sanfwctl_nv_image(void);
+
 /* Stand-in only, for tests. */
 enum { SANFWCTL_FAULT_READ = 0, SANFWCTL_FAULT_WRITE = 1, SANFWCTL_FAULT_STATUS = 2 };
 /* Same meaning as the S:N environment variables; count 0 switches it off. */

@@ -26,10 +26,13 @@ run() {
 }
 # The same with standard input from a string: feed TEXT COMMAND...
 feed() {
-  local text=$1
+  local text=$1 rc=0
   shift
   printf "\$ printf '%s' | %s\n" "$text" "$*"
-  printf '%b' "$text" | "$@" || die "'$*' failed"
+  printf '%b' "$text" | "$@" || rc=$?
+  [ "$rc" -eq 0 ] || note "(exit status $rc)"
+  [ "$rc" -eq "$expect" ] || die "'$*' exited $rc, expected $expect"
+  expect=0
 }
 
 # ---- Build ---------------------------------------------------------------------
@@ -77,7 +80,7 @@ run sbacc ls
 
 say "Start-up initialisation: every area is examined (nothing to repair yet), then each"
 note "area's NV entry is built and every copy gets a fresh header."
-expect=1 run sbacc status envfw_backup0
+expect=3 run sbacc status envfw_backup0
 run sbacc init
 run sbacc status envfw_backup0
 
@@ -91,15 +94,16 @@ feed '\x09\x00\x00\x00' sbacc put envfw_verid
 feed '\x07\x00\x00\x00' sbacc put envfw_verback
 feed '\x09\x00\x00\x00' sbacc put envfw_reboot
 
-say "Disk 1 is pulled. Nothing in NV knows yet: status sees the copy missing (exit 1)."
+say "Disk 1 is pulled. Nothing in NV knows yet: status sees the copy missing (exit 2,"
+note "degraded: 0 healthy, 1 incomplete, 2 degraded, 3 unavailable, 4 error)."
 run sbacc sim pull "$work/ctl" 1
-expect=1 run sbacc status envfw_backup0
+expect=2 run sbacc status envfw_backup0
 
 say "The next write of envfw_backup0 cannot reach copy 1, so the library fences it off:"
 note "its bit goes into the blockade mask in NV and in the surviving header. The data"
 note "stays readable from copy 0."
-feed 'configuration C (gen 9)\n' sbacc put envfw_backup0
-expect=1 run sbacc status envfw_backup0
+expect=2 feed 'configuration C (gen 9)\n' sbacc put envfw_backup0
+expect=2 run sbacc status envfw_backup0
 run sbacc cat envfw_backup0
 
 say "A new, empty disk goes in. The next start-up rebuilds copy 1 of every area from"
@@ -118,11 +122,11 @@ holder=$( (sbacc hold envfw_backup0 "$work/partial" >"$work/hold.out" 2>&1 & ech
 for _ in $(seq 100); do grep -q holding "$work/hold.out" 2>/dev/null && break; sleep 0.05; done
 grep -q holding "$work/hold.out" || die "the writer did not get the area open"
 note "While it lives, start-up is refused: it would rewrite what the writer writes."
-expect=2 run sbacc init
+expect=4 run sbacc init
 kill -9 "$holder"
 for _ in $(seq 100); do kill -0 "$holder" 2>/dev/null || break; sleep 0.05; done
 holder=
-expect=1 run sbacc status -x
+expect=2 run sbacc status -x
 run sbacc cat envfw_backup0
 
 say "The next start-up finds envfw_backup0 left open and repairs the backup pair: the"
@@ -145,8 +149,8 @@ note "differ; --repair refuses, because nothing shows which copy is right, until
 note "names the copy to keep."
 printf '$ printf X | dd of=hdd0.img seek=$((4096 + 128 + 3)) ...\n'
 printf X | dd of="$work/ctl/hdd0.img" bs=1 seek=$((4096 + 128 + 3)) conv=notrunc status=none
-expect=1 run sbacc verify envfw_backup1
-expect=1 run sbacc verify --repair envfw_backup1
+expect=3 run sbacc verify envfw_backup1
+expect=3 run sbacc verify --repair envfw_backup1
 run sbacc verify --repair --from 1 envfw_backup1
 
 say "The diagnostic dump: NV entries, each copy's header and the first data bytes."

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Mutation check of the test suite, run by hand (not from CI).
 #
-# Applies the hand-written mutants of common/ listed in scripts/mutants.txt one
+# Applies the hand-written mutants of common/ (and of the tool, tools/) listed in scripts/mutants.txt one
 # at a time, rebuilds the separate tree build/mutate incrementally, runs the
 # whole suite until the first failing test, and puts the file back byte for
 # byte.  A mutant is "killed" when a test fails, "timed out" when a test hangs
@@ -39,9 +39,13 @@ restore_backups() {
   local f
   for f in "$ROOT/$BACKUP"/*; do
     [ -e "$f" ] || continue
-    cp -- "$f" "$ROOT/common/$(basename "$f")"
+    # "tools%x.cc" is tools/x.cc; a plain name is under common/.
+    local name
+    name=$(basename "$f")
+    case $name in *%*) name=${name/\%//} ;; *) name=common/$name ;; esac
+    cp -- "$f" "$ROOT/$name"
     rm -f -- "$f"
-    echo "mutate.sh: restored common/$(basename "$f")" >&2
+    echo "mutate.sh: restored $name" >&2
   done
 }
 trap restore_backups EXIT
@@ -51,8 +55,8 @@ restore_backups
 
 # The end check compares common/ with the commit, and a mutant must never land
 # on top of someone's unsaved edits.
-if [[ " $* " != *" --list "* ]] && [ -n "$(git status --porcelain -- common/)" ]; then
-  echo "mutate.sh: common/ has uncommitted changes; commit or stash them first" >&2
+if [[ " $* " != *" --list "* ]] && [ -n "$(git status --porcelain -- common/ tools/)" ]; then
+  echo "mutate.sh: common/ or tools/ has uncommitted changes; commit or stash them first" >&2
   exit 1
 fi
 
@@ -255,17 +259,24 @@ def restore_current():
         return
     with open(current["path"], "wb") as f:
         f.write(current["orig"])
-    os.unlink(os.path.join(BACKUP, os.path.basename(current["path"])))
+    os.unlink(os.path.join(BACKUP, backup_name(current["path"])))
     current["path"] = None
 
 signal.signal(signal.SIGINT, on_signal)
 signal.signal(signal.SIGTERM, on_signal)
 signal.signal(signal.SIGHUP, on_signal)
 
+# A mutant of common/ names its file alone, one of the tool "tools/NAME".
+def backup_name(path):
+    rel = os.path.relpath(path, ROOT)
+    return rel.replace("tools/", "tools%", 1) if rel.startswith("tools/") else os.path.basename(rel)
+
 def check_entry(m):
-    path = os.path.join(ROOT, "common", m["file"])
-    if os.path.dirname(os.path.normpath(m["file"])) != "" or not os.path.isfile(path):
-        return None, "no such file under common/"
+    in_tools = m["file"].startswith("tools/")
+    name = m["file"][len("tools/"):] if in_tools else m["file"]
+    path = os.path.join(ROOT, "tools" if in_tools else "common", name)
+    if os.path.dirname(os.path.normpath(name)) != "" or not os.path.isfile(path):
+        return None, "no such file under common/ or tools/"
     with open(path, "rb") as f:
         orig = f.read()
     n = orig.count(m["from"].encode())
@@ -276,7 +287,7 @@ def check_entry(m):
     return (path, orig), None
 
 def apply(path, orig, m):
-    with open(os.path.join(BACKUP, os.path.basename(path)), "wb") as f:
+    with open(os.path.join(BACKUP, backup_name(path)), "wb") as f:
         f.write(orig)
     current["path"], current["orig"] = path, orig
     with open(path, "wb") as f:
@@ -376,9 +387,9 @@ if bad:
 emit(f"total run time: {time.monotonic() - t0:.0f}s")
 PYEOF
 
-# The mutants touched only common/; it must be exactly as committed again.
-if ! git diff --quiet -- common/; then
-  echo "mutate.sh: common/ differs from the commit after the run" >&2
-  git status --short -- common/ >&2
+# The mutants touched only common/ and tools/; they must be exactly as committed again.
+if ! git diff --quiet -- common/ tools/; then
+  echo "mutate.sh: common/ or tools/ differs from the commit after the run" >&2
+  git status --short -- common/ tools/ >&2
   exit 1
 fi

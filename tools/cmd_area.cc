@@ -1,6 +1,7 @@
 // Subcommands that go through the library's public calls: area data, start-up,
 // repair set-up and the diagnostic dump.
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -43,10 +44,33 @@ void CheckFits(const SBACC_FILE_LIST_ENTRY& e, int64_t end, const std::string& w
   }
 }
 
+// The copies NV records fenced off (0 when NV knows nothing of the area).
+uint32_t Fenced(const SBACC_FILE_LIST_ENTRY& e) {
+  AreaProbe p(e, O_RDONLY);
+  return p.nv_valid ? p.nv.hddblockade : 0;
+}
+
+// A write that fenced a copy off succeeded, but the area lost a copy: said on
+// standard error, and the exit status says degraded.
+int AfterWrite(const char* command, const SBACC_FILE_LIST_ENTRY& e, uint32_t before) {
+  const uint32_t now = Fenced(e);
+  int status = kExitOk;
+  for (int j = 0; j < e.hddcount && j < SBACC_HDD_MAX; ++j) {
+    if ((now & ~before & (1u << j)) == 0) continue;
+    fprintf(stderr,
+            "sbacc: %s: warning: copy %d of %s (%s) failed and was fenced off by this write; the data is on the "
+            "other copies (see 'sbacc status %s')\n",
+            command, j, e.filename, e.hddname[j], e.filename);
+    status = kExitDegraded;
+  }
+  return status;
+}
+
 }  // namespace
 
 int CmdCat(const std::string& area) {
   const SBACC_FILE_LIST_ENTRY& e = FindArea(area);
+  CheckNvImage("cat");
   Handle h(area, "r");
   int size = sbacc_read_size(h.fp());
   if (size < 0) throw LibError(area + ": sbacc_read_size", size);
@@ -74,6 +98,7 @@ int CmdPut(const std::string& area, const std::string& file) {
   const std::vector<uint8_t> data = ReadInput(file);
   const int n = static_cast<int>(data.size());
   CheckFits(e, static_cast<int64_t>(data.size()), "the data");
+  const uint32_t before = Fenced(e);
   Handle h(area, "w");
   if (n > 0) {
     int rc = sbacc_write(data.data(), n, 0, h.fp());
@@ -84,7 +109,7 @@ int CmdPut(const std::string& area, const std::string& file) {
   if (rc != n) throw LibError(area + ": sbacc_write_size", rc < 0 ? rc : SBACC_E_HDDWRITE);
   h.Close(area);
   printf("%s: %d bytes\n", area.c_str(), n);
-  return kExitOk;
+  return AfterWrite("put", e, before);
 }
 
 int CmdWrite(const std::string& area, int offset, const std::string& file) {
@@ -92,6 +117,7 @@ int CmdWrite(const std::string& area, int offset, const std::string& file) {
   const std::vector<uint8_t> data = ReadInput(file);
   CheckFits(e, static_cast<int64_t>(offset) + static_cast<int64_t>(data.size()), "the write");
   const int n = static_cast<int>(data.size());
+  const uint32_t before = Fenced(e);
   if (n > 0) {  // the library refuses a write of 0 bytes; nothing to do is not an error here
     Handle h(area, "w");
     int rc = sbacc_write(data.data(), n, offset, h.fp());
@@ -99,18 +125,19 @@ int CmdWrite(const std::string& area, int offset, const std::string& file) {
     h.Close(area);
   }
   printf("%s: %d bytes at offset %d\n", area.c_str(), n, offset);
-  return kExitOk;
+  return AfterWrite("write", e, before);
 }
 
 int CmdTruncate(const std::string& area, int size) {
   const SBACC_FILE_LIST_ENTRY& e = FindArea(area);
   CheckFits(e, size, "the size");
+  const uint32_t before = Fenced(e);
   Handle h(area, "w");
   int rc = sbacc_write_size(size, h.fp());
   if (rc != size) throw LibError(area + ": sbacc_write_size", rc < 0 ? rc : SBACC_E_HDDWRITE);
   h.Close(area);
   printf("%s: size %d\n", area.c_str(), size);
-  return kExitOk;
+  return AfterWrite("truncate", e, before);
 }
 
 int CmdHold(const std::string& area, const std::string& file) {
@@ -129,8 +156,9 @@ int CmdHold(const std::string& area, const std::string& file) {
   for (;;) pause();
 }
 
-int CmdRepairInit(int controller) {
+int CmdRepairInit(int given) {
   Areas();
+  const int controller = ControllerNumber(given, true);
   int rc = sbacc_repair_init(controller);
   if (rc != 0) throw LibError("sbacc_repair_init", rc);
   printf("repair locks of controller %d cleared\n", controller);
@@ -142,6 +170,7 @@ int CmdRepairInit(int controller) {
 // is copied out and removed.
 int CmdDump(const std::string& file) {
   Areas();
+  CheckNvImage("dump");
   if (!file.empty() && file != "-") {
     std::vector<char> path(file.begin(), file.end());
     path.push_back('\0');

@@ -11,6 +11,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "sbacc_tool_iface.h"
 #include "sbacc_types.h"
 #include "tool.h"
 
@@ -21,8 +22,11 @@ namespace sbacc_tool {
 namespace {
 
 // The areas the library itself knows by name come first.
-constexpr const char* kKnownAreas[] = {"envfw_backup0", "envfw_backup1", "envfw_sysback", "envfw_sysacpt",
-                                       "envfw_verid",   "envfw_verback", "envfw_reboot"};
+int KnownAreas() {
+  int n = 0;
+  while (sbacc_known_area(n) != nullptr) ++n;
+  return n;
+}
 
 // The stand-in NV memory's own default size, so the image reads the same with
 // or without SANFWCTL_NV_SIZE in the environment.
@@ -94,7 +98,8 @@ int CmdSimCreate(const SimOptions& o) {
   if (fs::exists(dir / "filelist.ini")) {
     throw UsageError("'" + dir.string() + "' already holds a simulated controller");
   }
-  const int total_areas = static_cast<int>(std::size(kKnownAreas)) + o.areas;
+  const int known = KnownAreas();
+  const int total_areas = known + o.areas;
   const int64_t image_size = static_cast<int64_t>(total_areas) * o.size;
 
   // The area list: one line per area, laid out one after another in every
@@ -103,11 +108,11 @@ int CmdSimCreate(const SimOptions& o) {
   list << "# area name, address (hex), size including the 128-byte header, HDD image paths\n";
   for (int i = 0; i < total_areas; ++i) {
     std::string name;
-    if (i < static_cast<int>(std::size(kKnownAreas))) {
-      name = kKnownAreas[i];
+    if (i < known) {
+      name = sbacc_known_area(i);
     } else {
       char buf[32];
-      snprintf(buf, sizeof buf, "area%02d", i - static_cast<int>(std::size(kKnownAreas)));
+      snprintf(buf, sizeof buf, "area%02d", i - known);
       name = buf;
     }
     char addr[32];
@@ -141,6 +146,7 @@ int CmdSimCreate(const SimOptions& o) {
   exports += "export SANFWCTL_NV_IMAGE=" + ShellQuote((dir / "nv.img").string()) + "\n";
   exports += "export MC_TRACE_FILE=" + ShellQuote((dir / "log" / "sbacc.log").string()) + "\n";
   exports += "export MC_TRACE_DIR=" + ShellQuote((dir / "log").string()) + "\n";
+  exports += "export SBACC_CONTROLLER=0\n";
   WriteText(dir / "env.sh", exports);
   WriteText(dir / "filelist.ini", list.str());  // last: its presence marks a finished controller
 

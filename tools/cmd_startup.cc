@@ -14,6 +14,7 @@
 #include <nlohmann/json.hpp>
 
 #include "sbacc_l.h"
+#include "sbacc_tool_iface.h"
 #include "tool.h"
 
 namespace sbacc_tool {
@@ -21,8 +22,6 @@ namespace sbacc_tool {
 namespace {
 
 constexpr int kChunk = 64 * 1024;
-constexpr const char* kPaired[] = {"envfw_backup0", "envfw_backup1", "envfw_sysback", "envfw_sysacpt",
-                                   "envfw_verid",   "envfw_verback", "envfw_reboot"};
 
 struct CopySnap {
   bool readable = false;  // header read
@@ -56,10 +55,13 @@ uint64_t Digest(SBACC_FILE_DISCRIPTER* sfd, int j, const SBACC_HDD_HEADER& h, in
   return d;
 }
 
-// The start-up's own choice over the headers: same blockade word, the later
-// close wins; otherwise the word with more copies fenced off wins (at a tie
-// the later close), and the loser is stale; copies the source's word names,
-// and copies without a valid header, are stale too.
+// The start-up's own choice over the headers (the restore's rule, which the
+// library keeps apart from the open's; there is no one function to call): a
+// copy whose header fences off itself loses to one that does not; with the
+// same blockade word the later close wins; otherwise the word with more
+// copies fenced off wins (at a tie the later close), and the loser is stale;
+// copies the source's word names, and copies without a valid header, are
+// stale too.
 void Classify(AreaSnap* s) {
   for (size_t i = 0; i < s->copies.size(); ++i) {
     const CopySnap& c = s->copies[i];
@@ -74,6 +76,13 @@ void Classify(AreaSnap* s) {
       continue;
     }
     const SBACC_HDD_HEADER& src = s->copies[static_cast<size_t>(s->source)].hdr;
+    const bool src_own = ((src.hddblockade >> s->source) & 1u) != 0;
+    const bool c_own = ((c.hdr.hddblockade >> i) & 1u) != 0;
+    if (src_own != c_own) {
+      s->stale |= src_own ? 1u << s->source : bit;
+      if (src_own) s->source = static_cast<int>(i);
+      continue;
+    }
     const int cs = sbacc_l_bitcount(static_cast<int>(src.hddblockade));
     const int ch = sbacc_l_bitcount(static_cast<int>(c.hdr.hddblockade));
     if (src.hddblockade == c.hdr.hddblockade) {
@@ -119,8 +128,26 @@ uint64_t Content(const AreaSnap& s) {
   return 0;
 }
 
-bool IsPaired(const char* name) {
-  return std::any_of(std::begin(kPaired), std::end(kPaired), [&](const char* n) { return strcmp(n, name) == 0; });
+// The library's position of a paired area, or -1.
+int PairedIndex(const char* name) {
+  for (int i = 0; sbacc_known_area(i) != nullptr; ++i) {
+    if (strcmp(sbacc_known_area(i), name) == 0) return i;
+  }
+  return -1;
+}
+
+// Where the start-up's data repair takes each paired area from, by its
+// position in the library's table.
+std::string RepairSource(int i) {
+  auto k = [](int j) { return std::string(sbacc_known_area(j)); };
+  switch (i) {
+    case 0: return "copied from " + k(1);
+    case 1: return "copied from " + k(0);
+    case 2:
+    case 3: return "marker rewritten";
+    case 4: return "set to " + k(5) + " + 1";
+    default: return "copied from " + k(4);
+  }
 }
 
 std::string Holders(const std::vector<FileUser>& users) {
@@ -133,8 +160,23 @@ std::string Holders(const std::vector<FileUser>& users) {
   return DescribeUsers(users) + (pids.size() == 1 ? " holds " : " hold ") + files + " open";
 }
 
+enum class StartupVerdict { kClean, kNew, kRebuilt, kFenced, kRepaired, kLost, kNoCopy };
+
+const char* VerdictName(StartupVerdict v) {
+  switch (v) {
+    case StartupVerdict::kClean: return "clean";
+    case StartupVerdict::kNew: return "new";
+    case StartupVerdict::kRebuilt: return "rebuilt";
+    case StartupVerdict::kFenced: return "fenced";
+    case StartupVerdict::kRepaired: return "repaired";
+    case StartupVerdict::kLost: return "lost";
+    case StartupVerdict::kNoCopy: return "no usable copy";
+  }
+  return "?";
+}
+
 struct Outcome {
-  std::string verdict;               // clean, rebuilt, fenced, repaired, new, lost, no usable copy
+  StartupVerdict verdict = StartupVerdict::kClean;
   std::vector<std::string> events;
   std::vector<int> rebuilt, fenced;
   bool loss = false;
@@ -151,7 +193,6 @@ Outcome Judge(size_t index, const std::vector<SBACC_FILE_LIST_ENTRY>& areas, con
   const AreaSnap& b = before[index];
   const AreaSnap& a = after[index];
   Outcome o;
-  o.verdict = "clean";
   const bool any_valid = std::any_of(b.copies.begin(), b.copies.end(), [](const CopySnap& c) { return c.valid; });
   const bool all_blank = std::all_of(b.copies.begin(), b.copies.end(),
                                      [](const CopySnap& c) { return !c.readable || c.blank; });
@@ -166,72 +207,67 @@ Outcome Judge(size_t index, const std::vector<SBACC_FILE_LIST_ENTRY>& areas, con
     }
   }
   if (o.fenced.size() == a.copies.size()) {
-    o.verdict = "no usable copy";
+    o.verdict = StartupVerdict::kNoCopy;
     o.loss = true;
     o.events.push_back("every copy is fenced off: the area cannot be read until a disk comes back");
     return o;
   }
   if (!any_valid) {
-    if (all_blank) {
-      o.verdict = "new";
+    // Blank copies of an area NV knew: the disks were replaced, not new.
+    if (all_blank && !b.nv_valid) {
+      o.verdict = StartupVerdict::kNew;
       o.events.push_back("new area, created empty");
     } else {
-      o.verdict = "lost";
+      o.verdict = StartupVerdict::kLost;
       o.loss = true;
-      o.events.push_back("RE-CREATED EMPTY: no copy held a valid header, its data is lost");
+      o.events.push_back(all_blank ? "RE-CREATED EMPTY: every copy is blank (disks replaced?) but NV knew the area, "
+                                     "its data is lost"
+                                   : "RE-CREATED EMPTY: no copy held a valid header, its data is lost");
     }
     return o;
   }
   if (!o.rebuilt.empty()) {
-    o.verdict = "rebuilt";
+    o.verdict = StartupVerdict::kRebuilt;
     o.events.insert(o.events.begin(), "stale " + CopyWord(o.rebuilt) + " rebuilt from copy " + std::to_string(b.source));
   }
-  if (!o.fenced.empty()) o.verdict = "fenced";
+  if (!o.fenced.empty()) o.verdict = StartupVerdict::kFenced;
   if (b.copies[static_cast<size_t>(b.source)].hdr.openflag != 0) {
     o.events.push_back("was left open by a writer that never closed");
   }
   const char* name = areas[index].filename;
   const uint64_t was = b.copies[static_cast<size_t>(b.source)].digest, now = Content(a);
-  if (IsPaired(name) && was != now) {
-    // Where the start-up's data repair takes each paired area from.
-    static const std::pair<const char*, const char*> kFrom[] = {
-        {"envfw_backup0", "copied from envfw_backup1"}, {"envfw_backup1", "copied from envfw_backup0"},
-        {"envfw_sysback", "marker rewritten"},          {"envfw_sysacpt", "marker rewritten"},
-        {"envfw_verid", "set to envfw_verback + 1"},    {"envfw_verback", "copied from envfw_verid"},
-        {"envfw_reboot", "copied from envfw_verid"}};
+  const int paired = PairedIndex(name);
+  if (paired >= 0 && was != now) {
     const bool emptied = std::all_of(a.copies.begin(), a.copies.end(),
                                      [](const CopySnap& c) { return !c.valid || c.hdr.filesize == 0; });
-    o.verdict = "repaired";
+    o.verdict = StartupVerdict::kRepaired;
     if (emptied) {
       o.events.push_back("data cleared: the paired areas could not be repaired consistently");
     } else {
-      for (const auto& [area, from] : kFrom) {
-        if (strcmp(area, name) == 0) o.events.push_back(std::string("data repaired: ") + from);
-      }
+      o.events.push_back("data repaired: " + RepairSource(paired));
     }
   }
   return o;
 }
 
 void Print(int index, const char* name, const Outcome& o) {
-  printf("%3d  %-31s %s", index, name, o.verdict.c_str());
+  printf("%3d  %-31s %s", index, name, VerdictName(o.verdict));
   for (size_t i = 0; i < o.events.size(); ++i) printf("%s%s", i == 0 ? ": " : "; ", o.events[i].c_str());
   printf("\n");
 }
 
 }  // namespace
 
-int CmdStartup(bool nv_init, int controller, bool force, bool json) {
+int CmdStartup(bool nv_init, int given_controller, bool force, bool json) {
   const auto& areas = Areas();
+  const int controller = ControllerNumber(given_controller, true);
   const char* what = nv_init ? "init" : "restore";
   const std::vector<FileUser> users = OtherUsers(ControllerFiles());
   if (!users.empty()) {
     if (!force) {
-      fprintf(stderr,
-              "sbacc %s: refused: %s; a start-up on a live controller rewrites what its writers write. "
-              "Stop them first, or use --force.\n",
-              what, Holders(users).c_str());
-      return kExitError;
+      throw std::runtime_error("refused: " + Holders(users) +
+                               "; a start-up on a live controller rewrites what its writers write. "
+                               "Stop them first, or use --force.");
     }
     fprintf(stderr, "sbacc %s: going on with --force although %s\n", what, Holders(users).c_str());
   }
@@ -243,20 +279,23 @@ int CmdStartup(bool nv_init, int controller, bool force, bool json) {
                             [&] { return nv_init ? sbacc_nv_init(controller) : sbacc_hdd_restore(controller); });
   for (const SBACC_FILE_LIST_ENTRY& e : areas) after.push_back(Snapshot(e));
 
-  nlohmann::json out = {{"controller", controller},
+  nlohmann::json out = {{"version", kJsonVersion},
+                        {"controller", controller},
                         {"call", nv_init ? "sbacc_nv_init" : "sbacc_hdd_restore"},
                         {"error", rc == 0 ? nlohmann::json(nullptr)
                                           : nlohmann::json({{"code", rc}, {"name", sbacc_code_name(rc)},
                                                             {"text", sbacc_code_text(rc)}})},
                         {"areas", nlohmann::json::array()}};
-  int clean = 0, lost = 0;
+  int clean = 0, lost = 0, status = kExitOk;
   for (size_t i = 0; i < areas.size(); ++i) {
     const Outcome o = Judge(i, areas, before, after);
-    clean += o.verdict == "clean" || o.verdict == "new";
+    clean += o.verdict == StartupVerdict::kClean || o.verdict == StartupVerdict::kNew;
     lost += o.loss;
+    // What the start-up leaves behind: data gone, or fewer usable copies.
+    status = Graver(status, o.loss ? kExitUnavailable : o.fenced.empty() ? kExitOk : kExitDegraded);
     out["areas"].push_back({{"index", i},
                             {"name", areas[i].filename},
-                            {"verdict", o.verdict},
+                            {"verdict", VerdictName(o.verdict)},
                             {"events", o.events},
                             {"rebuilt", o.rebuilt},
                             {"fenced", o.fenced},
@@ -268,8 +307,12 @@ int CmdStartup(bool nv_init, int controller, bool force, bool json) {
                         " as controller " + std::to_string(controller) + ", " + std::to_string(clean) +
                         " clean, " + std::to_string(static_cast<int>(n) - clean - lost) + " repaired or degraded, " +
                         std::to_string(lost) + " without data";
+  if (rc != 0) status = kExitError;
+  summary += std::string(": ") + ExitName(status);
   out["summary"] = summary;
-  out["ok"] = rc == 0 && lost == 0;
+  out["status"] = status;
+  out["status_name"] = ExitName(status);
+  out["ok"] = status == kExitOk;
   if (json) {
     printf("%s\n", out.dump(2).c_str());
   } else {
@@ -277,7 +320,7 @@ int CmdStartup(bool nv_init, int controller, bool force, bool json) {
   }
   fflush(stdout);
   if (rc != 0) throw LibError(nv_init ? "sbacc_nv_init" : "sbacc_hdd_restore", rc);
-  return lost > 0 ? kExitFound : kExitOk;
+  return status;
 }
 
 }  // namespace sbacc_tool

@@ -7,6 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "health.h"
 #include "scrub.h"
 #include "sbacc_l.h"
 #include "tool.h"
@@ -106,20 +107,10 @@ int CmdLs(bool check) {
   }
   printf("%zu problem%s\n", problems.size(), problems.size() == 1 ? "" : "s");
   for (const std::string& p : problems) printf("  %s\n", p.c_str());
-  return kExitFound;
+  return kExitUnavailable;
 }
 
 namespace {
-
-// What is wrong with an area, in words; "ok" when nothing is.
-std::string Verdict(const AreaProbe& p) {
-  if (p.nv_rc != 0) return "NV unreadable";
-  const int usable = p.usable_count();
-  if (usable == 0) return "no usable copy";
-  if (!p.nv_valid) return "NV not initialised";
-  if (usable < static_cast<int>(p.copies.size())) return "degraded";
-  return "ok";
-}
 
 nlohmann::json CodeJson(int code) {
   return {{"code", code}, {"name", sbacc_code_name(code)}, {"text", sbacc_code_text(code)}};
@@ -139,45 +130,17 @@ std::string Mask(unsigned mask) {
   return out;
 }
 
-// What an engineer should know beyond the copies' states: a writer alive or
-// gone with the area open, an unfinished write.  `problem` marks what makes
-// the exit status 1.
-struct Flag {
-  std::string text;
-  bool problem;
-};
-
-std::vector<Flag> Flags(const AreaProbe& p) {
-  std::vector<Flag> out;
-  std::vector<FileUser> users;
-  bool open = false;
-  for (const CopyProbe& c : p.copies) open = open || (c.usable() && c.hdr.openflag != 0);
-  const bool live = open && BeingWritten(p, &users);
-  if (live) {
-    out.push_back({"open for writing now (" + DescribeUsers(users) + ")", false});
-  } else if (open) {
-    out.push_back({"left open by a writer that never closed: the next start-up ('sbacc restore') settles it", true});
-  }
-  for (const CopyProbe& c : p.copies) {
-    if (live || !c.usable() || c.hdr.writeflag == 0) continue;
-    out.push_back({"copy " + std::to_string(c.index) + " has a write-intent record set (" +
-                       std::to_string(c.hdr.write_size) + " bytes at " + std::to_string(c.hdr.write_offset) +
-                       "): a write did not finish",
-                   true});
-  }
-  return out;
-}
-
 nlohmann::json TimeJson(int64_t t) { return t == 0 ? nlohmann::json(nullptr) : nlohmann::json(LocalTime(t)); }
 
-// The --json shape, one object per area, keys always present (null when the
-// value could not be read):
-// {"ok": bool, "last_scrub": null | {"time": n, "areas": n, "compared": n, "mismatches": n,
-//                                     "repaired": n, "status": n} | {"error": s},
+// The --json shape (version 2), one object per area, keys always present
+// (null when the value could not be read):
+// {"version": 2, "status": n, "status_name": s, "ok": bool,
+//  "last_scrub": null | {"version": n, "time": n, "controller": n | null, "area_list": s, "nv_image": s,
+//                        "areas": {NAME: {"time": n, "result": s}}} | {"error": s},
 //  "areas": [{
 //    "index": n, "name": s, "address": n, "size": n, "capacity": n,
 //    "verdict": "ok" | "degraded" | "no usable copy" | "NV not initialised" | "NV unreadable",
-//    "usable": n, "flags": [{"text": s, "problem": bool}],
+//    "status": n, "usable": n, "flags": [{"text": s, "problem": bool, "status": n}],
 //    "nv": {"readable": bool, "error": {code,name,text} | null, "valid": bool,
 //           "hddcount": n, "hddblockade": n, "latesthdd": n, "hddrepair": n,
 //           "write_on_repair": n, "repairlock": [n, n, n, n]},
@@ -192,10 +155,7 @@ nlohmann::json TimeJson(int64_t t) { return t == 0 ? nlohmann::json(nullptr) : n
 // Times are seconds since the epoch; the _local forms are local dates.
 // After the areas: "disks": [{"path": s, "copy": n, "areas": n, "fenced": n,
 // "missing": n, "blank": n, "bad_header": n}], "action": s, "summary": s.
-nlohmann::json AreaJson(int index, const AreaProbe& p, const std::vector<Flag>& fl) {
-  nlohmann::json flags = nlohmann::json::array();
-  for (const Flag& f : fl) flags.push_back({{"text", f.text}, {"problem", f.problem}});
-  const SBACC_FILE_LIST_ENTRY& e = p.entry();
+nlohmann::json NvJson(const AreaProbe& p) {
   nlohmann::json nv = {{"readable", p.nv_rc == 0},
                        {"error", p.nv_rc == 0 ? nlohmann::json(nullptr) : CodeJson(p.nv_rc)},
                        {"valid", p.nv_valid}};
@@ -205,28 +165,33 @@ nlohmann::json AreaJson(int index, const AreaProbe& p, const std::vector<Flag>& 
     nv["latesthdd"] = p.nv.latesthdd;
     nv["hddrepair"] = p.nv.hddrepair;
     nv["write_on_repair"] = p.nv.write_on_repair;
-    nv["repairlock"] = {p.nv.hddrepairlock_cntno[0], p.nv.hddrepairlock_cntno[1],
-                        p.nv.hddrepairlock_cntno[2], p.nv.hddrepairlock_cntno[3]};
+    nv["repairlock"] = {p.nv.hddrepairlock_cntno[0], p.nv.hddrepairlock_cntno[1], p.nv.hddrepairlock_cntno[2],
+                        p.nv.hddrepairlock_cntno[3]};
   } else {
     for (const char* k : {"hddcount", "hddblockade", "latesthdd", "hddrepair", "write_on_repair", "repairlock"})
       nv[k] = nullptr;
   }
+  return nv;
+}
 
+nlohmann::json AreaJson(const AreaProbe& p, const AreaHealth& h) {
+  nlohmann::json flags = nlohmann::json::array();
+  for (const Flag& f : h.flags) flags.push_back({{"text", f.text}, {"problem", f.status != kExitOk}, {"status", f.status}});
   nlohmann::json copies = nlohmann::json::array();
   for (const CopyProbe& c : p.copies) {
     nlohmann::json header = nullptr;
     if (c.header_read) {
-      const SBACC_HDD_HEADER& h = c.hdr;
+      const SBACC_HDD_HEADER& hd = c.hdr;
       header = {{"valid", c.header_valid},
-                {"filesize", h.filesize},
-                {"hddblockade", h.hddblockade},
-                {"openflag", h.openflag},
-                {"opencnt", h.opencnt},
-                {"opentime", h.opentime},
-                {"opentime_local", TimeJson(h.opentime)},
-                {"closetime", h.closetime},
-                {"closetime_local", TimeJson(h.closetime)},
-                {"write", {{"flag", h.writeflag}, {"offset", h.write_offset}, {"size", h.write_size}}}};
+                {"filesize", hd.filesize},
+                {"hddblockade", hd.hddblockade},
+                {"openflag", hd.openflag},
+                {"opencnt", hd.opencnt},
+                {"opentime", hd.opentime},
+                {"opentime_local", TimeJson(hd.opentime)},
+                {"closetime", hd.closetime},
+                {"closetime_local", TimeJson(hd.closetime)},
+                {"write", {{"flag", hd.writeflag}, {"offset", hd.write_offset}, {"size", hd.write_size}}}};
     }
     copies.push_back({{"copy", c.index},
                       {"path", c.path},
@@ -234,35 +199,23 @@ nlohmann::json AreaJson(int index, const AreaProbe& p, const std::vector<Flag>& 
                       {"error", c.error.empty() ? nlohmann::json(nullptr) : nlohmann::json(c.error)},
                       {"header", header}});
   }
-
-  return {{"index", index},
-          {"name", e.filename},
-          {"address", e.areaaddr},
-          {"size", e.areasize},
-          {"capacity", Capacity(e)},
-          {"verdict", Verdict(p)},
-          {"usable", p.usable_count()},
-          {"flags", flags},
-          {"nv", nv},
-          {"copies", copies}};
+  const SBACC_FILE_LIST_ENTRY& e = p.entry();
+  return {{"index", h.index},        {"name", e.filename},          {"address", e.areaaddr},
+          {"size", e.areasize},      {"capacity", Capacity(e)},     {"verdict", VerdictName(h.verdict)},
+          {"status", h.status},      {"usable", p.usable_count()},  {"flags", flags},
+          {"nv", NvJson(p)},         {"copies", copies}};
 }
 
-void PrintArea(int index, const AreaProbe& p, const std::vector<Flag>& flags) {
+std::string AreaTitle(const AreaProbe& p, const AreaHealth& h) {
   const SBACC_FILE_LIST_ENTRY& e = p.entry();
-  printf("%s (#%d, %llu bytes at 0x%llx): %s, %d of %zu copies usable\n", e.filename, index,
-         static_cast<unsigned long long>(e.areasize), static_cast<unsigned long long>(e.areaaddr),
-         Verdict(p).c_str(), p.usable_count(), p.copies.size());
-  for (const Flag& f : flags) printf("  %s %s\n", f.problem ? "!" : "-", f.text.c_str());
-  if (p.nv_rc != 0) {
-    printf("  NV unreadable: %s\n", CodeString(p.nv_rc).c_str());
-  } else if (!p.nv_valid) {
-    printf("  NV not initialised\n");
-  } else {
-    printf("  NV valid  hddcount %d  blockade %s  latest %s  repair %s  locks %u %u %u %u\n", p.nv.hddcount,
-           Mask(p.nv.hddblockade).c_str(), Mask(p.nv.latesthdd).c_str(), Mask(p.nv.hddrepair).c_str(),
-           p.nv.hddrepairlock_cntno[0], p.nv.hddrepairlock_cntno[1], p.nv.hddrepairlock_cntno[2],
-           p.nv.hddrepairlock_cntno[3]);
-  }
+  char buf[160];
+  snprintf(buf, sizeof buf, " (#%d, %llu bytes at 0x%llx): %s, %d of %zu copies usable", h.index,
+           static_cast<unsigned long long>(e.areasize), static_cast<unsigned long long>(e.areaaddr),
+           VerdictName(h.verdict), p.usable_count(), p.copies.size());
+  return e.filename + std::string(buf);
+}
+
+void PrintCopies(const AreaProbe& p) {
   // Columns as wide as their widest value, so large sizes and counts keep
   // the table straight.
   std::vector<std::vector<std::string>> rows{{"#", "state", "hdr", "filesize", "opn", "cnt", "opened", "closed"}};
@@ -294,12 +247,40 @@ void PrintArea(int index, const AreaProbe& p, const std::vector<Flag>& flags) {
     const CopyProbe& c = p.copies[i - 1];
     std::string note;
     if (c.header_read && c.hdr.writeflag != 0) {
-      note = "  write pending: " + std::to_string(c.hdr.write_size) + " bytes at " +
-             std::to_string(c.hdr.write_offset);
+      note = "  write pending: " + std::to_string(c.hdr.write_size) + " bytes at " + std::to_string(c.hdr.write_offset);
     } else if (!c.error.empty()) {
       note = "  (" + c.error + ")";
     }
     printf("    %s%s\n", c.path.c_str(), note.c_str());
+  }
+}
+
+void PrintArea(const AreaProbe& p, const AreaHealth& h) {
+  printf("%s\n", AreaTitle(p, h).c_str());
+  for (const Flag& f : h.flags) printf("  %s %s\n", f.status != kExitOk ? "!" : "-", f.text.c_str());
+  if (p.nv_rc != 0) {
+    printf("  NV unreadable: %s\n", CodeString(p.nv_rc).c_str());
+  } else if (!p.nv_valid) {
+    printf("  NV not initialised\n");
+  } else {
+    printf("  NV valid  hddcount %d  blockade %s  latest %s  repair %s  locks %u %u %u %u\n", p.nv.hddcount,
+           Mask(p.nv.hddblockade).c_str(), Mask(p.nv.latesthdd).c_str(), Mask(p.nv.hddrepair).c_str(),
+           p.nv.hddrepairlock_cntno[0], p.nv.hddrepairlock_cntno[1], p.nv.hddrepairlock_cntno[2],
+           p.nv.hddrepairlock_cntno[3]);
+  }
+  PrintCopies(p);
+}
+
+// The problem lines of an area alone: its title, its problems and the copies
+// that are not usable.
+void PrintProblems(const AreaProbe& p, const AreaHealth& h) {
+  printf("%s\n", AreaTitle(p, h).c_str());
+  for (const Flag& f : h.flags) {
+    if (f.status != kExitOk) printf("  ! %s\n", f.text.c_str());
+  }
+  if (p.nv_rc != 0) printf("  ! NV unreadable: %s\n", CodeString(p.nv_rc).c_str());
+  for (const CopyProbe& c : p.copies) {
+    if (!c.usable()) printf("  ! copy %d %s: %s\n", c.index, StateName(c.state), c.path.c_str());
   }
 }
 
@@ -337,29 +318,59 @@ std::string DiskLine(const Disk& d) {
   return out;
 }
 
+// What the areas shown add up to, for the action line.
+struct Totals {
+  int ok = 0, not_init = 0, left_open = 0, no_copy = 0;
+  std::vector<std::string> mismatch, unscrubbed;
+};
+
 // The one thing to do first.
-std::string Action(const std::vector<Disk>& disks, int not_init, int left_open, int no_copy) {
+std::string Action(const std::vector<Disk>& disks, const Totals& t) {
   for (const Disk& d : disks) {
     const int gone = d.fenced + d.missing + d.bad;
     if (gone > 0 && gone == d.areas) {
       return "disk " + std::to_string(d.copy) + " " + (d.missing == d.areas ? "missing" : "fenced off") + " in " +
-             std::to_string(gone) + " of " + std::to_string(d.areas) +
-             " areas: replace it, then run 'sbacc restore'";
+             std::to_string(gone) + " of " + std::to_string(d.areas) + " areas: replace it, then run 'sbacc restore'";
     }
   }
-  if (no_copy > 0) return std::to_string(no_copy) + " area(s) without a usable copy: bring the disks back before anything else";
+  if (t.no_copy > 0) {
+    return std::to_string(t.no_copy) + " area(s) without a usable copy: bring the disks back before anything else";
+  }
   for (const Disk& d : disks) {
     if (d.fenced + d.missing + d.bad > 0) {
       return "disk " + std::to_string(d.copy) + " has failed copies in " + std::to_string(d.fenced + d.missing + d.bad) +
              " of " + std::to_string(d.areas) + " areas: check it, then run 'sbacc restore' to rebuild them";
     }
   }
-  if (not_init > 0) return "NV not initialised: run 'sbacc init'";
+  if (t.not_init > 0) return "NV not initialised: run 'sbacc init'";
+  if (!t.mismatch.empty()) {
+    return "the last scrub found copies that differ in " + t.mismatch.front() +
+           (t.mismatch.size() > 1 ? " and " + std::to_string(t.mismatch.size() - 1) + " more" : "") +
+           ": run 'sbacc verify --repair " + t.mismatch.front() + "'";
+  }
   for (const Disk& d : disks) {
     if (d.blank > 0) return "blank copies on disk " + std::to_string(d.copy) + ": run 'sbacc restore' to fill them";
   }
-  if (left_open > 0) return "areas left open by a writer that died: run 'sbacc restore'";
+  if (t.left_open > 0) return "areas left open by a writer that died: run 'sbacc restore'";
+  if (!t.unscrubbed.empty()) {
+    std::string names;
+    for (const std::string& n : t.unscrubbed) names += " " + n;
+    return "the last scrub left " + std::to_string(t.unscrubbed.size()) + " area(s) unverified: run 'sbacc verify" +
+           names + "'";
+  }
   return "none";
+}
+
+void AddUp(const AreaProbe& p, const AreaHealth& h, Totals* t) {
+  t->ok += h.status == kExitOk;
+  const bool nv_bad = h.verdict == Verdict::kNvUninit || h.verdict == Verdict::kNvUnreadable;
+  t->not_init += nv_bad || h.never_started;
+  t->no_copy += h.verdict == Verdict::kNoCopy && !h.never_started;
+  t->left_open += h.left_open;
+  for (const Condition& c : h.conditions) {
+    if (c.kind == "scrub-mismatch") t->mismatch.push_back(p.entry().filename);
+    if (c.kind == "scrub-incomplete") t->unscrubbed.push_back(p.entry().filename);
+  }
 }
 
 }  // namespace
@@ -369,38 +380,32 @@ int CmdStatus(const std::vector<std::string>& names, bool json, bool problems_on
   CheckNvImage("status");
   WarnAreaList();
   const auto& all = Areas();
-  nlohmann::json out = {{"areas", nlohmann::json::array()}};
+  const nlohmann::json scrub = LastScrub();
+  nlohmann::json out = {{"version", kJsonVersion}, {"areas", nlohmann::json::array()}};
   std::vector<Disk> disks;
-  int ok = 0, not_init = 0, left_open = 0, no_copy = 0, shown = 0;
+  Totals t;
+  int status = kExitOk, shown = 0;
   for (const SBACC_FILE_LIST_ENTRY* e : selected) {
-    const int index = static_cast<int>(e - all.data());
     AreaProbe probe(*e, O_RDONLY);
-    const std::vector<Flag> flags = Flags(probe);
-    const std::string verdict = Verdict(probe);
-    const bool problem =
-        verdict != "ok" || std::any_of(flags.begin(), flags.end(), [](const Flag& f) { return f.problem; });
-    ok += !problem;
-    // A controller never started: every copy blank.
-    const bool blank = std::all_of(probe.copies.begin(), probe.copies.end(),
-                                   [](const CopyProbe& c) { return c.state == CopyState::kBlank; });
-    not_init += verdict == "NV not initialised" || blank;
-    no_copy += verdict == "no usable copy" && !blank;
-    left_open += std::any_of(flags.begin(), flags.end(), [](const Flag& f) { return f.text.rfind("left open", 0) == 0; });
+    const AreaHealth h = Assess(static_cast<int>(e - all.data()), probe, scrub);
+    status = Graver(status, h.status);
+    AddUp(probe, h, &t);
     Count(&disks, probe);
-    if (problems_only && !problem) continue;
+    if (problems_only && h.status == kExitOk) continue;
     if (json) {
-      out["areas"].push_back(AreaJson(index, probe, flags));
+      out["areas"].push_back(AreaJson(probe, h));
     } else {
-      if (shown > 0) printf("\n");
-      PrintArea(index, probe, flags);
+      if (shown > 0 && !problems_only) printf("\n");
+      problems_only ? PrintProblems(probe, h) : PrintArea(probe, h);
     }
     ++shown;
   }
-  const std::string action = Action(disks, not_init, left_open, no_copy);
+  const std::string action = Action(disks, t);
   const int n = static_cast<int>(selected.size());
   const std::string summary = "status: " + std::to_string(n) + " area" + (n == 1 ? "" : "s") + ", " +
-                              std::to_string(ok) + " ok, " + std::to_string(n - ok) + " with problems, " +
-                              std::to_string(disks.size()) + " disk" + (disks.size() == 1 ? "" : "s");
+                              std::to_string(t.ok) + " ok, " + std::to_string(n - t.ok) + " with problems, " +
+                              std::to_string(disks.size()) + " disk" + (disks.size() == 1 ? "" : "s") + ": " +
+                              ExitName(status);
   if (json) {
     out["disks"] = nlohmann::json::array();
     for (const Disk& d : disks) {
@@ -409,18 +414,22 @@ int CmdStatus(const std::vector<std::string>& names, bool json, bool problems_on
     }
     out["action"] = action;
     out["summary"] = summary;
-    out["ok"] = ok == n;
-    out["last_scrub"] = LastScrub();
+    out["status"] = status;
+    out["status_name"] = ExitName(status);
+    out["ok"] = status == kExitOk;
+    out["last_scrub"] = scrub;
     printf("%s\n", out.dump(2).c_str());
+  } else if (problems_only && status == kExitOk) {
+    printf("%s\n", summary.c_str());
   } else {
     if (shown > 0) printf("\n");
     for (const Disk& d : disks) {
       if (!problems_only || d.problems() > 0) printf("%s\n", DiskLine(d).c_str());
     }
     printf("action: %s\n%s\n", action.c_str(), summary.c_str());
-    if (const std::string scrub = LastScrubLine(); !scrub.empty()) printf("%s\n", scrub.c_str());
+    if (const std::string line = LastScrubLine(scrub); !line.empty() && !problems_only) printf("%s\n", line.c_str());
   }
-  return ok == n ? kExitOk : kExitFound;
+  return status;
 }
 
 }  // namespace sbacc_tool

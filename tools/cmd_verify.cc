@@ -34,26 +34,6 @@ int ReadData(SBACC_FILE_DISCRIPTER* sfd, int j, int64_t n, std::vector<uint8_t>*
   return 0;
 }
 
-// The copy an open would read from: the library's own latest-copy rule over
-// the usable copies, run on duplicates of their descriptors because the rule
-// closes the copies it rejects.
-int ChooseReference(AreaProbe& p, const std::vector<int>& usable) {
-  SBACC_FILE_DISCRIPTER scratch = *p.sfd();
-  SBACC_HDD_HEADER headers[SBACC_HDD_MAX];
-  memset(headers, 0, sizeof headers);
-  for (int& fd : scratch.fd) fd = -1;
-  for (int j : usable) {
-    scratch.fd[j] = dup(p.sfd()->fd[j]);
-    headers[j] = p.copies[static_cast<size_t>(j)].hdr;
-  }
-  int ref = usable.front();
-  sbacc_ma_detect_hdd(&scratch, headers, &ref);
-  for (int fd : scratch.fd) {
-    if (fd >= 0) close(fd);
-  }
-  return ref;
-}
-
 struct Difference {
   std::vector<std::string> fields;  // header fields that differ
   int64_t first = -1;               // first differing data offset
@@ -124,8 +104,7 @@ struct Tally {
   int mismatches = 0;
   int repaired = 0;
   int skipped = 0;
-  bool found = false;  // something wrong that is still wrong
-  bool error = false;  // a library call failed
+  int status = 0;  // the gravest of the areas' outcomes
 };
 
 // What the copies hold that a reader sees: the size and the data up to it.
@@ -286,166 +265,218 @@ struct AreaOptions {
   int from = -1;
 };
 
-void VerifyArea(AreaProbe& p, const AreaOptions& o, Tally& t, Progress& progress, nlohmann::json* js) {
-  const char* name = p.entry().filename;
-  auto report = [&](const std::string& line) {
-    if (o.quiet) return;
-    (*js)["report"].push_back(line);
-    if (o.json) return;
-    progress.Clear();
-    printf("%s: %s\n", name, line.c_str());
-    fflush(stdout);
-  };
-  auto outcome = [&](const char* what) { (*js)["result"] = what; };
-  outcome("ok");
+// One pass over one area: checks, comparison, and with --repair the rewrite.
+class AreaVerifier {
+ public:
+  AreaVerifier(AreaProbe& p, const AreaOptions& o, Tally& t, Progress& progress, nlohmann::json* js)
+      : p_(p), o_(o), t_(t), progress_(progress), js_(js), name_(p.entry().filename) {}
+  ScrubOutcome Run();
 
-  if (p.nv_rc != 0) {
-    if (o.quiet) return;
-    progress.Clear();
-    fprintf(stderr, "sbacc: verify %s: NV entry: %s\n", name, CodeString(p.nv_rc).c_str());
-    outcome("error");
-    t.error = true;
-    return;
+ private:
+  void Report(const std::string& line) {
+    if (o_.quiet) return;
+    (*js_)["report"].push_back(line);
+    if (o_.json) return;
+    progress_.Clear();
+    printf("%s: %s\n", name_, line.c_str());
+    fflush(stdout);
+  }
+  ScrubOutcome Failed(const std::string& what, int rc) {
+    if (!o_.quiet) {
+      progress_.Clear();
+      fprintf(stderr, "sbacc: verify %s: %s: %s\n", name_, what.c_str(), CodeString(rc).c_str());
+    }
+    return ScrubOutcome::kError;
+  }
+  bool Usable(ScrubOutcome* early);
+  bool ReadAll(ScrubOutcome* early);
+  void ShowDifference(int j, const Difference& d);
+  ScrubOutcome Repair();
+  CopyProbe& Copy(int j) { return p_.copies[static_cast<size_t>(j)]; }
+
+  AreaProbe& p_;
+  const AreaOptions& o_;
+  Tally& t_;
+  Progress& progress_;
+  nlohmann::json* js_;
+  const char* name_;
+  std::vector<int> usable_, differing_;
+  int64_t longest_ = 0;
+  std::vector<std::vector<uint8_t>> data_;
+  std::vector<int> read_rc_;
+  int reference_ = -1;
+};
+
+// The copies to compare; false with *early set when there is nothing to.
+bool AreaVerifier::Usable(ScrubOutcome* early) {
+  if (p_.nv_rc != 0) {
+    *early = Failed("NV entry", p_.nv_rc);
+    return false;
   }
   std::vector<FileUser> users;
-  if (BeingWritten(p, &users)) {
-    if (!o.force) {
-      report("being written (" + DescribeUsers(users) + " holds its files open): skipped; --force to verify anyway");
-      outcome("skipped");
-      ++t.skipped;
-      return;
+  if (BeingWritten(p_, &users)) {
+    if (!o_.force) {
+      Report("being written (" + DescribeUsers(users) + " holds its files open): skipped; --force to verify anyway");
+      ++t_.skipped;
+      *early = ScrubOutcome::kSkipped;
+      return false;
     }
-    report("being written (" + DescribeUsers(users) + "), going on because of --force");
+    Report("being written (" + DescribeUsers(users) + "), going on because of --force");
   }
-  std::vector<int> usable;
-  for (const CopyProbe& c : p.copies) {
-    if (c.usable()) usable.push_back(c.index);
+  for (const CopyProbe& c : p_.copies) {
+    if (c.usable()) usable_.push_back(c.index);
   }
-  if (usable.empty()) {
-    report("no usable copy to verify");
-    outcome("no usable copy");
-    t.found = true;
-    return;
+  if (usable_.empty()) {
+    Report("no usable copy to verify");
+    *early = ScrubOutcome::kNoCopy;
+    return false;
   }
-  if (usable.size() == 1) {
-    report("only copy " + std::to_string(usable.front()) + " is usable, nothing to compare");
-    return;
+  if (usable_.size() == 1) {
+    Report("only copy " + std::to_string(usable_.front()) + " is usable, nothing to compare");
+    *early = ScrubOutcome::kNotCompared;
+    return false;
   }
-  if (o.from >= 0 && std::find(usable.begin(), usable.end(), o.from) == usable.end()) {
-    throw UsageError("--from " + std::to_string(o.from) + ": copy " + std::to_string(o.from) + " of " + name +
-                     " is not usable (see 'sbacc status " + name + "')");
+  if (o_.from >= 0 && std::find(usable_.begin(), usable_.end(), o_.from) == usable_.end()) {
+    throw UsageError("--from " + std::to_string(o_.from) + ": copy " + std::to_string(o_.from) + " of " + name_ +
+                     " is not usable (see 'sbacc status " + name_ + "')");
   }
+  return true;
+}
 
-  // Every copy's data up to the longest size any of them claims (never past
-  // the capacity); a copy whose data cannot be read is a difference too.
-  int64_t longest = 0;
-  for (int j : usable) longest = std::max<int64_t>(longest, p.copies[static_cast<size_t>(j)].hdr.filesize);
-  longest = std::min(longest, Capacity(p.entry()));
-  std::vector<std::vector<uint8_t>> data(p.copies.size());
-  std::vector<int> read_rc(p.copies.size(), 0);
-  for (int j : usable) read_rc[static_cast<size_t>(j)] = ReadData(p.sfd(), j, longest, &data[static_cast<size_t>(j)]);
-
-  const int reference = ChooseReference(p, usable);
-  if (read_rc[static_cast<size_t>(reference)] != 0) {
-    progress.Clear();
-    fprintf(stderr, "sbacc: verify %s: reading copy %d: %s\n", name, reference,
-            CodeString(read_rc[static_cast<size_t>(reference)]).c_str());
-    outcome("error");
-    t.error = true;
-    return;
+// Every copy's data up to the longest size any of them claims (never past
+// the capacity); a copy whose data cannot be read is a difference too.
+bool AreaVerifier::ReadAll(ScrubOutcome* early) {
+  for (int j : usable_) longest_ = std::max<int64_t>(longest_, Copy(j).hdr.filesize);
+  longest_ = std::min(longest_, Capacity(p_.entry()));
+  data_.assign(p_.copies.size(), {});
+  read_rc_.assign(p_.copies.size(), 0);
+  for (int j : usable_) read_rc_[static_cast<size_t>(j)] = ReadData(p_.sfd(), j, longest_, &data_[static_cast<size_t>(j)]);
+  reference_ = LatestCopy(p_, usable_, nullptr);
+  if (read_rc_[static_cast<size_t>(reference_)] != 0) {
+    *early = Failed("reading copy " + std::to_string(reference_), read_rc_[static_cast<size_t>(reference_)]);
+    return false;
   }
-  const CopyProbe& ref = p.copies[static_cast<size_t>(reference)];
-  const std::vector<uint8_t>& ref_data = data[static_cast<size_t>(reference)];
-  std::vector<int> differing;
-  for (int j : usable) {
-    if (j == reference) continue;
-    ++t.compared;
-    const Difference d = Compare(p, ref, ref_data, p.copies[static_cast<size_t>(j)]);
+  return true;
+}
+
+void AreaVerifier::ShowDifference(int j, const Difference& d) {
+  const CopyProbe& ref = Copy(reference_);
+  Report("copy " + std::to_string(j) + " differs from copy " + std::to_string(reference_) + ": " + Describe(d));
+  (*js_)["differences"].push_back({{"copy", j},
+                                   {"against", reference_},
+                                   {"header_fields", d.fields},
+                                   {"data_bytes", d.count},
+                                   {"first_offset", d.first < 0 ? nlohmann::json(nullptr) : nlohmann::json(d.first)}});
+  if (o_.quiet || d.count == 0 || read_rc_[static_cast<size_t>(j)] != 0) return;
+  const int64_t n = std::min<int64_t>(std::max(ref.hdr.filesize, Copy(j).hdr.filesize), longest_);
+  for (const std::string& line :
+       HexView(reference_, data_[static_cast<size_t>(reference_)], j, data_[static_cast<size_t>(j)], n)) {
+    (*js_)["report"].push_back("  " + line);
+    if (o_.json) continue;
+    progress_.Clear();
+    printf("  %s\n", line.c_str());
+  }
+}
+
+ScrubOutcome AreaVerifier::Run() {
+  ScrubOutcome early = ScrubOutcome::kOk;
+  if (!Usable(&early) || !ReadAll(&early)) return early;
+  const CopyProbe& ref = Copy(reference_);
+  for (int j : usable_) {
+    if (j == reference_) continue;
+    ++t_.compared;
+    const Difference d = Compare(p_, ref, data_[static_cast<size_t>(reference_)], Copy(j));
     if (!d.any()) continue;
-    differing.push_back(j);
-    ++t.mismatches;
-    report("copy " + std::to_string(j) + " differs from copy " + std::to_string(reference) + ": " + Describe(d));
-    (*js)["differences"].push_back({{"copy", j},
-                                    {"against", reference},
-                                    {"header_fields", d.fields},
-                                    {"data_bytes", d.count},
-                                    {"first_offset", d.first < 0 ? nlohmann::json(nullptr) : nlohmann::json(d.first)}});
-    if (!o.quiet && d.count > 0 && read_rc[static_cast<size_t>(j)] == 0) {
-      const int64_t n = std::min<int64_t>(
-          std::max(ref.hdr.filesize, p.copies[static_cast<size_t>(j)].hdr.filesize), longest);
-      for (const std::string& line : HexView(reference, ref_data, j, data[static_cast<size_t>(j)], n)) {
-        (*js)["report"].push_back("  " + line);
-        if (o.json) continue;
-        progress.Clear();
-        printf("  %s\n", line.c_str());
-      }
-    }
+    differing_.push_back(j);
+    ++t_.mismatches;
+    ShowDifference(j, d);
   }
-  if (differing.empty()) return;
-  outcome("differ");
-  if (!o.repair || o.quiet) {
-    t.found = true;
-    return;
-  }
+  // Copies left out (not usable) leave the scrub of the area partial.
+  const ScrubOutcome agreed = usable_.size() < p_.copies.size() ? ScrubOutcome::kPartial : ScrubOutcome::kOk;
+  if (differing_.empty()) return agreed;
+  if (!o_.repair || o_.quiet) return ScrubOutcome::kMismatch;
+  const ScrubOutcome r = Repair();
+  return r == ScrubOutcome::kRepaired && agreed == ScrubOutcome::kPartial ? agreed : r;
+}
 
+ScrubOutcome AreaVerifier::Repair() {
   std::string why;
-  int winner = o.from;
+  int winner = o_.from;
   if (winner >= 0) {
     why = "chosen with --from";
   } else {
     bool unreadable = false;
-    for (int j : usable) unreadable = unreadable || read_rc[static_cast<size_t>(j)] != 0;
-    winner = unreadable ? -1 : Decide(p, usable, data, reference, &why);
+    for (int j : usable_) unreadable = unreadable || read_rc_[static_cast<size_t>(j)] != 0;
+    winner = unreadable ? -1 : Decide(p_, usable_, data_, reference_, &why);
   }
   if (winner < 0) {
-    report("not repaired: nothing shows which copy is right (the headers agree and no majority holds the same "
+    Report("not repaired: nothing shows which copy is right (the headers agree and no majority holds the same "
            "data); look at the bytes above and rewrite with 'sbacc verify --repair --from COPY " +
-           std::string(name) + "'");
-    outcome("refused");
-    t.found = true;
-    return;
+           std::string(name_) + "'");
+    return ScrubOutcome::kMismatch;
   }
-  report("copy " + std::to_string(winner) + " is taken as right: " + why);
-  (*js)["winner"] = winner;
-  (*js)["reason"] = why;
-
-  const CopyProbe& src = p.copies[static_cast<size_t>(winner)];
+  Report("copy " + std::to_string(winner) + " is taken as right: " + why);
+  (*js_)["winner"] = winner;
+  (*js_)["reason"] = why;
+  const CopyProbe& src = Copy(winner);
   std::vector<uint8_t> src_data;
-  int rc = ReadData(p.sfd(), winner, std::min<int64_t>(std::max(src.hdr.filesize, 0), Capacity(p.entry())), &src_data);
-  if (rc != 0) {
-    report("copy " + std::to_string(winner) + " could not be read: " + CodeString(rc));
-    outcome("error");
-    t.error = true;
-    return;
-  }
-  bool all_fixed = true;
-  for (int j : usable) {
-    if (j == winner) continue;
-    CopyProbe& c = p.copies[static_cast<size_t>(j)];
-    if (!Compare(p, src, src_data, c).any()) continue;
-    rc = Rewrite(p, src, src_data, j);
+  int rc = ReadData(p_.sfd(), winner, std::min<int64_t>(std::max(src.hdr.filesize, 0), Capacity(p_.entry())), &src_data);
+  if (rc != 0) return Failed("reading copy " + std::to_string(winner), rc);
+  ScrubOutcome outcome = ScrubOutcome::kRepaired;
+  for (int j : usable_) {
+    CopyProbe& c = Copy(j);
+    if (j == winner || !Compare(p_, src, src_data, c).any()) continue;
+    rc = Rewrite(p_, src, src_data, j);
     if (rc != 0) {
-      report("copy " + std::to_string(j) + " could not be rewritten: " + CodeString(rc));
-      t.error = true;
-      all_fixed = false;
+      Report("copy " + std::to_string(j) + " could not be rewritten: " + CodeString(rc));
+      outcome = ScrubOutcome::kError;
       continue;
     }
     // Read back what landed before calling it repaired.
-    rc = sbacc_l_hddget(p.sfd(), j, 0, c.raw, SBACC_HEADER_SIZE);
+    rc = sbacc_l_hddget(p_.sfd(), j, 0, c.raw, SBACC_HEADER_SIZE);
     if (rc == 0) sbacc_l_decode_header(c.raw, &c.hdr);
-    if (rc != 0 || Compare(p, src, src_data, c).any()) {
-      report("copy " + std::to_string(j) + " still differs after the rewrite");
-      t.found = true;
-      all_fixed = false;
+    if (rc != 0 || Compare(p_, src, src_data, c).any()) {
+      Report("copy " + std::to_string(j) + " still differs after the rewrite");
+      if (outcome != ScrubOutcome::kError) outcome = ScrubOutcome::kMismatch;
     } else {
-      report("copy " + std::to_string(j) + " rewritten from copy " + std::to_string(winner));
-      (*js)["rewritten"].push_back(j);
+      Report("copy " + std::to_string(j) + " rewritten from copy " + std::to_string(winner));
+      (*js_)["rewritten"].push_back(j);
     }
   }
-  if (all_fixed) {
-    ++t.repaired;
-    outcome("repaired");
+  t_.repaired += outcome == ScrubOutcome::kRepaired;
+  return outcome;
+}
+
+// Verifies one area: a first look that only counts; whatever it finds is
+// read again (under the lock for a repair) before anything is called a
+// mismatch.
+ScrubOutcome VerifyOne(const SBACC_FILE_LIST_ENTRY& e, const AreaOptions& o, Tally& t, Progress& progress,
+                       nlohmann::json* js) {
+  AreaProbe probe(e, o.repair ? O_RDWR : O_RDONLY);
+  Tally first;
+  AreaOptions look = o;
+  look.quiet = true;
+  nlohmann::json scratch;
+  const ScrubOutcome seen = AreaVerifier(probe, look, first, progress, &scratch).Run();
+  if (seen != ScrubOutcome::kMismatch || !o.repair) {
+    if (seen == ScrubOutcome::kMismatch) probe.Refresh();
+    return AreaVerifier(probe, o, t, progress, js).Run();
   }
+  // Compare and rewrite under the lock, so no other controller rebuilds the
+  // same copies meanwhile.
+  int rc = sbacc_ma_enter_repairlock(probe.sfd());
+  if (rc != 0) throw LibError(std::string(e.filename) + ": repair lock", rc);
+  probe.Refresh();
+  ScrubOutcome outcome;
+  try {
+    outcome = AreaVerifier(probe, o, t, progress, js).Run();
+  } catch (...) {
+    sbacc_ma_leave_repairlock(probe.sfd());
+    throw;
+  }
+  rc = sbacc_ma_leave_repairlock(probe.sfd());
+  if (rc != 0) throw LibError(std::string(e.filename) + ": releasing the repair lock", rc);
+  return outcome;
 }
 
 }  // namespace
@@ -457,56 +488,34 @@ int CmdVerify(const VerifyOptions& vo) {
     throw UsageError("--from goes with --repair and one AREA: it overrides the choice of copy for that area only");
   }
   // The repair lock is per controller; this is the byte it raises.
-  sbacc_cntno = vo.controller;
+  const int controller = ControllerNumber(vo.controller, vo.repair);
+  if (controller >= 0) sbacc_cntno = controller;
   Tally t;
   Progress progress("verify", selected.size());
-  nlohmann::json out = {{"areas", nlohmann::json::array()}};
+  nlohmann::json out = {{"version", kJsonVersion}, {"areas", nlohmann::json::array()}};
   AreaOptions o;
   o.repair = vo.repair;
   o.force = vo.force;
   o.from = vo.from;
   o.json = vo.json;
+  std::vector<std::pair<std::string, ScrubOutcome>> outcomes;
   for (const SBACC_FILE_LIST_ENTRY* e : selected) {
     progress.Step(e->filename);
     ++t.areas;
     nlohmann::json js = {{"name", e->filename}, {"report", nlohmann::json::array()},
                          {"differences", nlohmann::json::array()}, {"winner", nullptr}, {"reason", nullptr},
                          {"rewritten", nlohmann::json::array()}};
+    ScrubOutcome outcome = ScrubOutcome::kError;
     try {
-      AreaProbe probe(*e, vo.repair ? O_RDWR : O_RDONLY);
-      // A first look that only counts; whatever it finds is read again
-      // (under the lock for a repair) before anything is called a mismatch.
-      Tally first;
-      AreaOptions look = o;
-      look.quiet = true;
-      nlohmann::json scratch;
-      VerifyArea(probe, look, first, progress, &scratch);
-      if (first.mismatches == 0 || scratch["result"] == "skipped") {
-        VerifyArea(probe, o, t, progress, &js);
-      } else if (!vo.repair) {
-        probe.Refresh();
-        VerifyArea(probe, o, t, progress, &js);
-      } else {
-        // Compare and rewrite under the lock, so no other controller rebuilds
-        // the same copies meanwhile.
-        int rc = sbacc_ma_enter_repairlock(probe.sfd());
-        if (rc != 0) throw LibError(std::string(e->filename) + ": repair lock", rc);
-        probe.Refresh();
-        try {
-          VerifyArea(probe, o, t, progress, &js);
-        } catch (...) {
-          sbacc_ma_leave_repairlock(probe.sfd());
-          throw;
-        }
-        rc = sbacc_ma_leave_repairlock(probe.sfd());
-        if (rc != 0) throw LibError(std::string(e->filename) + ": releasing the repair lock", rc);
-      }
+      outcome = VerifyOne(*e, o, t, progress, &js);
     } catch (const LibError& err) {
       progress.Clear();
       fprintf(stderr, "sbacc: verify %s\n", err.what());
-      js["result"] = "error";
-      t.error = true;
     }
+    js["result"] = OutcomeName(outcome);
+    js["status"] = OutcomeStatus(outcome);
+    t.status = Graver(t.status, OutcomeStatus(outcome));
+    outcomes.push_back({e->filename, outcome});
     out["areas"].push_back(js);
   }
   progress.Clear();
@@ -517,16 +526,18 @@ int CmdVerify(const VerifyOptions& vo) {
   std::string summary = line;
   if (vo.repair) summary += ", " + std::to_string(t.repaired) + " repaired";
   if (t.skipped > 0) summary += ", " + std::to_string(t.skipped) + " skipped (in use)";
-  const int status = t.error ? kExitError : (t.found ? kExitFound : kExitOk);
-  KeepScrubRecord({t.areas, t.compared, t.mismatches, t.repaired, status});
+  summary += std::string(": ") + ExitName(t.status);
+  KeepScrubRecord(outcomes, controller);
   if (vo.json) {
     out["summary"] = summary;
-    out["ok"] = status == kExitOk;
+    out["status"] = t.status;
+    out["status_name"] = ExitName(t.status);
+    out["ok"] = t.status == kExitOk;
     printf("%s\n", out.dump(2).c_str());
   } else {
     printf("%s\n", summary.c_str());
   }
-  return status;
+  return t.status;
 }
 
 }  // namespace sbacc_tool

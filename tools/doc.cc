@@ -3,6 +3,7 @@
 // there shows up everywhere without another edit.
 #include "doc.h"
 
+#include <stdint.h>
 #include <stdio.h>
 
 #include <string>
@@ -23,11 +24,19 @@ struct Entry {
   const char* text;
 };
 
+// The same for every command; a command that finds several things exits
+// with the highest.
 const Entry kExitStatus[] = {
-    {"0", "done: nothing found wrong"},
-    {"1", "something found wrong: status, a copy not usable or an NV entry not initialised; "
-          "verify, copies that differ"},
-    {"2", "bad usage or a library error: the code is shown with its name and meaning"},
+    {"0", "healthy: done, nothing found wrong"},
+    {"1", "incomplete: something was skipped or not compared (verify: an area being written, a copy left out, "
+          "a single usable copy; status: an area the last scrub skipped)"},
+    {"2", "degraded: redundancy lost, the data readable (a copy fenced off, missing or blank, an area left open "
+          "by a writer that died, a write that did not finish; put and write: the write fenced a copy off; init "
+          "and restore: they leave such an area behind)"},
+    {"3", "unavailable: data unavailable or at risk (no usable copy, NV not initialised or unreadable, copies "
+          "that differ, found now or by the last scrub; init and restore: an area re-created empty)"},
+    {"4", "bad usage or a library error: the code is shown with its name and meaning (with --json also as a JSON "
+          "error object on standard output)"},
 };
 
 // Name, what it is, and the short form for --help (empty: not listed there).
@@ -39,8 +48,16 @@ struct EnvEntry {
 
 const EnvEntry kEnvironment[] = {
     {"SBACC_FILELIST", "The area list (default /etc/env_frmwkapi/filelist.ini).", "area list"},
+    {"SBACC_CONTROLLER",
+     "This controller's number (0-3) when --controller is not given; init, restore, repair-init and "
+     "verify --repair take a repair lock and refuse to run without one.",
+     "controller number"},
     {"SANFWCTL_NV_IMAGE", "NV memory image of the stand-in platform library (default /var/tmp/sanfwctl-nv.img).",
      "NV memory image"},
+    {"SANFWCTL_NV_SIZE", "Size of a new NV memory image of the stand-in (default 1 MiB).", ""},
+    {"SANFWCTL_MASTER", "The master controller's number the stand-in reports (default 0).", ""},
+    {"SANFWCTL_FAIL_READ, SANFWCTL_FAIL_WRITE, SANFWCTL_FAIL_STATUS",
+     "Stand-in fault injection, S:N: this process's calls S+1 to S+N of that kind fail (N = -1: all after S).", ""},
     {"MC_TRACE_FILE", "Library trace file; '-' is standard error, unset is nowhere.", "library trace"},
     {"MC_TRACE_DIR", "Directory of the per-thread trace files.", ""},
     {"MC_TRACE_LEVEL", "Trace level 1-5.", ""},
@@ -49,16 +66,51 @@ const EnvEntry kEnvironment[] = {
     {"SBACC_REPAIR_MAXRETRY", "Repair copy retries, 1-999 (default 3).", ""},
     {"SBACC_REPAIRLOCK_MAXRETRY", "Repair lock back-offs, 1-999 (default 3).", ""},
     {"SBACC_FENCE_MERGE", "1 (default): a handle only adds copies to the fenced set in NV; 0: writes its own view.", ""},
-    {"SBACC_SCRUB_RECORD",
-     "Where verify keeps the last scrub's result and status reads it (default /var/lib/sbacc/last-scrub, "
-     "kept only when its directory exists).",
-     "last scrub record"},
+    {"SBACC_RESTORE_RESYNC", "1 (default): the start-up resyncs copies a cut write may have left differing; 0: off.",
+     ""},
+    {"SBACC_ALLOC_TRACK", "1: the library's allocator tracks every block (a header, a running total, a trace line).",
+     ""},
+    {"SBACC_STATE_DIR",
+     "Where verify keeps the scrub record and monitor its last state, one file each per area list and NV image "
+     "(default /var/lib/sbacc, used only when it exists).",
+     "state directory"},
+    {"SBACC_MONITOR_HOOK", "Program monitor runs for every event, when --hook is not given.", ""},
+    {"SBACC_JOURNAL_SOCKET", "The journal's socket monitor sends events to (default /run/systemd/journal/socket; "
+     "syslog when there is none).", ""},
 };
 
 const Entry kFiles[] = {
     {"/etc/env_frmwkapi/filelist.ini", "The area list: name,address(hex),size(decimal),hdd-path[,hdd-path...]."},
-    {"/var/lib/sbacc/last-scrub", "The last verify's time, areas and mismatches."},
-    {"sbacc-scrub.timer", "Runs sbacc verify monthly through sbacc-scrub.service (not enabled by default)."},
+    {"/var/lib/sbacc/scrub-KEY.json", "The scrub record: per area, the last verify's time and result."},
+    {"/var/lib/sbacc/monitor-KEY.json", "The conditions monitor saw last."},
+    {"sbacc-scrub.timer", "Runs sbacc verify monthly through sbacc-scrub.service; a failed scrub raises the "
+     "scrub-failed event (sbacc-scrub-failed.service)."},
+    {"sbacc-monitor.service", "Runs sbacc monitor, a pass a minute."},
+    {"sbacc-metrics.timer", "Writes the metrics for the node exporter's textfile collector every minute."},
+};
+
+const char* const kJson[] = {
+    "Every --json document is one object with \"version\" (2), \"status\" (the exit status as a number), "
+    "\"status_name\" and \"ok\"; counts, sizes, masks and times are numbers, times in seconds since the epoch.",
+    "status: \"areas\" (per area: index, name, address, size, capacity, verdict, status, usable, flags [text, "
+    "problem, status], nv {readable, valid, hddcount, hddblockade, latesthdd, hddrepair, repairlock [4]}, copies "
+    "[copy, path, state, error, header {valid, filesize, hddblockade, openflag, opencnt, opentime, closetime, "
+    "write {flag, offset, size}}]), \"disks\", \"action\", \"summary\", \"last_scrub\".",
+    "verify: \"areas\" (name, result, status, report, differences, winner, reason, rewritten) and \"summary\"; "
+    "init and restore: \"controller\", \"call\", \"error\", \"areas\" (index, name, verdict, events, rebuilt, "
+    "fenced, data_lost) and \"summary\"; examine: \"image\" and \"headers\".",
+    "On failure: {\"version\", \"status\": 4, \"ok\": false, \"error\": {\"message\", \"usage\", "
+    "\"code\": {code, name, text}}}.",
+};
+
+const Entry kExamples[] = {
+    {"sbacc status -x", "Only what is wrong, with the one thing to do first; one line when all is well."},
+    {"sbacc status --json | jq '.areas[] | select(.status > 0) | .name'", "The areas with a problem."},
+    {"sbacc restore -c 1", "The start-up restore as controller 1; exit 0 only when every area is left healthy."},
+    {"sbacc verify envfw_backup0", "Scrub one area; the record keeps the other areas' last results."},
+    {"sbacc monitor --oneshot --hook /usr/local/sbin/page-oncall", "One pass of the monitor, run from a timer."},
+    {"sbacc metrics --textfile /var/lib/prometheus/node-exporter", "Metrics for the node exporter."},
+    {"sbacc examine /dev/sdb --offset 4096", "The header at byte 4096 of a disk taken out of a controller."},
 };
 
 bool Visible(const CLI::App* a) { return !a->get_group().empty(); }
@@ -176,6 +228,10 @@ void PrintManPage(const CLI::App& app) {
   for (const EnvEntry& e : kEnvironment) printf(".TP\n.B %s\n%s\n", e.name, Roff(e.text).c_str());
   printf(".SH FILES\n");
   for (const Entry& e : kFiles) printf(".TP\n.I %s\n%s\n", Roff(e.name).c_str(), Roff(e.text).c_str());
+  printf(".SH \"JSON OUTPUT\"\n");
+  for (const char* p : kJson) printf(".PP\n%s\n", Roff(p).c_str());
+  printf(".SH EXAMPLES\n");
+  for (const Entry& e : kExamples) printf(".TP\n.B %s\n%s\n", Roff(e.name).c_str(), Roff(e.text).c_str());
   printf(".SH \"SEE ALSO\"\n.BR sbacc (3)\n");
 }
 
@@ -193,29 +249,50 @@ void PrintMarkdown(const CLI::App& app) {
   }
 }
 
-// The words that may follow `words` on a command line: subcommands, options,
-// and the configured area names where an AREA goes.
+// The words that may follow `words` on a command line: subcommands and
+// options, and for the next argument what its kind allows: area names where
+// an AREA goes, nothing where a file, a number or an option's value goes (the
+// shell then offers file names).
 void PrintCompletion(const CLI::App& app, const std::vector<std::string>& words) {
   const CLI::App* at = &app;
+  size_t given = 0;          // positional arguments already there
+  bool value_next = false;   // the last word is an option that takes a value
   for (const std::string& w : words) {
-    for (const CLI::App* c : Commands(*at)) {
-      if (c->get_name() == w) {
-        at = c;
-        break;
-      }
+    const CLI::App* sub = nullptr;
+    for (const CLI::App* c : Commands(*at)) sub = c->get_name() == w ? c : sub;
+    if (sub != nullptr && given == 0 && !value_next) {
+      at = sub;
+      continue;
+    }
+    if (value_next) {
+      value_next = false;
+    } else if (w.size() > 1 && w[0] == '-') {
+      const CLI::Option* o = at->get_option_no_throw(w.substr(0, w.find('=')));
+      value_next = o != nullptr && o->get_items_expected_max() > 0 && w.find('=') == std::string::npos;
+    } else {
+      ++given;
     }
   }
+  if (value_next) return;
   for (const CLI::App* c : Commands(*at)) printf("%s\n", c->get_name().c_str());
   for (const CLI::Option* o : Options(*at, false)) {
     for (const std::string& l : o->get_lnames()) printf("--%s\n", l.c_str());
   }
+  const CLI::Option* next = nullptr;
+  size_t seen = 0;
   for (const CLI::Option* o : Options(*at, true)) {
-    if (o->get_name() != "AREA") continue;
-    try {
-      for (const SBACC_FILE_LIST_ENTRY& e : Areas()) printf("%s\n", e.filename);
-    } catch (const std::exception&) {
-      // No area list here: complete the rest.
+    const size_t takes = o->get_items_expected_max() > 1 ? SIZE_MAX : 1;
+    if (given < seen + takes) {
+      next = o;
+      break;
     }
+    seen += takes;
+  }
+  if (next == nullptr || next->get_name() != "AREA") return;
+  try {
+    for (const SBACC_FILE_LIST_ENTRY& e : Areas()) printf("%s\n", e.filename);
+  } catch (const std::exception&) {
+    // No area list here: complete the rest.
   }
 }
 
@@ -225,7 +302,7 @@ std::string HelpFooter() {
   std::string out = "Exit status:";
   for (const Entry& e : kExitStatus) {
     std::string t = e.text;
-    out += std::string(" ") + e.name + " " + t.substr(0, t.find(':')) + (e.name[0] == '2' ? "." : ",");
+    out += std::string(" ") + e.name + " " + t.substr(0, t.find(':')) + (&e == std::end(kExitStatus) - 1 ? "." : ",");
   }
   out += "\nEnvironment:";
   const char* sep = " ";
@@ -236,7 +313,8 @@ std::string HelpFooter() {
   }
   out +=
       ";\nthe library's retry and trace variables apply unchanged (man sbacc).\n"
-      "Live controller: status, ls, cat and dump only read; put, write and truncate write through the library\n"
+      "Live controller: status, ls, cat, dump, examine, monitor and metrics only read; put, write and truncate\n"
+      "write through the library\n"
       "like any writer; verify skips areas being written; init and restore refuse while another process holds\n"
       "the controller's files open; repair-init clears this controller's repair locks, so run it only when no\n"
       "repair of this controller is under way.\n"

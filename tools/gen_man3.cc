@@ -65,23 +65,25 @@ void Code(FILE* out, const std::vector<std::string>& lines) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  if (argc != 4) {
-    fprintf(stderr, "usage: %s sbacc.h VERSION sbacc.3\n", argv[0]);
-    return 2;
-  }
-  std::ifstream in(argv[1]);
-  if (!in) {
-    fprintf(stderr, "%s: cannot read %s\n", argv[0], argv[1]);
-    return 2;
-  }
-  std::vector<std::string> lines;
-  for (std::string l; std::getline(in, l);) lines.push_back(l);
+struct ErrorCode {
+  std::string name, value, text;
+};
 
-  std::vector<std::string> description, codes_intro, comment;
+// What sbacc.h declares, with the comments that describe it.
+struct Header {
+  std::vector<std::string> description, codes_intro;
   std::vector<Block> calls, types;
-  struct ErrorCode { std::string name, value, text; };
   std::vector<ErrorCode> codes;
+};
+
+Header Parse(const std::vector<std::string>& lines) {
+  Header h;
+  std::vector<std::string>& description = h.description;
+  std::vector<std::string>& codes_intro = h.codes_intro;
+  std::vector<Block>& calls = h.calls;
+  std::vector<Block>& types = h.types;
+  std::vector<ErrorCode>& codes = h.codes;
+  std::vector<std::string> comment;
   const std::regex code_re(R"(#define\s+(SBACC_(?:OK|E_\w+))\s+(\S+)\s*(?:/\*\s*(.*?)\s*\*/)?)");
   bool have_comment = false, first = true;
   Block* last = nullptr;  // where a following uncommented declaration belongs
@@ -141,13 +143,12 @@ int main(int argc, char** argv) {
     }
     have_comment = false;
   }
+  return h;
+}
 
-  FILE* out = fopen(argv[3], "w");
-  if (out == nullptr) {
-    fprintf(stderr, "%s: cannot write %s\n", argv[0], argv[3]);
-    return 2;
-  }
-  fprintf(out, ".TH SBACC 3 \"\" \"libsbacc %s\" \"Library Functions Manual\"\n.SH NAME\n", argv[2]);
+void Write(FILE* out, const Header& h, const char* version) {
+  const auto& [description, codes_intro, calls, types, codes] = h;
+  fprintf(out, ".TH SBACC 3 \"\" \"libsbacc %s\" \"Library Functions Manual\"\n.SH NAME\n", version);
   std::string names;
   for (const Block& b : calls) {
     for (const std::string& p : b.code) {
@@ -192,5 +193,26 @@ int main(int argc, char** argv) {
             Roff(c.text.empty() ? "success" : c.text).c_str());
   }
   fprintf(out, ".SH \"SEE ALSO\"\n.BR sbacc (1)\n");
+}
+
+int main(int argc, char** argv) {
+  if (argc != 4) {
+    fprintf(stderr, "usage: %s sbacc.h VERSION sbacc.3\n", argv[0]);
+    return 2;
+  }
+  std::ifstream in(argv[1]);
+  if (!in) {
+    fprintf(stderr, "%s: cannot read %s\n", argv[0], argv[1]);
+    return 2;
+  }
+  std::vector<std::string> lines;
+  for (std::string l; std::getline(in, l);) lines.push_back(l);
+  const Header h = Parse(lines);
+  FILE* out = fopen(argv[3], "w");
+  if (out == nullptr) {
+    fprintf(stderr, "%s: cannot write %s\n", argv[0], argv[3]);
+    return 2;
+  }
+  Write(out, h, argv[2]);
   return fclose(out) == 0 ? 0 : 2;
 }

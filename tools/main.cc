@@ -1,8 +1,8 @@
 // sbacc: look at and drive the mirrored data areas of a controller.
 //
-// Exit status: 0 done; 1 ran and found something wrong (status: a copy not
-// usable or NV not initialised; verify: copies that differ); 2 bad usage or
-// a library call failed.  Library codes are shown with their name and
+// Exit status, the same for every command (tool.h, sbacc(1)): 0 healthy,
+// 1 incomplete, 2 degraded, 3 data unavailable or at risk, 4 bad usage or a
+// library error.  Library codes are shown with their name and
 // meaning.  The library's environment (SBACC_FILELIST, SANFWCTL_NV_IMAGE,
 // MC_TRACE_FILE, MC_TRACE_DIR, the retry tunables) applies unchanged.
 #include <errno.h>
@@ -12,6 +12,8 @@
 #include <string.h>
 
 #include <CLI/CLI.hpp>
+
+#include <nlohmann/json.hpp>
 
 #include "doc.h"
 #include "tool.h"
@@ -61,172 +63,238 @@ int Fail(CLI::App* app, const std::string& message, bool usage) {
   return kExitError;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+// Everything the command line sets, and the commands it can name.
+struct Cli {
   CLI::App app{"Look at and drive the mirrored data areas of a controller.", "sbacc"};
-  app.footer(HelpFooter());
-  app.require_subcommand(1);
-  app.set_version_flag("--version", "sbacc 1.1.0");
-
   std::vector<std::string> areas;
   std::string area, file;
-  bool json = false;
-  int offset = 0, size = 0, controller = 0, copy = 0;
-  SimOptions sim_opts;
-  VerifyOptions vopts;
+  bool json = false, check = false, problems = false, force = false;
+  int offset = 0, size = 0, controller = -1, copy = 0;
+  std::vector<int64_t> offsets;
+  SimOptions sim;
+  VerifyOptions verify;
+  MonitorOptions monitor;
+  std::string textfile;
+  CLI::App *ls, *status, *cat, *put, *write, *truncate, *init, *restore, *repair_init, *dump, *verify_cmd, *hold,
+      *examine, *monitor_cmd, *metrics, *sim_create, *sim_pull, *sim_replace, *doc;
+};
 
-  CLI::App* ls = app.add_subcommand("ls", "List the configured areas: address, size, capacity and copies.");
-  bool check = false;
-  ls->add_flag("--check", check,
-               "Also report every area list line the library ignores and every area whose NV record it shifts "
-               "(exit status 1 when any)");
+constexpr const char* kControllerHelp = "This controller's number (0-3; default: SBACC_CONTROLLER)";
 
-  CLI::App* status = app.add_subcommand(
-      "status", "Show NV entries and each copy's state and header (changes nothing).");
-  status->add_option("AREA", areas, "Areas to show (default: all)");
-  status->add_flag("--json", json, "Machine-readable output (stable shape)");
-  bool problems = false;
-  status->add_flag("-x,--problems", problems, "Show only areas and disks that are not healthy");
-  status->footer(
+void AddLookCommands(Cli& c) {
+  c.ls = c.app.add_subcommand("ls", "List the configured areas: address, size, capacity and copies.");
+  c.ls->add_flag("--check", c.check,
+                 "Also report every area list line the library ignores and every area whose NV record it shifts "
+                 "(exit status 3 when any)");
+  c.status = c.app.add_subcommand("status", "Show NV entries and each copy's state and header (changes nothing).");
+  c.status->add_option("AREA", c.areas, "Areas to show (default: all)");
+  c.status->add_flag("--json", c.json, "Machine-readable output (stable shape, see JSON OUTPUT in sbacc(1))");
+  c.status->add_flag("-x,--problems", c.problems,
+                     "Show only the problem lines (one line when all is well)");
+  c.status->footer(
       "Ends with a summary per disk (HDD file), one 'action:' line and a one-line count.  Reads only; safe on a\n"
-      "live controller (an area being written may show copies mid-update).\n"
-      "Exit status 1 when any copy is not usable, an NV entry is not initialised, or an area was left open.");
+      "live controller (an area being written may show copies mid-update).  A mismatch the last scrub found, or\n"
+      "an area it skipped, counts as a problem until a verify of that area finds it clean.");
+  c.examine = c.app.add_subcommand("examine", "Read the area headers on one HDD image, without the area list or NV.");
+  c.examine->add_option("IMAGE", c.file, "HDD image file")->required();
+  c.examine->add_option("--offset", c.offsets, "Read a header at this byte offset (default: find them by magic)")
+      ->type_name("BYTES");
+  c.examine->add_flag("--json", c.json, "Machine-readable output");
+  c.dump = c.app.add_subcommand("dump", "Write the diagnostic hex dump of NV entries and HDD headers.");
+  c.dump->add_option("FILE", c.file, "Append the dump to this file; none or '-': standard output");
+}
 
-  CLI::App* cat = app.add_subcommand("cat", "Write an area's data to standard output.");
-  cat->add_option("AREA", area, "Area name")->required();
+void AddDataCommands(Cli& c) {
+  c.cat = c.app.add_subcommand("cat", "Write an area's data to standard output.");
+  c.cat->add_option("AREA", c.area, "Area name")->required();
+  c.put = c.app.add_subcommand("put", "Replace an area's data with a file (or standard input).");
+  c.put->add_option("AREA", c.area, "Area name")->required();
+  c.put->add_option("FILE", c.file, "Input file; '-' or none: standard input");
+  c.write = c.app.add_subcommand("write", "Write a file (or standard input) into an area at an offset.");
+  c.write->add_option("AREA", c.area, "Area name")->required();
+  c.write->add_option("OFFSET", c.offset, "Data offset in bytes")->required()->check(kByteCount);
+  c.write->add_option("FILE", c.file, "Input file; '-' or none: standard input");
+  c.truncate = c.app.add_subcommand("truncate", "Set an area's data size (zero-filled when it grows).");
+  c.truncate->add_option("AREA", c.area, "Area name")->required();
+  c.truncate->add_option("SIZE", c.size, "New size in bytes")->required()->check(kByteCount);
+  c.hold = c.app.add_subcommand("hold", "Open an area for writing and wait until killed, never closing it.");
+  c.hold->add_option("AREA", c.area, "Area name")->required();
+  c.hold->add_option("FILE", c.file, "Data to write at offset 0 first");
+  c.hold->footer(
+      "A writer that dies with its area open, for trying the start-up's repair (see scripts/demo.sh): kill it\n"
+      "with SIGKILL.  Prints one line when the area is open.  Never on a controller in service.");
+}
 
-  CLI::App* put = app.add_subcommand("put", "Replace an area's data with a file (or standard input).");
-  put->add_option("AREA", area, "Area name")->required();
-  put->add_option("FILE", file, "Input file; '-' or none: standard input");
-
-  CLI::App* write = app.add_subcommand("write", "Write a file (or standard input) into an area at an offset.");
-  write->add_option("AREA", area, "Area name")->required();
-  write->add_option("OFFSET", offset, "Data offset in bytes")->required()->check(kByteCount);
-  write->add_option("FILE", file, "Input file; '-' or none: standard input");
-
-  CLI::App* truncate = app.add_subcommand("truncate", "Set an area's data size (zero-filled when it grows).");
-  truncate->add_option("AREA", area, "Area name")->required();
-  truncate->add_option("SIZE", size, "New size in bytes")->required()->check(kByteCount);
-
+void AddServiceCommands(Cli& c) {
   constexpr const char* kStartupFooter =
       "Prints per area what the start-up did: clean, stale copies rebuilt, copies fenced off, data of the\n"
       "paired areas repaired (and from where), or re-created empty because no copy held a valid header.\n"
       "Live controller: refused while another process holds an HDD file or the NV image open, because the\n"
       "start-up rewrites headers and data under running writers; --force overrides.\n"
-      "Exit status 1 when an area lost its data or has no usable copy; 2 when refused or the call failed.";
-  bool force = false;
-  CLI::App* init = app.add_subcommand("init", "Start-up: restore every area, then rebuild every NV entry.");
-  init->add_option("--controller,-c", controller, "This controller's number (0-3)")->check(CLI::Range(0, 3));
-  init->add_flag("--force", force, "Run even while other processes hold the controller's files open");
-  init->add_flag("--json", json, "Machine-readable output");
-  init->footer(kStartupFooter);
+      "Exit status: what it leaves behind (2 an area with fewer usable copies, 3 an area without data).";
+  for (CLI::App** cmd : {&c.init, &c.restore}) {
+    const bool nv = cmd == &c.init;
+    *cmd = c.app.add_subcommand(nv ? "init" : "restore",
+                                nv ? "Start-up: restore every area, then rebuild every NV entry."
+                                   : "Start-up restore only: rebuild stale copies, repair the paired areas.");
+    (*cmd)->add_option("--controller,-c", c.controller, kControllerHelp)->check(CLI::Range(0, 3));
+    (*cmd)->add_flag("--force", c.force, "Run even while other processes hold the controller's files open");
+    (*cmd)->add_flag("--json", c.json, "Machine-readable output");
+    (*cmd)->footer(kStartupFooter);
+  }
+  c.repair_init = c.app.add_subcommand("repair-init", "Clear this controller's repair lock in every area.");
+  c.repair_init->add_option("--controller,-c", c.controller, kControllerHelp)->check(CLI::Range(0, 3));
 
-  CLI::App* restore = app.add_subcommand("restore", "Start-up restore only: rebuild stale copies, repair the paired areas.");
-  restore->add_option("--controller,-c", controller, "This controller's number (0-3)")->check(CLI::Range(0, 3));
-  restore->add_flag("--force", force, "Run even while other processes hold the controller's files open");
-  restore->add_flag("--json", json, "Machine-readable output");
-  restore->footer(kStartupFooter);
-
-  CLI::App* repair_init = app.add_subcommand("repair-init", "Clear this controller's repair lock in every area.");
-  repair_init->add_option("--controller,-c", controller, "This controller's number (0-3)")
-      ->required()
-      ->check(CLI::Range(0, 3));
-
-  CLI::App* dump = app.add_subcommand("dump", "Write the diagnostic hex dump of NV entries and HDD headers.");
-  dump->add_option("FILE", file, "Append the dump to this file; none or '-': standard output");
-
-  CLI::App* verify = app.add_subcommand(
-      "verify", "Compare the usable copies of each area byte for byte (data and whole header).");
-  verify->add_option("AREA", vopts.areas, "Areas to verify (default: all)");
-  verify->add_flag("--repair", vopts.repair,
-                   "Rewrite differing copies from the copy the headers or a majority show to be right, under the "
-                   "area's repair lock; refuse when nothing shows it");
-  CLI::Option* from = verify->add_option("--from", vopts.from, "With --repair and one AREA: take this copy as right")
-                          ->check(CLI::Range(0, SBACC_HDD_MAX - 1));
-  from->needs("--repair");
-  verify->add_flag("--force", vopts.force, "Verify (and repair) areas that another process is writing too");
-  verify->add_flag("--json", vopts.json, "Machine-readable output");
-  verify->add_option("--controller,-c", vopts.controller, "Controller number for the repair lock (0-3)")
-      ->check(CLI::Range(0, 3));
-  verify->footer(
+  c.verify_cmd = c.app.add_subcommand("verify", "Compare the usable copies of each area byte for byte (data and whole header).");
+  VerifyOptions& v = c.verify;
+  c.verify_cmd->add_option("AREA", v.areas, "Areas to verify (default: all)");
+  c.verify_cmd->add_flag("--repair", v.repair,
+                         "Rewrite differing copies from the copy the headers or a majority show to be right, under "
+                         "the area's repair lock; refuse when nothing shows it");
+  c.verify_cmd->add_option("--from", v.from, "With --repair and one AREA: take this copy as right")
+      ->check(CLI::Range(0, SBACC_HDD_MAX - 1))
+      ->needs("--repair");
+  c.verify_cmd->add_flag("--force", v.force, "Verify (and repair) areas that another process is writing too");
+  c.verify_cmd->add_flag("--json", v.json, "Machine-readable output");
+  c.verify_cmd->add_option("--controller,-c", v.controller, kControllerHelp)->check(CLI::Range(0, 3));
+  c.verify_cmd->footer(
       "Copies that differ are read twice before they count as a mismatch.  --repair takes a copy as right only\n"
       "when the headers show it (blockade words, close time, or for an area whose writer died the write-intent\n"
       "record and the size) or when a strict majority of three or more copies agree; otherwise it shows where\n"
       "the copies differ and rewrites nothing until --from names the copy.\n"
       "Live controller: areas another process is writing are skipped (--force to go on); the rest are read\n"
       "while in use, and a repair holds each area's repair lock while it rewrites.\n"
-      "Exit status 1 when copies differ (with --repair: when any still differs).");
+      "Each area's result goes into the scrub record; the areas not verified keep theirs.");
+}
 
-  // Opens an area for writing and waits to be killed: a writer that died
-  // with the area open, for demonstrations and tests.  Not in the help.
-  CLI::App* hold = app.add_subcommand("hold", "Open an area for writing and wait, never closing it.");
-  hold->group("");
-  hold->add_option("AREA", area, "Area name")->required();
-  hold->add_option("FILE", file, "Data to write at offset 0 first");
+void AddWatchCommands(Cli& c) {
+  c.monitor_cmd = c.app.add_subcommand("monitor", "Log an event for every change of the controller's state.");
+  MonitorOptions& m = c.monitor;
+  c.monitor_cmd->add_flag("--oneshot", m.oneshot, "One pass, then exit with the status's exit status (for a timer)");
+  c.monitor_cmd->add_option("--interval", m.interval, "Seconds between passes")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 86400))
+      ->type_name("SECONDS");
+  c.monitor_cmd->add_option("--hook", m.hook, "Program run for every event (default: SBACC_MONITOR_HOOK)")
+      ->type_name("PROGRAM");
+  c.monitor_cmd->add_option("--raise", m.raise, "Log this one event (as scrub-failed) and run the hook, then exit")
+      ->type_name("EVENT");
+  c.monitor_cmd->add_option("--message", m.message, "With --raise: the event's text")->type_name("TEXT");
+  c.monitor_cmd->footer(
+      "Events: copy-fenced, copy-unusable, area-unavailable, left-open, scrub-mismatch, scrub-incomplete, and\n"
+      "when one ends, rebuild-finished (a copy usable again) or the kind with -cleared.  Each goes to the journal\n"
+      "(native protocol, fields SBACC_EVENT, SBACC_AREA, SBACC_COPY, SBACC_DISK, SBACC_STATUS) or, without a\n"
+      "journal, to syslog; the hook gets the same fields in its environment and the event as JSON on standard\n"
+      "input.  The last state seen is kept in the state directory, so a restart reports only what changed.");
+  c.metrics = c.app.add_subcommand("metrics", "Write node-exporter textfile metrics of every area and disk.");
+  c.metrics->add_option("--textfile", c.textfile,
+                        "Directory to write sbacc.prom into, atomically (default: standard output)")
+      ->type_name("DIR");
+}
 
-  CLI::App* sim = app.add_subcommand("sim", "A simulated controller in a directory, to try things on.");
+void AddSimCommands(Cli& c) {
+  CLI::App* sim = c.app.add_subcommand("sim", "A simulated controller in a directory, to try things on.");
   sim->require_subcommand(1);
-  CLI::App* sim_create = sim->add_subcommand(
+  c.sim_create = sim->add_subcommand(
       "create", "Create HDD images, an area list (the seven known areas and N more), an NV image and log/.");
-  sim_create->add_option("DIR", sim_opts.dir, "Directory (created if missing)")->required();
-  sim_create->add_option("--copies,-k", sim_opts.copies, "HDD copies of every area (1-8)")->capture_default_str()->check(CLI::Range(1, 8));
-  sim_create->add_option("--areas,-n", sim_opts.areas, "Areas beyond the seven known ones")->capture_default_str()
+  c.sim_create->add_option("DIR", c.sim.dir, "Directory (created if missing)")->required();
+  c.sim_create->add_option("--copies,-k", c.sim.copies, "HDD copies of every area (1-8)")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 8));
+  c.sim_create->add_option("--areas,-n", c.sim.areas, "Areas beyond the seven known ones")
+      ->capture_default_str()
       ->check(CLI::Range(0, 1000));
-  sim_create->add_option("--size", sim_opts.size, "Bytes per area, header included")->capture_default_str()
+  c.sim_create->add_option("--size", c.sim.size, "Bytes per area, header included")
+      ->capture_default_str()
       ->check(CLI::Range(static_cast<int64_t>(256), static_cast<int64_t>(64) << 20));
-  sim_create->footer("Prints export lines for the environment (also saved in DIR/env.sh).");
-  CLI::App* sim_pull = sim->add_subcommand("pull", "Pull a disk: every access to copy COPY fails from now on.");
-  sim_pull->add_option("DIR", file, "Simulated controller directory")->required();
-  sim_pull->add_option("COPY", copy, "Copy (disk) number")->required()->check(kByteCount);
-  CLI::App* sim_replace = sim->add_subcommand("replace", "Put a new, empty disk in copy COPY's place.");
-  sim_replace->add_option("DIR", file, "Simulated controller directory")->required();
-  sim_replace->add_option("COPY", copy, "Copy (disk) number")->required()->check(kByteCount);
+  c.sim_create->footer("Prints export lines for the environment (also saved in DIR/env.sh).");
+  c.sim_pull = sim->add_subcommand("pull", "Pull a disk: every access to copy COPY fails from now on.");
+  c.sim_pull->add_option("DIR", c.file, "Simulated controller directory")->required();
+  c.sim_pull->add_option("COPY", c.copy, "Copy (disk) number")->required()->check(kByteCount);
+  c.sim_replace = sim->add_subcommand("replace", "Put a new, empty disk in copy COPY's place.");
+  c.sim_replace->add_option("DIR", c.file, "Simulated controller directory")->required();
+  c.sim_replace->add_option("COPY", c.copy, "Copy (disk) number")->required()->check(kByteCount);
+}
 
-  CLI::App* doc = AddDocCommand(app);
+int Dispatch(Cli& c) {
+  if (*c.ls) return CmdLs(c.check);
+  if (*c.status) return CmdStatus(c.areas, c.json, c.problems);
+  if (*c.examine) return CmdExamine(c.file, c.offsets, c.json);
+  if (*c.cat) return CmdCat(c.area);
+  if (*c.put) return CmdPut(c.area, c.file);
+  if (*c.write) return CmdWrite(c.area, c.offset, c.file);
+  if (*c.truncate) return CmdTruncate(c.area, c.size);
+  if (*c.init) return CmdStartup(true, c.controller, c.force, c.json);
+  if (*c.restore) return CmdStartup(false, c.controller, c.force, c.json);
+  if (*c.repair_init) return CmdRepairInit(c.controller);
+  if (*c.dump) return CmdDump(c.file);
+  if (*c.verify_cmd) return CmdVerify(c.verify);
+  if (*c.hold) return CmdHold(c.area, c.file);
+  if (*c.monitor_cmd) return CmdMonitor(c.monitor);
+  if (*c.metrics) return CmdMetrics(c.textfile);
+  if (*c.sim_create) return CmdSimCreate(c.sim);
+  if (*c.sim_pull) return CmdSimPull(c.file, c.copy);
+  if (*c.sim_replace) return CmdSimReplace(c.file, c.copy);
+  if (*c.doc) return CmdDoc(c.app, *c.doc);
+  throw UsageError("nothing to do");
+}
+
+// A failure: one line on standard error, and with --json a JSON error object
+// on standard output, so a script reading it always gets a document.
+int Failure(CLI::App* where, const std::string& message, bool usage, int code) {
+  const CLI::Option* json = where->get_option_no_throw("--json");
+  if (json != nullptr && json->count() > 0) {
+    nlohmann::json err = {{"version", kJsonVersion},
+                          {"status", kExitError},
+                          {"status_name", ExitName(kExitError)},
+                          {"ok", false},
+                          {"error", {{"message", message}, {"usage", usage}}}};
+    if (code != 0) err["error"]["code"] = {{"code", code}, {"name", sbacc_code_name(code)}, {"text", sbacc_code_text(code)}};
+    printf("%s\n", err.dump(2).c_str());
+  }
+  return Fail(where, message, usage);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Cli c;
+  c.app.footer(HelpFooter());
+  c.app.require_subcommand(1);
+  c.app.set_version_flag("--version", std::string("sbacc ") + SBACC_VERSION);
+  AddLookCommands(c);
+  AddDataCommands(c);
+  AddServiceCommands(c);
+  AddWatchCommands(c);
+  AddSimCommands(c);
+  c.doc = AddDocCommand(c.app);
 
   try {
-    app.parse(argc, argv);
+    c.app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
-    return app.exit(e);
+    return c.app.exit(e);
   } catch (const CLI::CallForAllHelp& e) {
-    return app.exit(e);
+    return c.app.exit(e);
   } catch (const CLI::CallForVersion& e) {
-    return app.exit(e);
+    return c.app.exit(e);
   } catch (const CLI::ParseError& e) {
     int depth = 0;
-    CLI::App* where = Innermost(&app, &depth);
+    CLI::App* where = Innermost(&c.app, &depth);
     // A word where a subcommand belongs that names none.
     if (!where->get_subcommands({}).empty() && argc > depth + 1 && argv[depth + 1][0] != '-') {
       return Fail(where, std::string("unknown command '") + argv[depth + 1] + "'", true);
     }
-    return Fail(where, e.what(), true);
+    return Failure(where, e.what(), true, 0);
   }
 
-  CLI::App* where = Innermost(&app);
+  CLI::App* where = Innermost(&c.app);
   try {
-    if (*ls) return CmdLs(check);
-    if (*status) return CmdStatus(areas, json, problems);
-    if (*cat) return CmdCat(area);
-    if (*put) return CmdPut(area, file);
-    if (*write) return CmdWrite(area, offset, file);
-    if (*truncate) return CmdTruncate(area, size);
-    if (*init) return CmdStartup(true, controller, force, json);
-    if (*restore) return CmdStartup(false, controller, force, json);
-    if (*repair_init) return CmdRepairInit(controller);
-    if (*dump) return CmdDump(file);
-    if (*verify) return CmdVerify(vopts);
-    if (*hold) return CmdHold(area, file);
-    if (*sim_create) return CmdSimCreate(sim_opts);
-    if (*sim_pull) return CmdSimPull(file, copy);
-    if (*sim_replace) return CmdSimReplace(file, copy);
-    if (*doc) return CmdDoc(app, *doc);
+    return Dispatch(c);
   } catch (const UsageError& e) {
-    return Fail(where, e.what(), true);
+    return Failure(where, e.what(), true, 0);
   } catch (const LibError& e) {
-    return Fail(where, e.what(), false);
+    return Failure(where, e.what(), false, e.code());
   } catch (const std::exception& e) {
-    return Fail(where, e.what(), false);
+    return Failure(where, e.what(), false, 0);
   }
-  return Fail(where, "nothing to do", true);
 }

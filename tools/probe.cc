@@ -13,6 +13,7 @@
 #include <set>
 #include <utility>
 
+#include "sanfwctl.h"
 #include "sbacc_env.h"
 #include "sbacc_l.h"
 #include "sbacc_ma.h"
@@ -111,6 +112,28 @@ void AreaProbe::Refresh() {
   }
 }
 
+int LatestCopy(AreaProbe& p, const std::vector<int>& candidates, uint32_t* rejected) {
+  SBACC_FILE_DISCRIPTER scratch = *p.sfd();
+  SBACC_HDD_HEADER headers[SBACC_HDD_MAX];
+  memset(headers, 0, sizeof headers);
+  for (int& fd : scratch.fd) fd = -1;
+  for (int j : candidates) {
+    scratch.fd[j] = dup(p.sfd()->fd[j]);
+    headers[j] = p.copies[static_cast<size_t>(j)].hdr;
+  }
+  int latest = candidates.front();
+  sbacc_ma_detect_hdd(&scratch, headers, &latest);
+  if (rejected != nullptr) *rejected = 0;
+  for (int j : candidates) {
+    if (scratch.fd[j] >= 0) {
+      close(scratch.fd[j]);
+    } else if (rejected != nullptr) {
+      *rejected |= 1u << j;
+    }
+  }
+  return latest;
+}
+
 namespace {
 
 struct Field {
@@ -142,10 +165,7 @@ std::vector<std::string> HeaderFieldsDiffering(const uint8_t* a, const uint8_t* 
 
 // ---- Other processes on the controller ------------------------------------------
 
-std::string NvImagePath() {
-  const char* img = getenv("SANFWCTL_NV_IMAGE");
-  return img != nullptr && *img != '\0' ? img : "/var/tmp/sanfwctl-nv.img";
-}
+std::string NvImagePath() { return sanfwctl_nv_image(); }
 
 std::vector<std::string> ControllerFiles() {
   std::set<std::string> paths;

@@ -1,33 +1,57 @@
-// The last scrub's result, kept by sbacc verify for sbacc status.
+// The scrub record, kept by sbacc verify for status, monitor and metrics.
 #ifndef SBACC_TOOL_SCRUB_H
 #define SBACC_TOOL_SCRUB_H
 
 #include <stdint.h>
 
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
 namespace sbacc_tool {
 
-struct ScrubResult {
-  int areas = 0;       // areas verified
-  int compared = 0;    // copies compared with their area's reference copy
-  int mismatches = 0;  // copies that differed
-  int repaired = 0;    // of those, rewritten (verify --repair)
-  int status = 0;      // verify's exit status
+// What a verify made of one area.
+enum class ScrubOutcome {
+  kOk,           // every usable copy compared, all agree
+  kRepaired,     // copies differed and were rewritten
+  kPartial,      // compared, but some copies were not usable and left out
+  kNotCompared,  // fewer than two usable copies
+  kSkipped,      // being written by a live writer
+  kMismatch,     // copies differ (and were not repaired)
+  kNoCopy,       // no usable copy
+  kError,        // a library call failed
 };
+const char* OutcomeName(ScrubOutcome o);
+// The exit status an outcome stands for.
+int OutcomeStatus(ScrubOutcome o);
 
-// Keeps the result with the current time, replacing the previous one in one
-// rename.  Kept when SBACC_SCRUB_RECORD names a file, or by default when
-// /var/lib/sbacc exists; a record that cannot be written is reported on
-// standard error and changes nothing else.
-void KeepScrubRecord(const ScrubResult& r);
+// The directory of the tool's state (scrub record, monitor state):
+// SBACC_STATE_DIR, or /var/lib/sbacc when it exists; empty when neither.
+std::string StateDir();
+// A file of the state directory for this controller: NAME-<key>.json, the key
+// a digest of the area list's and the NV image's paths, so controllers (each
+// with its own NV memory) and configurations never share one.  Empty when
+// there is no state directory.
+std::string StatePath(const std::string& name);
+// Replaces a state file whole (aside, flushed, renamed): false with errno set.
+bool ReplaceFile(const std::string& path, const std::string& text);
 
-// The last record: null when there is none; {"error": s} when it cannot be read.
+// Merges one verify's outcomes into the record: the areas verified get new
+// entries, the others keep theirs.  Under a lock on the record, so two
+// verifies never lose each other's entries.  A record that cannot be written
+// is reported on standard error and changes nothing else.
+void KeepScrubRecord(const std::vector<std::pair<std::string, ScrubOutcome>>& outcomes, int controller);
+
+// The record: null when there is none; {"error": s} when it cannot be read;
+// else {"version", "time", "controller", "area_list", "nv_image",
+// "areas": {NAME: {"time": n, "result": s}}}.
 nlohmann::json LastScrub();
-// "last scrub: 2026-11-01 03:12:09, 8 areas, 0 mismatches, exit 0"; empty when there is none.
-std::string LastScrubLine();
+// The recorded result of one area ("" when none) and its time.
+std::string ScrubResultOf(const nlohmann::json& record, const std::string& area, int64_t* time);
+// "last scrub: 2026-11-01 03:12:09, 8 areas: 7 ok, 1 mismatch"; empty when there is none.
+std::string LastScrubLine(const nlohmann::json& record);
 
 }  // namespace sbacc_tool
 

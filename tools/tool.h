@@ -14,12 +14,26 @@
 
 namespace sbacc_tool {
 
-// Exit statuses of every subcommand.
+// Exit statuses of every subcommand, in rising order of gravity: a command
+// that finds several things exits with the gravest.
 enum ExitStatus {
-  kExitOk = 0,       // done, nothing wrong
-  kExitFound = 1,    // ran, and found something wrong (fenced copy, mismatch, ...)
-  kExitError = 2,    // bad usage, or a library call failed
+  kExitOk = 0,           // healthy: done, nothing wrong
+  kExitIncomplete = 1,   // something was skipped or not compared
+  kExitDegraded = 2,     // redundancy lost, the data still readable
+  kExitUnavailable = 3,  // data unavailable or at risk (no usable copy, copies that differ)
+  kExitError = 4,        // bad usage, or a library call failed
 };
+inline int Graver(int a, int b) { return a > b ? a : b; }
+// "healthy", "incomplete", "degraded", "unavailable", "error"
+const char* ExitName(int status);
+
+// The version of every --json document's shape ("version" field).
+constexpr int kJsonVersion = 2;
+
+// This controller's number: `given` (an option, -1 when absent), else
+// SBACC_CONTROLLER; a command that takes a lock needs one and gets a
+// UsageError without it, the others get -1.
+int ControllerNumber(int given, bool needed);
 
 // Bad input: reported in one line with the subcommand's usage, exit 2,
 // before anything has been written.
@@ -131,6 +145,12 @@ class AreaProbe {
   SBACC_FILE_DISCRIPTER* sfd_ = nullptr;
 };
 
+// The copy an open takes as latest among `candidates` (usable copies with a
+// valid header, lowest first): the library's own rule, run on duplicates of
+// the descriptors because it closes the copies it rejects; those go to
+// *rejected (bit per copy) when asked for.
+int LatestCopy(AreaProbe& p, const std::vector<int>& candidates, uint32_t* rejected);
+
 // Header field names covering byte range [off, off+len) of a header, for
 // reports of what differs.
 std::vector<std::string> HeaderFieldsDiffering(const uint8_t* a, const uint8_t* b);
@@ -142,7 +162,7 @@ struct FileUser {
   std::string command;
   std::string path;
 };
-// SANFWCTL_NV_IMAGE, or the stand-in's default.
+// The NV image, as the platform library is configured.
 std::string NvImagePath();
 // Every HDD file of the area list, and the NV image.
 std::vector<std::string> ControllerFiles();
@@ -168,13 +188,23 @@ std::vector<std::string> AreaListProblems();
 // One line on standard error when the list has problems.
 void WarnAreaList();
 int CmdStatus(const std::vector<std::string>& areas, bool json, bool problems_only);
+int CmdExamine(const std::string& image, const std::vector<int64_t>& offsets, bool json);
+struct MonitorOptions {
+  bool oneshot = false;
+  int interval = 60;      // seconds between passes of the loop
+  std::string hook;       // program run per event; empty: SBACC_MONITOR_HOOK
+  std::string raise;      // log this one event and stop
+  std::string message;    // its text
+};
+int CmdMonitor(const MonitorOptions& o);
+int CmdMetrics(const std::string& textfile_dir);
 struct VerifyOptions {
   std::vector<std::string> areas;
   bool repair = false;
   bool force = false;  // verify areas that are being written too
   bool json = false;
   int from = -1;       // with --repair: the copy taken as right
-  int controller = 0;
+  int controller = -1;
 };
 int CmdVerify(const VerifyOptions& o);
 int CmdCat(const std::string& area);

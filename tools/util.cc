@@ -1,6 +1,7 @@
 // Shared helpers of the tool: error reporting, the area list, times, input
 // files, progress on a terminal.
 #include <errno.h>
+#include <stdlib.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
@@ -21,6 +22,32 @@ namespace sbacc_tool {
 
 LibError::LibError(const std::string& what, int code)
     : std::runtime_error(what + ": " + CodeString(code)), code_(code) {}
+
+const char* ExitName(int status) {
+  switch (status) {
+    case kExitOk: return "healthy";
+    case kExitIncomplete: return "incomplete";
+    case kExitDegraded: return "degraded";
+    case kExitUnavailable: return "unavailable";
+    default: return "error";
+  }
+}
+
+int ControllerNumber(int given, bool needed) {
+  if (given >= 0) return given;
+  const char* env = getenv("SBACC_CONTROLLER");
+  if (env != nullptr && *env != '\0') {
+    char* end = nullptr;
+    const long v = strtol(env, &end, 10);
+    if (*end != '\0' || v < 0 || v > 3) {
+      throw UsageError(std::string("SBACC_CONTROLLER='") + env + "' is not a controller number (0-3)");
+    }
+    return static_cast<int>(v);
+  }
+  // A wrong guess takes another controller's byte of the repair lock.
+  if (needed) throw UsageError("which controller is this? give --controller or set SBACC_CONTROLLER (0-3)");
+  return -1;
+}
 
 std::string CodeString(int code) {
   return std::string(sbacc_code_name(code)) + " (" + std::to_string(code) + "): " +
