@@ -55,50 +55,21 @@ uint64_t Digest(SBACC_FILE_DISCRIPTER* sfd, int j, const SBACC_HDD_HEADER& h, in
   return d;
 }
 
-// The start-up's own choice over the headers (the restore's rule, which the
-// library keeps apart from the open's; there is no one function to call): a
-// copy whose header fences off itself loses to one that does not; with the
-// same blockade word the later close wins; otherwise the word with more
-// copies fenced off wins (at a tie the later close), and the loser is stale;
-// copies the source's word names, and copies without a valid header, are
-// stale too.
+// The start-up's own choice over the headers: the library's latest-copy
+// rule, the one its open and restore apply.
 void Classify(AreaSnap* s) {
-  for (size_t i = 0; i < s->copies.size(); ++i) {
-    const CopySnap& c = s->copies[i];
-    const uint32_t bit = 1u << i;
-    if (!c.readable) continue;
-    if (!c.valid) {
-      s->stale |= bit;
-      continue;
-    }
-    if (s->source < 0) {
-      s->source = static_cast<int>(i);
-      continue;
-    }
-    const SBACC_HDD_HEADER& src = s->copies[static_cast<size_t>(s->source)].hdr;
-    const bool src_own = ((src.hddblockade >> s->source) & 1u) != 0;
-    const bool c_own = ((c.hdr.hddblockade >> i) & 1u) != 0;
-    if (src_own != c_own) {
-      s->stale |= src_own ? 1u << s->source : bit;
-      if (src_own) s->source = static_cast<int>(i);
-      continue;
-    }
-    const int cs = sbacc_l_bitcount(static_cast<int>(src.hddblockade));
-    const int ch = sbacc_l_bitcount(static_cast<int>(c.hdr.hddblockade));
-    if (src.hddblockade == c.hdr.hddblockade) {
-      if (c.hdr.closetime > src.closetime) s->source = static_cast<int>(i);
-    } else if (cs > ch || (cs == ch && c.hdr.closetime <= src.closetime)) {
-      s->stale |= bit;
-    } else {
-      s->stale |= 1u << s->source;
-      s->source = static_cast<int>(i);
-    }
+  SBACC_HDD_HEADER headers[SBACC_HDD_MAX] = {};
+  uint32_t read = 0;
+  const int n = static_cast<int>(std::min<size_t>(s->copies.size(), SBACC_HDD_MAX));
+  for (int i = 0; i < n; ++i) {
+    if (!s->copies[static_cast<size_t>(i)].readable) continue;
+    headers[i] = s->copies[static_cast<size_t>(i)].hdr;
+    read |= 1u << i;
   }
-  if (s->source < 0) return;
-  const uint32_t named = s->copies[static_cast<size_t>(s->source)].hdr.hddblockade;
-  for (size_t i = 0; i < s->copies.size(); ++i) {
-    if (s->copies[i].readable && (named & (1u << i)) != 0) s->stale |= 1u << i;
-  }
+  SBACC_COPY_VERDICT v;
+  sbacc_ma_classify(headers, n, read, SBACC_CLASSIFY_SILENT, "", &v);
+  s->source = v.src;
+  s->stale = v.stale;
 }
 
 AreaSnap Snapshot(const SBACC_FILE_LIST_ENTRY& e) {

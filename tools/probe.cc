@@ -17,6 +17,7 @@
 #include "sbacc_env.h"
 #include "sbacc_l.h"
 #include "sbacc_ma.h"
+#include "sbacc_tool_iface.h"
 #include "tool.h"
 
 namespace sbacc_tool {
@@ -113,25 +114,16 @@ void AreaProbe::Refresh() {
 }
 
 int LatestCopy(AreaProbe& p, const std::vector<int>& candidates, uint32_t* rejected) {
-  SBACC_FILE_DISCRIPTER scratch = *p.sfd();
-  SBACC_HDD_HEADER headers[SBACC_HDD_MAX];
-  memset(headers, 0, sizeof headers);
-  for (int& fd : scratch.fd) fd = -1;
+  SBACC_HDD_HEADER headers[SBACC_HDD_MAX] = {};
+  uint32_t read = 0;
   for (int j : candidates) {
-    scratch.fd[j] = dup(p.sfd()->fd[j]);
     headers[j] = p.copies[static_cast<size_t>(j)].hdr;
+    read |= 1u << j;
   }
-  int latest = candidates.front();
-  sbacc_ma_detect_hdd(&scratch, headers, &latest);
-  if (rejected != nullptr) *rejected = 0;
-  for (int j : candidates) {
-    if (scratch.fd[j] >= 0) {
-      close(scratch.fd[j]);
-    } else if (rejected != nullptr) {
-      *rejected |= 1u << j;
-    }
-  }
-  return latest;
+  SBACC_COPY_VERDICT v;
+  sbacc_ma_classify(headers, SBACC_HDD_MAX, read, SBACC_CLASSIFY_SILENT, "", &v);
+  if (rejected != nullptr) *rejected = v.stale & read;
+  return v.src >= 0 ? v.src : candidates.front();
 }
 
 namespace {
