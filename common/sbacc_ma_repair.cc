@@ -46,8 +46,10 @@ class RepairLockGuard {
 
 // Caller holds g_repair_mutex.
 int MemsetHddrepairLocked(SBACC_FILE_DISCRIPTER* sfd, int hdd, boolean_t flag) {
+  int rc = sbacc_ma_repairlock_check(sfd);
+  if (rc != 0) return rc;
   uint8_t mask = 0;
-  int rc = sbacc_memget_hddrepair(sfd, &mask);
+  rc = sbacc_memget_hddrepair(sfd, &mask);
   if (rc != 0) {
     SBACC_TRACE(kTraceError, "[sbacc_ma_memset_hddrepair] sbacc_memget_hddrepair error. retcode=%d", rc);
     return rc;
@@ -66,6 +68,8 @@ int MemsetHddrepairLocked(SBACC_FILE_DISCRIPTER* sfd, int hdd, boolean_t flag) {
 // up to SBACC_REPAIR_MAXRETRY immediate repeats.  Every copy in this file
 // moves raw bytes, so the destination ends up byte-for-byte the source.
 int CopyRange(SBACC_FILE_DISCRIPTER* sfd, int src, int dst, int offset, uint8_t* buf, int len, bool header) {
+  const int held = sbacc_ma_repairlock_check(sfd);
+  if (held != 0) return held;
   int failures = 0;
   for (;;) {
     int rc = sbacc_l_hddget(sfd, src, offset, buf, len);
@@ -130,7 +134,9 @@ int CopyAll(SBACC_FILE_DISCRIPTER* sfd, int src, int dst, uint8_t* buf) {
 int UnfenceLocked(SBACC_FILE_DISCRIPTER* sfd, int dst) {
   const uint32_t bit = 1u << dst;
   uint32_t word = 0;
-  int rc = sbacc_ma_hddget_hddblockade(sfd, &word);
+  int rc = sbacc_ma_repairlock_check(sfd);
+  if (rc != 0) return rc;
+  rc = sbacc_ma_hddget_hddblockade(sfd, &word);
   if (rc != 0) {
     SBACC_TRACE(kTraceError, "[sbacc_ma_hddrepair_copy] sbacc_ma_hddget_hddblockade error. retcode=%d", rc);
     return rc;

@@ -204,6 +204,8 @@ int RepairLocked(SBACC_FILE_DISCRIPTER* sfd, SBACC_DATA_REPAIR* rec, uint32_t* b
     for (int i = 0; i < hddcount; ++i) {
       if (sfd->fd[i] == -1) continue;
       SBACC_TRACE(kTraceFlow, "[repair_for_restore] sbacc_l_hddini_header HDD[%d] filename=%s", i, name);
+      rc = sbacc_ma_repairlock_check(sfd);
+      if (rc != 0) return rc;
       rc = sbacc_l_hddini_header(sfd, i, 0);
       if (rc != 0) {
         SBACC_TRACE(kTraceError, "[repair_for_restore] sbacc_l_hddini_header error. retcode=%d HDD[%d] filename=%s", rc,
@@ -262,11 +264,15 @@ int RepairLocked(SBACC_FILE_DISCRIPTER* sfd, SBACC_DATA_REPAIR* rec, uint32_t* b
     if (rc != 0) return stop(rc);
   }
   const uint32_t recorded = blockade | stale;
+  rc = sbacc_ma_repairlock_check(sfd);
+  if (rc != 0) return stop(rc);
   rc = sbacc_memset_hddblockade(sfd, recorded);
   if (rc != 0) {
     SBACC_TRACE(kTraceError, "[repair_for_restore] sbacc_memset_hddblockade error. retcode=%d", rc);
     return stop(rc);
   }
+  rc = sbacc_ma_repairlock_check(sfd);
+  if (rc != 0) return stop(rc);
   rc = sbacc_ma_hddset_hddblockade(sfd, recorded);
   if (rc != 0) {
     SBACC_TRACE(kTraceError, "[repair_for_restore] sbacc_ma_hddset_hddblockade error. retcode=%d", rc);
@@ -289,6 +295,8 @@ int RepairLocked(SBACC_FILE_DISCRIPTER* sfd, SBACC_DATA_REPAIR* rec, uint32_t* b
   sbacc::TimeText(latest.opentime, when);
   SBACC_TRACE(kTraceFlow, "[repair_for_restore] set open info. openflag=ON opencnt=%d opentime(%s)", latest.opencnt,
               when);
+  rc = sbacc_ma_repairlock_check(sfd);
+  if (rc != 0) return stop(rc);
   rc = sbacc_ma_hddset_openinfo(sfd, &latest);
   if (rc != 0) {
     SBACC_TRACE(kTraceError, "[repair_for_restore] sbacc_ma_hddset_openinfo error. retcode=%d filename=%s", rc, name);
@@ -308,6 +316,8 @@ int RepairLocked(SBACC_FILE_DISCRIPTER* sfd, SBACC_DATA_REPAIR* rec, uint32_t* b
 
   SBACC_TRACE(kTraceFlow, "[repair_for_restore] hdd repair exec. src_hdd=%d repair=0x%x hddblockade hdd=0x%x filename=%s",
               src, repair, blockade, name);
+  SBACC_TRACE(kTraceMilestone, "[repair_for_restore] rebuild %s 0x%x from HDD[%d]: repaired by controller %d", name,
+              stale, src, sbacc_cntno);
   RebuildCopies(sfd, src, repair);
   // A rebuild that never got going (source fenced off, no buffer) leaves the
   // mark set above; none may outlive the repair.  Rebuilt copies are already
@@ -371,9 +381,18 @@ int sbacc_ma_repair_for_restore(int index) {
   } else {
     uint32_t blockade = 0;
     rc = RepairLocked(sfd, rec, &blockade);
-    RecordBlockade(sfd, blockade);
+    // Still held: the mask and the close stamp go down before the lock is
+    // released, so the next holder finds the area closed.  Lost: nothing
+    // more is written, as when the lock could not be taken.
+    const int held = sbacc_ma_repairlock_check(sfd);
+    if (held == 0) {
+      RecordBlockade(sfd, blockade);
+      (void)sbacc_ma_close(sfd);
+    } else {
+      rc = held;
+      for (int i = 0; i < SBACC_HDD_MAX; ++i) sbacc_ma_close_hdd(sfd, i);
+    }
     (void)sbacc_ma_leave_repairlock(sfd);
-    (void)sbacc_ma_close(sfd);
   }
   sbacc_ma_free_sfd(sfd);
   SBACC_TRACE(kTraceFlow, "[repair_for_restore] [LEAVE] %d", rc);

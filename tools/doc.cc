@@ -47,7 +47,12 @@ const EnvEntry kEnvironment[] = {
     {"SBACC_MEMSET_MAXRETRY", "NV write retries, 1-999 (default 5).", ""},
     {"SBACC_MEMGET_MAXRETRY", "NV read retries, 1-999 (default 5).", ""},
     {"SBACC_REPAIR_MAXRETRY", "Repair copy retries, 1-999 (default 3).", ""},
-    {"SBACC_REPAIRLOCK_MAXRETRY", "Repair lock back-offs, 1-999 (default 3).", ""},
+    {"SBACC_REPAIRLOCK_WAIT",
+     "Seconds to wait for an area's repair lock before giving up, 1-86400 (default 600).", ""},
+    {"SBACC_REPAIRLOCK_STALE",
+     "Seconds the master watches another controller's repair lock byte with a heartbeat that does not move before "
+     "it clears it, 1-3600 (default 60).",
+     ""},
     {"SBACC_SCRUB_RECORD",
      "Where verify keeps the last scrub's result and status reads it (default /var/lib/sbacc/last-scrub, "
      "kept only when its directory exists).",
