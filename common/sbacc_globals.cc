@@ -2,6 +2,7 @@
 #define SBACC_MODULE SBACC_MODULE_SBACC
 #include "sbacc_alloc.h"
 #include "sbacc_core.h"
+#include "sbacc_ma.h"
 #include "sbacc_trace.h"
 
 int sbacc_cntno = 0;
@@ -15,4 +16,5 @@ void sbacc_reset_process_state() {
   p_sbacc_data_repair = nullptr;
   sbacc_cntno = 0;
   sbacc_repair_thread_flag = B_FALSE;
+  sbacc_ma_repairlock_forget();
 }

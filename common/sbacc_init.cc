@@ -43,15 +43,28 @@ int NvInit(int cntno) {
       SBACC_TRACE(kTraceError, "[sbacc_nv_init] sbacc_ma_alloc_sfd error. ret=%d errno=%d", rc, errno);
       return rc;
     }
+    // Beyond the base design: the record is rebuilt under the area's repair
+    // lock, so no other controller's start-up repairs the area meanwhile (it
+    // would take this open for a writer that never closed, and this rebuild
+    // would overwrite its NV updates).
+    rc = sbacc_ma_enter_repairlock(sfd);
+    if (rc != 0) {
+      SBACC_TRACE(kTraceError, "[sbacc_nv_init] sbacc_ma_enter_repairlock error. ret=%d filename=%s", rc,
+                  sfd->sfe.filename);
+      sbacc_ma_free_sfd(sfd);
+      return rc;
+    }
     SBACC_TRACE(kTraceFlow, "[sbacc_nv_init] sbacc_ma_open filename=(%s)", sfd->sfe.filename);
     boolean_t closeflag = B_TRUE;
     rc = sbacc_ma_open(sfd, &closeflag, B_TRUE);
     if (rc != 0) {
       SBACC_TRACE(kTraceError, "[sbacc_nv_init] sbacc_ma_open error. ret=%d errno=%d", rc, errno);
+      (void)sbacc_ma_leave_repairlock(sfd);
       sbacc_ma_free_sfd(sfd);
       return rc;
     }
     (void)sbacc_ma_close(sfd);
+    (void)sbacc_ma_leave_repairlock(sfd);
     sbacc_ma_free_sfd(sfd);
   }
   return 0;

@@ -37,7 +37,9 @@ enum HddHeaderOffset {
 enum MemEntryOffset {
   kMemMagic = 0, kMemVersion = 4, kMemFilename = 8, kMemHddcount = 40, kMemHddblockade = 44,
   kMemLatesthdd = 48, kMemHddrepair = 52, kMemWriteOnRepair = 53, kMemRfu = 54,
-  kMemRepairlock = 56, kMemRfu2 = 60
+  kMemRepairlock = 56, kMemRfu2 = 60,
+  // The repair lock heartbeats: the last 8 reserved bytes, 2 per controller.
+  kMemLockbeat = 120
 };
 
 #define SBACC_HDD_MAGIC "SBFS"
@@ -51,6 +53,8 @@ void sbacc_l_decode_entry(const uint8_t in[SBACC_NV_ENTRY_SIZE], SBACC_MEM_LIST_
 bool sbacc_l_header_valid(const SBACC_HDD_HEADER* h);  // "SBFS", version 3
 bool sbacc_l_entry_valid(const SBACC_MEM_LIST_ENTRY* e);  // "SBNM", version 3
 
+uint16_t sbacc_l_get_le16(const uint8_t* p);
+void sbacc_l_put_le16(uint8_t* p, uint16_t v);
 uint32_t sbacc_l_get_le32(const uint8_t* p);
 void sbacc_l_put_le32(uint8_t* p, uint32_t v);
 uint64_t sbacc_l_get_le64(const uint8_t* p);
@@ -89,6 +93,9 @@ int sbacc_memset_hddrepair(SBACC_FILE_DISCRIPTER* sfd, uint8_t mask);
 int sbacc_memget_hddrepair(SBACC_FILE_DISCRIPTER* sfd, uint8_t* mask);
 int sbacc_memset_hddrepairlock(SBACC_FILE_DISCRIPTER* sfd, int cntno, uint8_t value);
 int sbacc_memget_hddrepairlock_all(SBACC_FILE_DISCRIPTER* sfd, uint8_t lockall[4]);
+// Controller cntno's repair lock heartbeat (2 bytes) / all four (8 bytes).
+int sbacc_memset_lockbeat(SBACC_FILE_DISCRIPTER* sfd, int cntno, uint16_t beat);
+int sbacc_memget_lockbeat_all(SBACC_FILE_DISCRIPTER* sfd, uint16_t beats[4]);
 
 namespace sbacc {
 // Held over every read-change-write of one area's NV record in this process

@@ -95,7 +95,17 @@ int sbacc_l_memini_entry(SBACC_FILE_DISCRIPTER* sfd, SBACC_MEM_LIST_ENTRY* entry
   memcpy(entry->filename, sfd->sfe.filename, strnlen(sfd->sfe.filename, sizeof entry->filename));
   entry->hddcount = sfd->sfe.hddcount;
 
-  int rc = sbacc_memset_entry(sfd, entry);
+  // Beyond the base design: the repair lock bytes and their heartbeats are
+  // written around, not zeroed (in *entry they read 0).  They say which
+  // controller repairs the area or asks to, not what its copies hold, and
+  // they mean that whether the record is valid or not: an initialisation
+  // under the area's lock (the start-up's NV initialisation, the data
+  // repair's first open of a new area) must neither drop this controller's
+  // own byte nor clear another controller's.
+  uint8_t raw[SBACC_NV_ENTRY_SIZE];
+  sbacc_l_encode_entry(entry, raw);
+  int rc = sbacc_l_memset(sfd, kMemMagic, raw, kMemRepairlock);
+  if (rc == 0) rc = sbacc_l_memset(sfd, kMemRfu2, raw + kMemRfu2, kMemLockbeat - kMemRfu2);
   if (rc != 0) {
     SBACC_TRACE(sbacc::kTraceError, "[sbacc_l_memini_entry] sbacc_memset_entry error. retcode=%d", rc);
     SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_l_memini_entry] [LEAVE] %d", rc);
@@ -222,5 +232,31 @@ int sbacc_memget_hddrepairlock_all(SBACC_FILE_DISCRIPTER* sfd, uint8_t lockall[4
   const int rc = sbacc_l_memget(sfd, kMemRepairlock, raw, sizeof raw);
   if (rc == 0) memcpy(lockall, raw, sizeof raw);
   SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_memget_hddrepairlock_all] [LEAVE] %d", rc);
+  return rc;
+}
+
+int sbacc_memset_lockbeat(SBACC_FILE_DISCRIPTER* sfd, int cntno, uint16_t beat) {
+  SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_memset_lockbeat] [ENTER]");
+  // As the lock bytes: a number outside 0..3 would write outside the slice.
+  if (cntno < 0 || cntno >= kRepairLockSlots) {
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_memset_lockbeat] parameter error. cntno=%d", cntno);
+    SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_memset_lockbeat] [LEAVE] %d", SBACC_E_PARAM);
+    return SBACC_E_PARAM;
+  }
+  uint8_t raw[2];
+  sbacc_l_put_le16(raw, beat);
+  const int rc = sbacc_l_memset(sfd, kMemLockbeat + 2 * cntno, raw, sizeof raw);
+  SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_memset_lockbeat] [LEAVE] %d", rc);
+  return rc;
+}
+
+int sbacc_memget_lockbeat_all(SBACC_FILE_DISCRIPTER* sfd, uint16_t beats[4]) {
+  SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_memget_lockbeat_all] [ENTER]");
+  uint8_t raw[2 * kRepairLockSlots];
+  const int rc = sbacc_l_memget(sfd, kMemLockbeat, raw, sizeof raw);
+  if (rc == 0) {
+    for (int n = 0; n < kRepairLockSlots; ++n) beats[n] = sbacc_l_get_le16(raw + 2 * n);
+  }
+  SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_memget_lockbeat_all] [LEAVE] %d", rc);
   return rc;
 }

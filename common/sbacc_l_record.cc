@@ -48,9 +48,24 @@ static_assert(offsetof(SBACC_MEM_LIST_ENTRY, hddrepairlock_cntno) == kMemRepairl
 static_assert(offsetof(SBACC_MEM_LIST_ENTRY, rfu2) == kMemRfu2);
 static_assert(sizeof(SBACC_MEM_LIST_ENTRY::rfu) == kMemRepairlock - kMemRfu);
 static_assert(sizeof(SBACC_MEM_LIST_ENTRY::hddrepairlock_cntno) == kMemRfu2 - kMemRepairlock);
-static_assert(sizeof(SBACC_MEM_LIST_ENTRY::rfu2) == SBACC_NV_ENTRY_SIZE - kMemRfu2);
+static_assert(offsetof(SBACC_MEM_LIST_ENTRY, lockbeat) == kMemLockbeat);
+static_assert(sizeof(SBACC_MEM_LIST_ENTRY::rfu2) == kMemLockbeat - kMemRfu2);
+// The heartbeats take the last 8 of the base design's 68 reserved bytes and
+// no more, so the bytes 60..119 stay free for other uses.
+static_assert(sizeof(SBACC_MEM_LIST_ENTRY::lockbeat) == 8 && kMemLockbeat + 8 == SBACC_NV_ENTRY_SIZE);
+static_assert(sizeof(SBACC_MEM_LIST_ENTRY::lockbeat) / sizeof(uint16_t) ==
+              sizeof(SBACC_MEM_LIST_ENTRY::hddrepairlock_cntno), "one heartbeat per lock byte");
 
 // ---- Little-endian helpers ------------------------------------------------------
+
+uint16_t sbacc_l_get_le16(const uint8_t* p) {
+  return static_cast<uint16_t>(p[0] | (p[1] << 8));
+}
+
+void sbacc_l_put_le16(uint8_t* p, uint16_t v) {
+  p[0] = static_cast<uint8_t>(v);
+  p[1] = static_cast<uint8_t>(v >> 8);
+}
 
 uint32_t sbacc_l_get_le32(const uint8_t* p) {
   return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) |
@@ -159,6 +174,7 @@ void sbacc_l_encode_entry(const SBACC_MEM_LIST_ENTRY* e, uint8_t out[SBACC_NV_EN
   PutBytes(out + kMemRfu, e->rfu);
   PutBytes(out + kMemRepairlock, e->hddrepairlock_cntno);
   PutBytes(out + kMemRfu2, e->rfu2);
+  for (int n = 0; n < 4; ++n) sbacc_l_put_le16(out + kMemLockbeat + 2 * n, e->lockbeat[n]);
 }
 
 void sbacc_l_decode_entry(const uint8_t in[SBACC_NV_ENTRY_SIZE], SBACC_MEM_LIST_ENTRY* e) {
@@ -173,6 +189,7 @@ void sbacc_l_decode_entry(const uint8_t in[SBACC_NV_ENTRY_SIZE], SBACC_MEM_LIST_
   GetBytes(in + kMemRfu, e->rfu);
   GetBytes(in + kMemRepairlock, e->hddrepairlock_cntno);
   GetBytes(in + kMemRfu2, e->rfu2);
+  for (int n = 0; n < 4; ++n) e->lockbeat[n] = sbacc_l_get_le16(in + kMemLockbeat + 2 * n);
 }
 
 bool sbacc_l_entry_valid(const SBACC_MEM_LIST_ENTRY* e) {

@@ -70,8 +70,19 @@ int sbacc_ma_read_size(int* size, SBACC_FILE_DISCRIPTER* sfd);
 int sbacc_ma_close(SBACC_FILE_DISCRIPTER* sfd);
 
 // ---- Repair lock ---------------------------------------------------------------
+// Beyond the base design: any number of contenders, a bounded wait, stale
+// bytes told from live holders by a heartbeat (sbacc_ma_lock.cc).  Taking a
+// lock this process holds already only counts; the last release lowers it.
 int sbacc_ma_enter_repairlock(SBACC_FILE_DISCRIPTER* sfd);
 int sbacc_ma_leave_repairlock(SBACC_FILE_DISCRIPTER* sfd);
+// Called before every durable step of a repair: 0 while this controller
+// still holds the area's lock (and then its heartbeat moves on), or when it
+// holds none there; SBACC_E_REPAIR once its byte was found cleared, and from
+// then on, so the repair stops and leaves the rest to the next start-up; or
+// the NV read's code.
+int sbacc_ma_repairlock_check(SBACC_FILE_DISCRIPTER* sfd);
+// Forgets the locks this process counts as held (its bytes stay as they are).
+void sbacc_ma_repairlock_forget();
 int sbacc_ma_mem_check_blockade(SBACC_FILE_DISCRIPTER* sfd, int hdd);
 
 // ---- HDD repair copy -------------------------------------------------------------

@@ -22,6 +22,8 @@ constexpr int kChunk = 2048;
 // up to SBACC_REPAIR_MAXRETRY immediate repeats.  Every copy in this file
 // moves raw bytes, so the destination ends up byte-for-byte the source.
 int CopyRange(SBACC_FILE_DISCRIPTER* sfd, int src, int dst, int offset, uint8_t* buf, int len, bool header) {
+  const int held = sbacc_ma_repairlock_check(sfd);
+  if (held != 0) return held;
   int failures = 0;
   for (;;) {
     int rc = sbacc_l_hddget(sfd, src, offset, buf, len);
@@ -77,7 +79,9 @@ int CopyAll(SBACC_FILE_DISCRIPTER* sfd, int src, int dst, uint8_t* buf) {
 int Unfence(SBACC_FILE_DISCRIPTER* sfd, int dst) {
   const uint32_t bit = 1u << dst;
   uint32_t word = 0;
-  int rc = sbacc_ma_hddget_hddblockade(sfd, &word);
+  int rc = sbacc_ma_repairlock_check(sfd);
+  if (rc != 0) return rc;
+  rc = sbacc_ma_hddget_hddblockade(sfd, &word);
   if (rc != 0) {
     SBACC_TRACE(kTraceError, "[sbacc_ma_hddrepair_copy] sbacc_ma_hddget_hddblockade error. retcode=%d", rc);
     return rc;
@@ -112,9 +116,11 @@ int sbacc_ma_data_capacity(const SBACC_FILE_DISCRIPTER* sfd) {
 }
 
 int sbacc_ma_memset_hddrepair(SBACC_FILE_DISCRIPTER* sfd, int hdd, boolean_t flag) {
+  int rc = sbacc_ma_repairlock_check(sfd);
+  if (rc != 0) return rc;
   sbacc::NvRecordLock lock(sfd);
   uint8_t mask = 0;
-  int rc = sbacc_memget_hddrepair(sfd, &mask);
+  rc = sbacc_memget_hddrepair(sfd, &mask);
   if (rc != 0) {
     SBACC_TRACE(kTraceError, "[sbacc_ma_memset_hddrepair] sbacc_memget_hddrepair error. retcode=%d", rc);
     return rc;

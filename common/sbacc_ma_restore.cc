@@ -161,7 +161,9 @@ int InitAllNew(SBACC_FILE_DISCRIPTER* sfd, const Scan& sc, SBACC_DATA_REPAIR* re
   for (int i = 0; i < sfd->sfe.hddcount; ++i) {
     if (sfd->fd[i] == -1) continue;
     SBACC_TRACE(kTraceFlow, "[repair_for_restore] sbacc_l_hddini_header HDD[%d] filename=%s", i, name);
-    const int rc = sbacc_l_hddini_header(sfd, i, 0);
+    int rc = sbacc_ma_repairlock_check(sfd);
+    if (rc != 0) return rc;
+    rc = sbacc_l_hddini_header(sfd, i, 0);
     if (rc != 0) {
       SBACC_TRACE(kTraceError, "[repair_for_restore] sbacc_l_hddini_header error. retcode=%d HDD[%d] filename=%s", rc, i,
                   name);
@@ -189,12 +191,14 @@ int MarkStale(SBACC_FILE_DISCRIPTER* sfd, uint32_t blockade, uint32_t stale) {
     if (rc != 0) return rc;
   }
   const uint32_t recorded = blockade | stale;
-  int rc = sbacc_memset_hddblockade(sfd, recorded);
+  int rc = sbacc_ma_repairlock_check(sfd);
+  if (rc == 0) rc = sbacc_memset_hddblockade(sfd, recorded);
   if (rc != 0) {
     SBACC_TRACE(kTraceError, "[repair_for_restore] sbacc_memset_hddblockade error. retcode=%d", rc);
     return rc;
   }
-  rc = sbacc_ma_hddset_hddblockade(sfd, recorded);
+  rc = sbacc_ma_repairlock_check(sfd);
+  if (rc == 0) rc = sbacc_ma_hddset_hddblockade(sfd, recorded);
   if (rc != 0) SBACC_TRACE(kTraceError, "[repair_for_restore] sbacc_ma_hddset_hddblockade error. retcode=%d", rc);
   return rc;
 }
@@ -216,7 +220,8 @@ int CountAsOpen(SBACC_FILE_DISCRIPTER* sfd, SBACC_HDD_HEADER* latest, int src, S
   sbacc::TimeText(latest->opentime, when);
   SBACC_TRACE(kTraceFlow, "[repair_for_restore] set open info. openflag=ON opencnt=%d opentime(%s)", latest->opencnt,
               when);
-  const int rc = sbacc_ma_hddset_openinfo(sfd, latest);
+  int rc = sbacc_ma_repairlock_check(sfd);
+  if (rc == 0) rc = sbacc_ma_hddset_openinfo(sfd, latest);
   if (rc != 0) {
     SBACC_TRACE(kTraceError, "[repair_for_restore] sbacc_ma_hddset_openinfo error. retcode=%d filename=%s", rc, name);
   }
@@ -256,6 +261,8 @@ int RepairLocked(SBACC_FILE_DISCRIPTER* sfd, SBACC_DATA_REPAIR* rec, uint32_t* b
     SBACC_TRACE(kTraceFlow,
                 "[repair_for_restore] hdd repair exec. src_hdd=%d repair=0x%x hddblockade hdd=0x%x filename=%s",
                 sc.src, sc.repair, sc.blockade, name);
+    SBACC_TRACE(kTraceMilestone, "[repair_for_restore] rebuild %s 0x%x from HDD[%d]: repaired by controller %d", name,
+                stale, sc.src, sbacc_cntno);
     RebuildCopies(sfd, sc.src, sc.repair);
     // A rebuild that never got going (source fenced off) leaves the mark set
     // above; none may outlive the repair.  Rebuilt copies are already clear.
@@ -313,9 +320,18 @@ int sbacc_ma_repair_for_restore(int index) {
     uint32_t blockade = 0;
     (void)sbacc_ma_clear_leftover_marks(sfd);
     rc = RepairLocked(sfd, rec, &blockade);
-    RecordBlockade(sfd, blockade);
+    // Still held: the mask and the close stamp go down before the lock is
+    // released, so the next holder finds the area closed.  Lost: nothing
+    // more is written, as when the lock could not be taken.
+    const int held = sbacc_ma_repairlock_check(sfd);
+    if (held == 0) {
+      RecordBlockade(sfd, blockade);
+      (void)sbacc_ma_close(sfd);
+    } else {
+      rc = held;
+      for (int i = 0; i < SBACC_HDD_MAX; ++i) sbacc_ma_close_hdd(sfd, i);
+    }
     (void)sbacc_ma_leave_repairlock(sfd);
-    (void)sbacc_ma_close(sfd);
   }
   sbacc_ma_free_sfd(sfd);
   SBACC_TRACE(kTraceFlow, "[repair_for_restore] [LEAVE] %d", rc);

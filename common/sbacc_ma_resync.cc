@@ -10,6 +10,7 @@
 #include <stdint.h>
 #include <string.h>
 
+#include "sbacc_core.h"
 #include "sbacc_l.h"
 #include "sbacc_ma.h"
 
@@ -70,8 +71,9 @@ Plan Decide(SBACC_FILE_DISCRIPTER* sfd, SBACC_HDD_HEADER* hdr) {
 
 // A failed write means the copy cannot be kept in step: it is closed and
 // ends fenced off.
+// Nothing is written once the repair lock is lost.
 void Put(SBACC_FILE_DISCRIPTER* sfd, int i, int offset, const void* buf, int len) {
-  if (sfd->fd[i] == -1) return;
+  if (sfd->fd[i] == -1 || sbacc_ma_repairlock_check(sfd) != 0) return;
   const int rc = sbacc_l_hddset(sfd, i, offset, buf, len);
   if (rc == 0) return;
   SBACC_TRACE(kTraceError, "[sbacc_ma_resync_copies] sbacc_l_hddset error. retcode=%d HDD[%d] filename=%s", rc, i,
@@ -139,8 +141,9 @@ int sbacc_ma_resync_copies(SBACC_FILE_DISCRIPTER* sfd) {
     memset(hdr, 0, sizeof hdr);
     const Plan plan = Decide(sfd, hdr);
     if (!plan.needed) break;
-    SBACC_TRACE(kTraceMilestone, "[sbacc_ma_resync_copies] resync %s range %lld-%lld from HDD[%d]",
-                sfd->sfe.filename, static_cast<long long>(plan.lo), static_cast<long long>(plan.hi), plan.ref);
+    SBACC_TRACE(kTraceMilestone, "[sbacc_ma_resync_copies] resync %s range %lld-%lld from HDD[%d]: repaired by controller %d",
+                sfd->sfe.filename, static_cast<long long>(plan.lo), static_cast<long long>(plan.hi), plan.ref,
+                sbacc_cntno);
     if (Copy(sfd, plan, hdr, buf)) break;
   }
   SBACC_TRACE(kTraceFlow, "[sbacc_ma_resync_copies] [LEAVE] %d", 0);

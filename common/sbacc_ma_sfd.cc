@@ -17,8 +17,14 @@ const SBACC_ENV_LIST_ENTRY sbacc_env_list[] = {
     {"SBACC_MEMSET_MAXRETRY", 5, 1, 999},
     {"SBACC_MEMGET_MAXRETRY", 5, 1, 999},
     {"SBACC_REPAIR_MAXRETRY", 3, 1, 999},
-    {"SBACC_REPAIRLOCK_MAXRETRY", 3, 1, 999},
+    // Beyond the base design (sbacc_ma_lock.cc): seconds a controller waits
+    // for a repair lock before it gives up, in place of the base design's
+    // SBACC_REPAIRLOCK_MAXRETRY back-offs of 100 ms (no longer read) ...
+    {"SBACC_REPAIRLOCK_WAIT", 600, 1, 86400},
     {"SBACC_RESTORE_RESYNC", 1, 0, 1},
+    // ... and seconds the master watches a raised lock byte whose heartbeat
+    // does not move before it takes it for the byte of a stopped controller.
+    {"SBACC_REPAIRLOCK_STALE", 60, 1, 3600},
     {"SBACC_FENCE_MERGE", 1, 0, 1},
     {nullptr, 0, 0, 0},
 };

@@ -116,6 +116,63 @@ void PutVersion(uint8_t* buf, int size, int version) {
   memcpy(buf, raw + at, static_cast<size_t>(n));
 }
 
+// Beyond the base design: the seven paired areas' repair locks, held by the
+// start-up from before their HDD repair to the end of their data repair.  So
+// one controller alone examines the seven and acts on all their verdicts (two
+// controllers that each saw some of them would each repair the set from half
+// the verdicts), and nobody else examines them while the data repair writes.
+// Each area's own repair takes its lock again inside (sbacc_ma_lock.cc counts
+// it).  Every controller takes them in the order of the area list, so no two
+// wait for each other.  Slots past the last lock taken are nullptr.
+SBACC_FILE_DISCRIPTER* g_paired[kTableRows];
+
+void ReleasePaired() {
+  for (SBACC_FILE_DISCRIPTER*& sfd : g_paired) {
+    if (sfd == nullptr) continue;
+    (void)sbacc_ma_leave_repairlock(sfd);
+    sbacc_ma_free_sfd(sfd);
+    sfd = nullptr;
+  }
+}
+
+SBACC_FILE_DISCRIPTER* Paired(const char* name) {
+  for (SBACC_FILE_DISCRIPTER* sfd : g_paired) {
+    if (sfd != nullptr && strncmp(sfd->sfe.filename, name, sizeof sfd->sfe.filename) == 0) return sfd;
+  }
+  return nullptr;
+}
+
+int TakePaired(const data_repair_t* table) {
+  int n = 0;
+  for (int i = 0; i < p_sbacc_file_list->filenum && n < kTableRows; ++i) {
+    const char* name = p_sbacc_file_list->file[i].filename;
+    bool paired = false;
+    for (int k = 0; k < kTableRows; ++k) paired |= strncmp(table[k].filename, name, SBACC_FILENAME_LEN) == 0;
+    if (!paired || Paired(name) != nullptr) continue;
+    SBACC_FILE_DISCRIPTER* sfd = nullptr;
+    int rc = sbacc_ma_alloc_sfd(name, SBACC_OPENMODE_INSPECT, &sfd);
+    if (rc == 0) {
+      rc = sbacc_ma_enter_repairlock(sfd);
+      if (rc != 0) sbacc_ma_free_sfd(sfd);
+    }
+    if (rc != 0) {
+      SBACC_TRACE(kTraceError, "[sbacc_hdd_restore] paired area %s: repair lock error. retcode=%d", name, rc);
+      ReleasePaired();
+      return rc;
+    }
+    g_paired[n++] = sfd;
+  }
+  return 0;
+}
+
+// Before each durable step of the data repair (the open, the write and the
+// close of an area it writes): 0 while the area's lock is held (or the area
+// is none of the seven).
+int PairedCheck(const char* name) {
+  SBACC_FILE_DISCRIPTER* sfd = Paired(name);
+  return sfd != nullptr ? sbacc_ma_repairlock_check(sfd) : 0;
+}
+
 int Rw(int mode, const char* name, void** buf, int* size) {
   return sbacc_hdd_rw(mode, const_cast<char*>(name), buf, size);
 }
@@ -275,6 +332,8 @@ int DataRepair(const data_repair_t* table, const SBACC_DATA_REPAIR* recs, int fi
     SBACC_TRACE(kTraceMilestone, "[sbacc_hdd_restore] file data repair no exec.");
     return 0;
   }
+  SBACC_TRACE(kTraceMilestone, "[sbacc_hdd_restore] data repair of the paired areas (flag 0x%x): repaired by controller %d",
+              repair_flag, sbacc_cntno);
   if ((repair_flag & kBitBackup0) != 0 && (repair_flag & kBitBackup1) != 0) {
     SBACC_TRACE(kTraceError,
                 "[sbacc_hdd_restore] envfw_backup0 and envfw_backup1 is failed. data repair dose not exist.");
@@ -318,8 +377,12 @@ int Restore(const data_repair_t* table) {
     p_sbacc_data_repair = nullptr;
     return SBACC_E_NOSPACE;
   }
-  RepairAll(filenum, results + records, results);
-  if (Judge(results, filenum, &rc)) rc = DataRepair(table, p_sbacc_data_repair, filenum);
+  rc = TakePaired(table);
+  if (rc == 0) {
+    RepairAll(filenum, results + records, results);
+    if (Judge(results, filenum, &rc)) rc = DataRepair(table, p_sbacc_data_repair, filenum);
+  }
+  ReleasePaired();
 
   SBACC_FREE(results);
   SBACC_FREE(p_sbacc_data_repair);
@@ -390,12 +453,14 @@ int sbacc_hdd_rw(int mode, char* filename, void** buf, int* size) {
       break;
     }
     case SBACC_RW_WRITE: {
+      if ((rc = PairedCheck(filename)) != 0) break;
       rc = sbacc_open(filename, "w", &fp, &closeflag);
       if (rc != 0) {
         SBACC_TRACE(kTraceError, "[sbacc_hdd_rw] sbacc_open error. file[%s] retcode=%d", filename, rc);
         fp = nullptr;
         break;
       }
+      if ((rc = PairedCheck(filename)) != 0) break;
       // Writes from offset 0 and never shortens the area.
       const int put = sbacc_write(*buf, *size, 0, fp);
       if (put != *size) {
@@ -405,12 +470,14 @@ int sbacc_hdd_rw(int mode, char* filename, void** buf, int* size) {
       break;
     }
     case SBACC_RW_SIZE: {
+      if ((rc = PairedCheck(filename)) != 0) break;
       rc = sbacc_open(filename, "w", &fp, &closeflag);
       if (rc != 0) {
         SBACC_TRACE(kTraceError, "[sbacc_hdd_rw] sbacc_open error. file[%s] retcode=%d", filename, rc);
         fp = nullptr;
         break;
       }
+      if ((rc = PairedCheck(filename)) != 0) break;
       const int set = sbacc_write_size(*size, fp);
       if (set != *size) {
         SBACC_TRACE(kTraceError, "[sbacc_hdd_rw] sbacc_write_size error. file[%s] size=%d retcode=%d", filename, *size,
@@ -425,7 +492,15 @@ int sbacc_hdd_rw(int mode, char* filename, void** buf, int* size) {
       break;
   }
 
-  if (fp != nullptr) {
+  // With the lock lost the area is left as a writer that stopped leaves it:
+  // open, for whoever repairs it next.
+  const int lost = (fp != nullptr && mode != SBACC_RW_READ && rc == 0) ? PairedCheck(filename) : rc;
+  if (fp != nullptr && lost == SBACC_E_REPAIR) {
+    auto* sfd = static_cast<SBACC_FILE_DISCRIPTER*>(fp);
+    for (int i = 0; i < SBACC_HDD_MAX; ++i) sbacc_ma_close_hdd(sfd, i);
+    sbacc_ma_free_sfd(sfd);
+    rc = lost;
+  } else if (fp != nullptr) {
     const int crc = sbacc_close(fp);
     if (crc != 0) SBACC_TRACE(kTraceError, "[sbacc_hdd_rw] sbacc_close error. file[%s] retcode=%d", filename, crc);
   }

@@ -15,7 +15,7 @@
 #define SBACC_HEADER_SIZE 128
 #define SBACC_NV_ENTRY_SIZE 128
 #define SBACC_NV_BASE 4096
-#define SBACC_ENV_NUM 6
+#define SBACC_ENV_NUM 7
 
 // Mask with the low n bits set: every one of n copies fenced off.
 #define SBACC_HDD_MAXBIT(n) \
@@ -54,9 +54,10 @@ enum {
   SBACC_ENV_MEMSET = 0,
   SBACC_ENV_MEMGET = 1,
   SBACC_ENV_REPAIR = 2,
-  SBACC_ENV_REPAIRLOCK = 3,
+  SBACC_ENV_REPAIRLOCK_WAIT = 3,
   SBACC_ENV_RESYNC = 4,
-  SBACC_ENV_FENCE_MERGE = 5
+  SBACC_ENV_REPAIRLOCK_STALE = 5,
+  SBACC_ENV_FENCE_MERGE = 6
 };
 
 // Per-area descriptor; the public handle points at one.
@@ -103,7 +104,12 @@ typedef struct _TAG_SBACC_MEM_LIST_ENTRY {
   uint8_t write_on_repair;
   uint8_t rfu[2];
   uint8_t hddrepairlock_cntno[4];
-  uint8_t rfu2[68];
+  uint8_t rfu2[60];
+  // Beyond the base design, which reserves bytes 60..127: the last 8 of them
+  // hold one repair lock heartbeat per controller (16 bits, little-endian),
+  // which controller n advances while its lock byte of this area is raised;
+  // 0 = nothing recorded (see sbacc_ma_lock.cc).
+  uint16_t lockbeat[4];
 } SBACC_MEM_LIST_ENTRY;
 
 // Start-up verdict on one area's data.

@@ -1,7 +1,8 @@
 // Concurrency: fork while each lock of the library is held, the crew after
-// its workers retired, bounded and dlclosed; four controllers contending for
-// the repair lock of the same areas (threads with handles of their own and
-// forks among them run in schedule_test.cc).
+// its workers retired, bounded and dlclosed; two to four controllers
+// contending for the repair lock of one area, and starting up at once on one
+// controller's disks and NV (threads with handles of their own and forks
+// among them run in schedule_test.cc).
 // Every test is bounded by alarm(): a deadlock ends it with SIGALRM.
 #include <dlfcn.h>
 #include <sys/mman.h>
@@ -125,10 +126,11 @@ TEST_F(Concurrency, WorkAfterEveryWorkerRetired) {
 // default: a restore over 70 areas x 8 copies runs one task per area and,
 // inside, one per copy to rebuild (a crew that let a task wait behind its own
 // busy workers would hang here until the alarm).  Copy 7 of every area is
-// stale.  Area 30's files are gone, and controller 1 holds the repair lock
-// of the last area (past the first 64 tasks): those two keep what they had,
-// every other area is rebuilt whichever thread ran it, and the result
-// follows the first failing area (no usable copy: 0).
+// stale.  Area 30's files are gone, and controller 1, the master, holds the
+// repair lock of the last area (past the first 64 tasks): this controller
+// waits for it up to the bound (its pauses recorded), those two areas keep
+// what they had, every other area is rebuilt whichever thread ran it, and
+// the result follows the first failing area (no usable copy: 0).
 class BoundedCrew : public Concurrency, public ::testing::WithParamInterface<int> {};
 
 TEST_P(BoundedCrew, RestoreOfSeventyAreasOfEightCopies) {
@@ -153,7 +155,7 @@ TEST_P(BoundedCrew, RestoreOfSeventyAreasOfEightCopies) {
   sim.SetFilelistText(list);
   sbacc_reset_process_state();
   sim.PutNvBytes(SBACC_NV_BASE + 128ull * kLast + kMemRepairlock + 1, "\1", 1);  // controller 1's byte up
-  EXPECT_EQ(0, sbacc_hdd_restore(0));
+  EXPECT_EQ(0, (FaultEnv(), sbacc_hdd_restore(0)));  // the pauses recorded, not slept
   EXPECT_LE(sbacc::CrewCountsNow().peak, GetParam());
   for (int a = 0; a < kAreas; ++a) {
     if (a == kMissing) continue;
@@ -185,65 +187,155 @@ TEST_F(Concurrency, DlcloseKeepsTheLibraryOfParkedWorkers) {
   }
 }
 
-// Four processes, controllers 0 to 3 on one NV image, take and release the
-// repair lock of the same two areas over and over.  Every holder counts
-// itself in a shared slot per area while it holds the lock.
-//  - Without a master (9), the raise-then-look protocol alone must keep every
-//    slot at one holder at most.
-//  - Controller 0 as the master clears the other controller's byte whether
-//    that one is still asking or already holds the lock (a stale byte of a
-//    stopped controller looks the same).  Only controller 1's byte can be
-//    cleared (2 and 3 end the master's call with -100), and once it is, that
-//    hold is invisible to every controller: any overlap must have controller
-//    1 on one side.  Two holders whose bytes both stay visible never meet.
-class LockContention : public Concurrency, public ::testing::WithParamInterface<int> {};
+// Processes 0 .. n-1, controllers on one NV image, take and release the
+// repair lock of one area over and over, each hold a pretend repair that
+// checks the lock before each of its steps.  Nobody may come in on a holder,
+// every take must succeed (within SBACC_REPAIRLOCK_WAIT), and no holder may
+// find its lock lost.  The last controller may first take the lock and then
+// die holding it (its byte stays up and its heartbeat stands still: the
+// master clears it after SBACC_REPAIRLOCK_STALE, and without a master the
+// others give up after the wait) or hold it as a slow live holder, longer
+// than SBACC_REPAIRLOCK_STALE, whom the master must wait for.  Pauses are
+// recorded and slept half their length, the pretend steps alike.
+enum class Last { kLikeTheOthers, kDies, kSlow };
+struct LockCase {
+  const char* name;
+  int procs, master;  // master 9: none of them
+  Last last;
+  int wait;  // SBACC_REPAIRLOCK_WAIT
+};
 
-TEST_P(LockContention, AtMostOneHolder) {
-  setenv("SANFWCTL_MASTER", std::to_string(GetParam()).c_str(), 1);
-  setenv("SBACC_REPAIRLOCK_MAXRETRY", "3", 1);
+class LockContention : public Concurrency, public ::testing::WithParamInterface<LockCase> {};
+
+TEST_P(LockContention, OneHolderAtATimeAndEveryoneGetsIt) {
+  const LockCase& c = GetParam();
+  setenv("SANFWCTL_MASTER", std::to_string(c.master).c_str(), 1);
+  setenv("SBACC_REPAIRLOCK_WAIT", std::to_string(c.wait).c_str(), 1);
+  setenv("SBACC_REPAIRLOCK_STALE", "2", 1);
   sbacc_test::Sim sim(1);
-  SetAreas(sim, 2, 1);
-  // Shared with the children: the locks taken, then per area its current
-  // holders as a bit set of controller numbers.
-  void* mem = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  ASSERT_NE(MAP_FAILED, mem);
-  std::atomic<int>* taken = new (mem) std::atomic<int>[3]();
-  std::atomic<int>* holders = taken + 1;
-  // Exits 3 to 5: a call failed other than by refusing the lock; 6: came in
-  // on a holder it must never meet.
-  InChildren(4, [&](int cnt) {
-    // The master breaks controller 1's lock by clearing its byte, so with a
-    // master controller 1 may hold beside anyone (and, its byte cleared after
-    // it looked, count itself in after whoever came in next); every other
-    // pair excludes each other.
-    const int allowed = GetParam() != 0 ? 0 : cnt == 1 ? 0xf : 0x2;
+  SetAreas(sim, 1, 1);
+  // Shared with the children: the current holders (a bit per controller),
+  // whether the last one holds the lock yet, the takes that met another byte.
+  std::atomic<int>* shared = static_cast<std::atomic<int>*>(
+      mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  std::atomic<int>&holders = shared[0], &first = shared[1], &met = shared[2];
+  const int last = c.procs - 1;
+  const bool stuck = c.last == Last::kDies && c.master > last;  // nobody may clear the dead byte
+  // Exits: 3 a call failed, 4 the lock not had (or had where it cannot be),
+  // 5 the lock found lost, 6 came in on a holder, 7 the master cleared a
+  // byte that was not a dead controller's, or did not clear that one.
+  InChildren(c.procs, [&](int cnt) {
     sbacc_reset_process_state();
     sbacc_cntno = cnt;
-    FaultEnv env;  // back-offs recorded, not slept: the attempts meet often
-    for (int r = 0; r < 400; ++r) {
-      const int a = (r + cnt) % 2;
-      SBACC_FILE_DISCRIPTER* sfd = nullptr;
-      if (sbacc_ma_alloc_sfd(("a" + std::to_string(a)).c_str(), SBACC_OPENMODE_INSPECT, &sfd) != 0) return 3;
-      const int rc = sbacc_ma_enter_repairlock(sfd);
-      if (rc != 0 && rc != SBACC_E_REPAIR && rc != SBACC_E_UNSUPPORTED) return 4;
-      if (rc == 0) {
-        if ((holders[a].fetch_or(1 << cnt) & ~allowed) != 0) return 6;
-        ++*taken;
-        usleep(200);
-        holders[a] &= ~(1 << cnt);
-        if (sbacc_ma_leave_repairlock(sfd) != 0) return 5;
+    FaultEnv env;
+    env.OnSleep([](unsigned us) { usleep(us / 2); });
+    TraceCapture trace;
+    SBACC_FILE_DISCRIPTER* sfd = nullptr;
+    if (sbacc_ma_alloc_sfd("a0", SBACC_OPENMODE_INSPECT, &sfd) != 0) return 3;
+    // One hold: `steps` steps of a pretend repair, each after a check.
+    auto hold = [&](int steps, unsigned step) {
+      if ((holders.fetch_or(1 << cnt) & ~(1 << cnt)) != 0) return 6;
+      for (int s = 0; s < steps; ++s) {
+        if (sbacc_ma_repairlock_check(sfd) != 0) return 5;
+        env.SleepMicros(step);
       }
-      sbacc_ma_free_sfd(sfd);
+      holders &= ~(1 << cnt);
+      return sbacc_ma_leave_repairlock(sfd) == 0 ? 0 : 3;
+    };
+    // The last one, when it is special, takes the lock first: one round.
+    const bool special = cnt == last && c.last != Last::kLikeTheOthers;
+    while (!special && c.last != Last::kLikeTheOthers && first == 0) usleep(100);
+    int rc = 0;
+    for (int r = 0; r < (stuck || special ? 1 : 20) && rc == 0; ++r) {
+      const size_t paused = env.Sleeps().size();
+      const int got = sbacc_ma_enter_repairlock(sfd);
+      if (got != (stuck && !special ? SBACC_E_REPAIR : 0)) return 4;
+      met += env.Sleeps().size() > paused;
+      if (special && c.last == Last::kDies) (void)sbacc_ma_repairlock_check(sfd), first = 1, _exit(0);
+      first = 1;
+      if (got == 0) rc = special ? hold(25, 100000) : hold(2, 1000);  // 2.5 s: past the stale bound
       usleep(static_cast<useconds_t>(20 * (cnt + 1)));
     }
-    return 0;
+    sbacc_ma_free_sfd(sfd);
+    const bool cleared = trace.CountContaining("lock byte is stale") > 0;
+    return rc != 0 ? rc : cleared != (cnt == c.master && c.last == Last::kDies) ? 7 : 0;
   });
-  EXPECT_GT(taken->load(), 0);
-  // Every byte is down again.
-  for (int a = 0; a < 2; ++a) EXPECT_EQ(Bytes(4), sim.NvBytes(SBACC_NV_BASE + 128ull * a + kMemRepairlock, 4));
-  munmap(mem, 4096);
+  EXPECT_GT(met.load(), 0) << "the contenders never met";
+  // Every byte is down again, and every heartbeat, unless nobody could clear
+  // the dead controller's.
+  const SBACC_MEM_LIST_ENTRY e = sim.NvEntry(0);
+  for (int n = 0; n < 4; ++n) {
+    EXPECT_EQ(stuck && n == last, e.hddrepairlock_cntno[n] != 0) << "byte " << n;
+    EXPECT_EQ(c.last == Last::kDies && n == last, e.lockbeat[n] != 0) << "heartbeat " << n;
+  }
+  munmap(shared, 4096);
 }
 
-INSTANTIATE_TEST_SUITE_P(Master, LockContention, ::testing::Values(9, 0));
+const LockCase kLockCases[] = {
+    {"two", 2, 9, Last::kLikeTheOthers, 20},     {"two_master", 2, 0, Last::kLikeTheOthers, 20},
+    {"three", 3, 9, Last::kLikeTheOthers, 20},   {"three_master", 3, 1, Last::kLikeTheOthers, 20},
+    {"four", 4, 9, Last::kLikeTheOthers, 20},    {"four_master", 4, 2, Last::kLikeTheOthers, 20},
+    {"two_dies_master", 2, 0, Last::kDies, 20},  {"three_dies_master", 3, 0, Last::kDies, 20},
+    {"four_dies_master", 4, 1, Last::kDies, 20}, {"four_dies_no_master", 4, 9, Last::kDies, 3},
+    {"two_slow_master", 2, 0, Last::kSlow, 20},  {"three_slow_master", 3, 0, Last::kSlow, 20},
+    {"four_slow_master", 4, 2, Last::kSlow, 20}, {"four_slow_no_master", 4, 9, Last::kSlow, 20},
+};
+INSTANTIATE_TEST_SUITE_P(Cases, LockContention, ::testing::ValuesIn(kLockCases),
+                         [](const ::testing::TestParamInfo<LockCase>& p) { return std::string(p.param.name); });
+
+// Two to four controllers start up at once on one controller's disks and NV
+// (processes 0 .. n-1, each calling sbacc_nv_init with its number, the
+// tunables at their defaults) over a stale copy to rebuild ("plain"), a write
+// cut between the copies to resync ("intent") and the paired areas, one of
+// them left open by a writer that died (the data repair), or over new disks
+// and NV (the paired areas all new: a data repair that empties verback).
+// Every start-up returns 0, every area ends healthy with copies that agree
+// and nothing held, the data repair's work is done, and each repair was made
+// by exactly one controller: its trace line names it.
+struct StartUpCase {
+  const char* name;
+  int procs, master;  // master 9: none of them
+  bool fresh;
+};
+
+class StartUps : public Concurrency, public ::testing::WithParamInterface<StartUpCase> {};
+
+TEST_P(StartUps, EveryControllerComesUpAndEachRepairIsMadeOnce) {
+  const StartUpCase& c = GetParam();
+  using sbacc_test::StartUpWork;
+  sbacc_test::Sim sim(3);
+  ASSERT_NO_THROW(c.fresh ? StartUpWork::SetAreas(sim, 3) : StartUpWork::Plant(sim, 3));
+  for (const char* v : {"SBACC_REPAIRLOCK_WAIT", "SBACC_REPAIRLOCK_STALE"}) unsetenv(v);
+  setenv("SANFWCTL_MASTER", std::to_string(c.master).c_str(), 1);
+  // Shared with the children: how many made each kind of repair (the last:
+  // any other), and how many are ready to start.
+  std::atomic<int>* shared = static_cast<std::atomic<int>*>(
+      mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  const char* const kKinds[] = {"] rebuild plain ", "] resync intent ", "] data repair of the paired areas "};
+  InChildren(c.procs, [&](int cnt) {
+    sbacc_reset_process_state();
+    TraceCapture trace;
+    for (++shared[4]; shared[4] < c.procs;) usleep(50);  // all at once
+    const int rc = sbacc_nv_init(cnt);
+    for (const auto& line : trace.Lines()) {
+      if (line.text.find("repaired by controller") == std::string::npos) continue;
+      int kind = 0;
+      while (kind < 3 && line.text.find(kKinds[kind]) == std::string::npos) ++kind;
+      ++shared[line.text.find("repaired by controller " + std::to_string(cnt)) == std::string::npos ? 3 : kind];
+    }
+    return rc == 0 ? 0 : 1;
+  });
+  EXPECT_EQ(std::vector<int>({c.fresh ? 0 : 1, c.fresh ? 0 : 1, 1, 0}),
+            std::vector<int>(shared, shared + 4)) << "controllers per kind of repair";
+  EXPECT_EQ("", StartUpWork::Done(sim, !c.fresh));
+  munmap(shared, 4096);
+}
+
+const StartUpCase kStartUpCases[] = {{"two", 2, 0, false},          {"three", 3, 0, false},
+                                     {"four", 4, 0, false},         {"three_master_2", 3, 2, false},
+                                     {"four_no_master", 4, 9, false}, {"four_new", 4, 0, true},
+                                     {"three_new_no_master", 3, 9, true}};
+INSTANTIATE_TEST_SUITE_P(Controllers, StartUps, ::testing::ValuesIn(kStartUpCases),
+                         [](const ::testing::TestParamInfo<StartUpCase>& p) { return std::string(p.param.name); });
 
 }  // namespace

@@ -67,8 +67,9 @@ const Case kCases[] = {
     // write into whatever lies behind the area, and must copy the capacity.
     {"rebuild_size_6000", 2, StaleBehind<6000>, kRestore, 0, 1, 0},
     {"rebuild_size_max", 2, StaleBehind<INT_MAX>, kRestore, 0, 1, 0},
-    // Left open, and controller 1 holds the repair lock; this controller is
-    // not the master, so the lock is never had.
+    // Left open, and controller 1, the master, holds the repair lock; this
+    // controller may not clear its byte, so the lock is not had within the
+    // wait.
     {"lock_refused_keeps_headers", 2,
      [](Sim& s) {
        for (int c = 0; c < 2; ++c) s.EditHeader(0, c, [](auto& h) { h.openflag = 1; });
@@ -81,7 +82,7 @@ void PrintTo(const Case& c, std::ostream* os) { *os << c.name; }
 
 // Area "a" holding Pattern(kLen, 1) on every copy, closed cleanly, then poked.
 void Prepare(Sim& sim, const Case& c) {
-  setenv("SBACC_REPAIRLOCK_MAXRETRY", "1", 1);
+  setenv("SBACC_REPAIRLOCK_WAIT", "1", 1);
   setenv("SANFWCTL_MASTER", "1", 1);
   sim.SetAreas({{"a", kAddr, kSize, c.copies}});
   sbacc_test::Store("a", Pattern(kLen, 1));

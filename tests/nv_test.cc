@@ -1,6 +1,7 @@
 // The storage layer: header and NV record bytes as they land (little-endian,
 // at their offsets, the magic last), positions beyond 4 GiB, the repair lock
-// bytes per controller with master precedence, and the repair set-up.
+// bytes and heartbeats per controller with the rank of the master and the
+// lower numbers, and the repair set-up.
 #include "testutil.h"
 
 namespace {
@@ -28,7 +29,7 @@ class NvTest : public ::testing::Test {
   }
   Bytes Lock(int area = 3) const { return sim_.NvBytes(SBACC_NV_BASE + 128 * area + kMemRepairlock, 4); }
   void SetLock(const Bytes& b, int area = 3) { sim_.PutNvBytes(SBACC_NV_BASE + 128 * area + kMemRepairlock, b.data(), 4); }
-  long Calls(FaultEnv::Op op) const { return env_.Calls(op); }
+  static long Calls(int kind) { return sanfwctl_call_count(kind); }
 
   sbacc_test::Sim sim_{2, kAt + 8192};
   FaultEnv env_;  // records the pauses instead of sleeping
@@ -76,12 +77,21 @@ TEST_F(NvTest, InitialisationWritesExactRecordsMagicLast) {
   memcpy(&want[128], "SBNM\3\0\0\0a3", 10);
   want[128 + 40] = 2;  // hddcount
   EXPECT_EQ(sim_.NvBytes(kRec3 - 128, 384), want);
-  env_.FailOp(FaultEnv::kNvWrite, "", 1, -1, EIO);  // the body lands, the magic never
+  // The repair lock bytes and heartbeats are left as they are (another
+  // controller's lock survives this one's NV initialisation, and so does its
+  // own); all else is made afresh, of a valid record or not (below).
+  sim_.EditNvEntry(3, [](auto& r) { r.hddblockade = 5, r.hddrepairlock_cntno[1] = 1, r.lockbeat[1] = 0x0304; });
+  ASSERT_EQ(sbacc_l_memini_entry(sfd_, &e), 0);
+  want[128 + kMemRepairlock + 1] = 1, want[128 + kMemLockbeat + 2] = 4, want[128 + kMemLockbeat + 3] = 3;
+  EXPECT_EQ(sim_.NvBytes(kRec3 - 128, 384), want);
+  sanfwctl_set_fault(SANFWCTL_FAULT_WRITE, Calls(SANFWCTL_FAULT_WRITE) + 1, -1);  // the body lands, the magic never
   EXPECT_EQ(sbacc_l_memini_entry(sfd_, &e), SBACC_E_NVWRITE);
-  env_.ClearRules();
+  sanfwctl_set_fault(SANFWCTL_FAULT_WRITE, 0, 0);
   EXPECT_EQ(sim_.NvBytes(kRec3, 8), Bytes({0, 0, 0, 0, 3, 0, 0, 0}));
   EXPECT_EQ(sbacc_memget_check_entry(sfd_, &e), SBACC_E_NOTINIT);
   EXPECT_TRUE(trace_.Has("[sbacc_memget_check_entry] NV is not initialized"));
+  ASSERT_EQ(sbacc_l_memini_entry(sfd_, &e), 0);
+  EXPECT_EQ(sim_.NvBytes(kRec3 - 128, 384), want);
 }
 
 TEST_F(NvTest, AccessorsTouchExactlyTheirBytes) {
@@ -91,7 +101,8 @@ TEST_F(NvTest, AccessorsTouchExactlyTheirBytes) {
       {[](auto* s) { return sbacc_memset_latesthdd(s, 0x0102u); }, 4528, {2, 1, 0, 0}},
       {[](auto* s) { return sbacc_memset_hddrepair(s, 0x81); }, 4532, {0x81}},
       {[](auto* s) { return sbacc_memset_hddrepairlock(s, 0, 1); }, 4536, {1}},
-      {[](auto* s) { return sbacc_memset_hddrepairlock(s, 2, 1); }, 4538, {1}}};
+      {[](auto* s) { return sbacc_memset_hddrepairlock(s, 2, 1); }, 4538, {1}},
+      {[](auto* s) { return sbacc_memset_lockbeat(s, 3, 0xfffe); }, 4606, {0xfe, 0xff}}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.pos);
     Bytes want(130, 0xEE);  // one guard byte on each side of the record
@@ -109,54 +120,89 @@ TEST_F(NvTest, AccessorsTouchExactlyTheirBytes) {
   uint32_t mask = 0;
   uint8_t repair = 0, raw[128];
   Bytes locks(4);
+  uint16_t beats[4];
   SBACC_MEM_LIST_ENTRY e;
   ASSERT_EQ(sbacc_memget_hddblockade(sfd_, &mask) | sbacc_memget_hddrepair(sfd_, &repair) |
-                sbacc_memget_hddrepairlock_all(sfd_, locks.data()) | sbacc_memget_entry(sfd_, &e), 0);
+                sbacc_memget_hddrepairlock_all(sfd_, locks.data()) | sbacc_memget_lockbeat_all(sfd_, beats) |
+                sbacc_memget_entry(sfd_, &e),
+            0);
   EXPECT_EQ(mask, 0xafaeadacu);
   EXPECT_EQ(repair, 0xb4);
   EXPECT_EQ(locks, Bytes({0xb8, 0xb9, 0xba, 0xbb}));
+  EXPECT_TRUE(beats[0] == 0xf9f8 && beats[3] == 0xfffe && e.lockbeat[1] == 0xfbfa);
   sbacc_l_encode_entry(&e, raw);
   EXPECT_EQ(Bytes(raw, raw + 128), rec);
 }
 
-// Own byte raised; on contention lowered again and, unless this controller
-// is the master (which clears the other's byte and retries at once), a 100 ms
-// pause; a raised byte of controller 2 or 3 cannot be judged; a failed status
-// call is a plain back-off; a number outside 0..3 writes nothing.
-TEST_F(NvTest, RepairLockEnterTakesOrGivesUp) {
+// The lock taken by any of four controllers against any other (beyond the
+// base design): free, it is taken at once, without a status call or a pause.
+// Met, the contender that ranks first among the raised bytes (the master,
+// then the lowest number) keeps its byte up and the others lower theirs,
+// each pausing a random 1 to 200 ms; after SBACC_REPAIRLOCK_WAIT seconds of
+// pauses it gives up with its byte down.  Only the master clears another
+// byte, and only one whose heartbeat it has watched stand still for
+// SBACC_REPAIRLOCK_STALE seconds.  `other` stands in for the other side
+// during the pauses: it beats controller h's heartbeat, and lowers its byte
+// once `leaves` microseconds of pauses have passed.
+TEST_F(NvTest, RepairLockEnterTakesWaitsOrGivesUp) {
+  constexpr int64_t kWait = 2000000, kStale = 1000000, kSlack = 200000;
   const struct {
     const char* name;
     int own;
     Bytes before;
-    int master, status_failures, maxretry, rc, sleeps, status_calls;
+    int master, status_failures;
+    int live;        // controller whose heartbeat moves while we pause, -1 none
+    int64_t leaves;  // its byte goes down after this long, 0 never
+    int rc;
+    int64_t waited;  // the pauses add up to this (up to one more pause)
     Bytes after;
+    uint16_t beat;  // own heartbeat afterwards (7 before): 0 once released, or given up after beating
   } cases[] = {
-      {"Free", 0, {0, 0, 0, 0}, 1, 0, 3, 0, 0, 0, {1, 0, 0, 0}},
-      {"HeldByOtherNotMaster", 0, {0, 1, 0, 0}, 1, 0, 3, SBACC_E_REPAIR, 3, 3, {0, 1, 0, 0}},
-      {"RetryLimitFromEnv", 0, {0, 1, 0, 0}, 1, 0, 1, SBACC_E_REPAIR, 1, 1, {0, 1, 0, 0}},
-      {"MasterClearsOther", 0, {0, 1, 0, 0}, 0, 0, 3, 0, 0, 1, {1, 0, 0, 0}},
-      {"Master1Clears0", 1, {1, 0, 0, 0}, 1, 0, 3, 0, 0, 1, {0, 1, 0, 0}},
-      {"Controller2Raised", 0, {0, 0, 1, 0}, 0, 0, 3, SBACC_E_UNSUPPORTED, 0, 0, {0, 0, 1, 0}},
-      {"Controller3AfterNonMaster0", 1, {1, 0, 0, 1}, 0, 0, 3, SBACC_E_UNSUPPORTED, 0, 1, {1, 0, 0, 1}},
-      {"StatusFailureIsABackoff", 0, {0, 1, 0, 0}, 0, 1, 3, 0, 1, 2, {1, 0, 0, 0}},
-      {"StatusAlwaysFails", 0, {0, 1, 0, 0}, 0, -1, 3, SBACC_E_REPAIR, 3, 3, {0, 1, 0, 0}},
-      {"ControllerNumber4", 4, {0, 1, 0, 0}, 4, 0, 3, SBACC_E_PARAM, 0, 0, {0, 1, 0, 0}},
-      {"ControllerNumberNegative", -1, {0, 0, 0, 0}, 0, 0, 3, SBACC_E_PARAM, 0, 0, {0, 0, 0, 0}}};
+      {"Free", 0, {0, 0, 0, 0}, 1, 0, -1, 0, 0, 0, {1, 0, 0, 0}, 0},
+      {"FirstRankedWaitsForAStaleByteItMayNotClear", 0, {0, 1, 0, 0}, 2, 0, -1, 0, SBACC_E_REPAIR, kWait, {0, 1, 0, 0}, 0},
+      {"LowerRankedBacksOffUntilTheBound", 2, {0, 1, 0, 0}, 9, 0, -1, 0, SBACC_E_REPAIR, kWait, {0, 1, 0, 0}, 7},
+      {"Controller3IsWaitedForNotRefused", 0, {0, 0, 0, 1}, 1, 0, -1, 0, SBACC_E_REPAIR, kWait, {0, 0, 0, 1}, 0},
+      {"MasterClearsAStaleByte", 0, {0, 1, 0, 0}, 0, 0, -1, 0, 0, kStale, {1, 0, 0, 0}, 0},
+      {"MasterWaitsForALiveHolder", 0, {0, 1, 0, 0}, 0, 0, 1, 0, SBACC_E_REPAIR, kWait, {0, 1, 0, 0}, 0},
+      {"MasterTakesWhenTheLiveHolderLeaves", 0, {0, 0, 1, 0}, 0, 0, 2, 1500000, 0, 1500000, {1, 0, 0, 0}, 0},
+      {"LowerRankedTakesWhenTheHolderLeaves", 3, {0, 1, 0, 0}, 9, 0, 1, 500000, 0, 500000, {0, 0, 0, 1}, 0},
+      {"FailedStatusCallMeansNoMaster", 1, {1, 0, 0, 0}, 1, 1, -1, 0, SBACC_E_REPAIR, kWait, {1, 0, 0, 0}, 7},
+      {"ControllerNumber4", 4, {0, 1, 0, 0}, 4, 0, -1, 0, SBACC_E_PARAM, 0, {0, 1, 0, 0}, 7}};
+  setenv("SBACC_REPAIRLOCK_WAIT", "2", 1);
+  setenv("SBACC_REPAIRLOCK_STALE", "1", 1);
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    setenv("SBACC_REPAIRLOCK_MAXRETRY", std::to_string(c.maxretry).c_str(), 1);
     Alloc();
     setenv("SANFWCTL_MASTER", std::to_string(c.master).c_str(), 1);
     SetLock(c.before);
+    sim_.EditNvEntry(3, [](auto& e) { std::fill(std::begin(e.lockbeat), std::end(e.lockbeat), 7); });
     sbacc_cntno = c.own;
-    env_.FailOp(FaultEnv::kStatus, "", 0, c.status_failures, EIO);
+    const long status = Calls(SANFWCTL_FAULT_STATUS), writes = Calls(SANFWCTL_FAULT_WRITE);
+    sanfwctl_set_fault(SANFWCTL_FAULT_STATUS, status, c.status_failures);
     env_.ResetCounters();
+    const int stale_traces = trace_.CountContaining("lock byte is stale");
+    int64_t paused = 0;
+    env_.OnSleep([&](unsigned us) {
+      paused += us;
+      if (c.live >= 0) sim_.EditNvEntry(3, [&](auto& e) { ++e.lockbeat[c.live]; });
+      if (c.leaves > 0 && paused >= c.leaves) sim_.EditNvEntry(3, [&](auto& e) { e.hddrepairlock_cntno[c.live] = 0; });
+    });
     EXPECT_EQ(c.rc, sbacc_ma_enter_repairlock(sfd_));
+    env_.OnSleep({});
     EXPECT_EQ(c.after, Lock());
-    EXPECT_EQ(std::vector<unsigned>(c.sleeps, 100000u), env_.Sleeps());
-    EXPECT_EQ(c.status_calls, Calls(FaultEnv::kStatus));
-    EXPECT_TRUE(c.rc != SBACC_E_PARAM || Calls(FaultEnv::kNvWrite) == 0);
-    env_.ClearRules();
+    EXPECT_TRUE(paused >= c.waited && paused < c.waited + kSlack) << paused;
+    const std::vector<unsigned> sleeps = env_.Sleeps();
+    const std::set<unsigned> distinct(sleeps.begin(), sleeps.end());
+    EXPECT_TRUE(distinct.empty() || (*distinct.begin() >= 1000 && *distinct.rbegin() <= 200000 &&
+                                     (sleeps.size() < 8 || distinct.size() > sleeps.size() / 2)))
+        << "pauses out of range or not random";
+    EXPECT_EQ(c.waited > 0 ? 1 : 0, Calls(SANFWCTL_FAULT_STATUS) - status);
+    EXPECT_TRUE(c.rc != SBACC_E_PARAM || writes == Calls(SANFWCTL_FAULT_WRITE));
+    EXPECT_EQ(c.rc == 0 && c.waited > 0 && c.master == c.own && c.live < 0,
+              trace_.CountContaining("lock byte is stale") > stale_traces);
+    EXPECT_TRUE(c.rc != 0 || (sbacc_ma_leave_repairlock(sfd_) == 0 && Lock()[static_cast<size_t>(c.own)] == 0));
+    EXPECT_EQ(c.beat, sim_.NvEntry(3).lockbeat[c.own & 3]);
+    sanfwctl_set_fault(SANFWCTL_FAULT_STATUS, 0, 0);
   }
 }
 
@@ -172,9 +218,9 @@ TEST_F(NvTest, RepairInitClearsOwnBytesOnceOnly) {
   EXPECT_EQ((Bytes{1, 0, 0, 0}), Lock(0));
   EXPECT_EQ((Bytes{0, 0, 1, 0}), Lock(3));
   EXPECT_EQ(B_TRUE, sbacc_repair_flag(B_FALSE));
-  long writes = Calls(FaultEnv::kNvWrite);
+  long writes = Calls(SANFWCTL_FAULT_WRITE);
   EXPECT_EQ(SBACC_E_NOTALLOWED, sbacc_repair_init(1));
-  EXPECT_EQ(writes, Calls(FaultEnv::kNvWrite));
+  EXPECT_EQ(writes, Calls(SANFWCTL_FAULT_WRITE));
   EXPECT_EQ(1, trace_.Count("[sbacc_repair_init]   retcode: -101"));
   sbacc_reset_process_state();
   EXPECT_EQ(B_TRUE, sbacc_repair_flag(B_TRUE));
@@ -186,7 +232,7 @@ TEST_F(NvTest, RepairInitClearsOwnBytesOnceOnly) {
   sim_.SetFilelistText("# no area\n");
   EXPECT_EQ(0, sbacc_repair_init(7));
   EXPECT_EQ(B_TRUE, sbacc_repair_flag(B_FALSE));
-  EXPECT_EQ(writes, Calls(FaultEnv::kNvWrite));
+  EXPECT_EQ(writes, Calls(SANFWCTL_FAULT_WRITE));
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // Start-up restore on HDD image files: which copy wins and how stale copies
 // are rebuilt, the mask and verdict recorded per area, and a stale copy kept
-// fenced off.  The parallel restore of many areas is in concurrency_test.cc.
+// fenced off; every write under its repair lock, and a lost lock stopping
+// the start-up.  The parallel restore of many areas is in concurrency_test.cc.
 #include "testutil.h"
 
 namespace {
@@ -134,6 +135,65 @@ TEST_F(RestoreTest, StaleCopyNeverServedWhenAStepFails) {
       EXPECT_EQ(Pattern(0), got);
     }
     EXPECT_EQ(0, sbacc_close(fp));
+  }
+}
+
+// Beyond the base design.  Uncut, every write of a start-up is made under
+// its area's repair lock (the seven paired areas' locks over the whole HDD
+// and data repair, each area's own over its NV initialisation).  Cut (the
+// lock lost: its byte cleared at the first write after the trace line
+// `after`), the start-up stops at its next durable step: nothing more is
+// written but the rest of the transfer in flight (its other copies, or a
+// header's magic after its body) but the repairs of areas whose locks the
+// start-up takes afresh, and the start-up fails.  Either way the next start-up leaves every area as it
+// should be.
+TEST_F(RestoreTest, EveryWriteUnderTheLockAndALostLockStops) {
+  using sbacc_test::StartUpWork;
+  const char* const kCuts[] = {nullptr, "update candidate HDD[1]. plain", "[repair_for_restore] set open info",
+                               "] rebuild plain ", "] resync intent ", "] data repair of the paired areas "};
+  sbacc::CrewSetBound(0);  // every task in its caller: one write at a time
+  for (const char* after : kCuts) {
+    SCOPED_TRACE(after != nullptr ? after : "uncut");
+    Sim sim(2, 64 * 1024, true);
+    ASSERT_NO_THROW(StartUpWork::Plant(sim, 2));
+    FaultEnv env;
+    TraceCapture trace;
+    auto nv = [&] {  // the records, their lock bytes and heartbeats aside
+      Bytes b = sim.NvBytes(SBACC_NV_BASE, 128 * StartUpWork::kAreas);
+      for (size_t r = 0; r < b.size(); r += 128) {
+        std::fill_n(b.begin() + static_cast<long>(r) + kMemRepairlock, 4, 0);
+        std::fill_n(b.begin() + static_cast<long>(r) + kMemLockbeat, 8, 0);
+      }
+      return b;
+    };
+    auto up = [&](int a) { return sim.NvBytes(SBACC_NV_BASE + 128ull * a + kMemRepairlock, 1)[0] != 0; };
+    std::optional<FaultEnv::Write> cut;
+    Bytes at_cut;
+    std::vector<std::string> wrong;
+    env.OnWrite([&](const FaultEnv::Write& w) {
+      const int area = static_cast<int>((static_cast<uint64_t>(w.pos) - 0x1000) / 4096);
+      // After the cut only the transfer in flight goes on, and the repair of
+      // an area whose lock this controller has taken afresh.
+      if (cut && !(w.pos == cut->pos && (w.len == cut->len || w.path == cut->path)) && !up(area))
+        wrong.push_back("after the cut");
+      const bool restoring = trace.CountContaining("===== HDD/Data repair end") == 0;
+      for (int a = 0; a < StartUpWork::kAreas && !cut; ++a) {
+        if ((a == area || (restoring && a >= StartUpWork::kPaired)) && !up(a)) wrong.push_back("lock down");
+      }
+      if (cut || after == nullptr || trace.CountContaining(after) == 0) return;
+      cut = w;
+      for (int a = 0; a < StartUpWork::kAreas; ++a) sim.PutNvBytes(SBACC_NV_BASE + 128ull * a + kMemRepairlock, "\0", 1);
+      at_cut = nv();
+    });
+    EXPECT_EQ(after == nullptr ? 0 : SBACC_E_REPAIR, sbacc_nv_init(0));
+    env.OnWrite({});
+    EXPECT_EQ(std::vector<std::string>(), wrong) << (cut ? cut->path : "");
+    EXPECT_EQ(after != nullptr, cut.has_value());
+    EXPECT_TRUE(!cut || at_cut == nv()) << "an NV record changed after the cut";
+    EXPECT_EQ(after == nullptr, trace.CountContaining("repair lock lost") == 0);
+    sbacc_reset_process_state();
+    EXPECT_EQ(0, sbacc_nv_init(0));
+    EXPECT_EQ("", StartUpWork::Done(sim));
   }
 }
 

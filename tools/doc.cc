@@ -64,7 +64,12 @@ const EnvEntry kEnvironment[] = {
     {"SBACC_MEMSET_MAXRETRY", "NV write retries, 1-999 (default 5).", ""},
     {"SBACC_MEMGET_MAXRETRY", "NV read retries, 1-999 (default 5).", ""},
     {"SBACC_REPAIR_MAXRETRY", "Repair copy retries, 1-999 (default 3).", ""},
-    {"SBACC_REPAIRLOCK_MAXRETRY", "Repair lock back-offs, 1-999 (default 3).", ""},
+    {"SBACC_REPAIRLOCK_WAIT",
+     "Seconds to wait for an area's repair lock before giving up, 1-86400 (default 600).", ""},
+    {"SBACC_REPAIRLOCK_STALE",
+     "Seconds the master watches another controller's repair lock byte with a heartbeat that does not move before "
+     "it clears it, 1-3600 (default 60).",
+     ""},
     {"SBACC_FENCE_MERGE", "1 (default): a handle only adds copies to the fenced set in NV; 0: writes its own view.", ""},
     {"SBACC_RESTORE_RESYNC", "1 (default): the start-up resyncs copies a cut write may have left differing; 0: off.",
      ""},

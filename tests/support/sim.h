@@ -27,6 +27,7 @@
 #include <memory>
 #include <mutex>
 #include <numeric>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -307,11 +308,13 @@ inline SBACC_MEM_LIST_ENTRY ValidEntry(const std::string& name, int hddcount, ui
   return e;
 }
 
-// Failure paths at test speed: one NV retry, one repair lock attempt, this
-// controller the master; temporary files in memory when there is such a place.
+// Failure paths at test speed: one NV retry, a repair lock given up after a
+// second and a lock byte taken for stale after a second, this controller the
+// master; temporary files in memory when there is such a place.
 inline void QuickFailures() {
   if (getenv("TMPDIR") == nullptr && access("/dev/shm", W_OK) == 0) setenv("TMPDIR", "/dev/shm", 1);
-  for (const char* v : {"SBACC_MEMSET_MAXRETRY", "SBACC_MEMGET_MAXRETRY", "SBACC_REPAIRLOCK_MAXRETRY"}) setenv(v, "1", 1);
+  for (const char* v : {"SBACC_MEMSET_MAXRETRY", "SBACC_MEMGET_MAXRETRY", "SBACC_REPAIRLOCK_WAIT", "SBACC_REPAIRLOCK_STALE"})
+    setenv(v, "1", 1);
   setenv("SANFWCTL_MASTER", "0", 1);
 }
 
@@ -461,6 +464,10 @@ class FaultEnv : public sbacc::Env {
   void Shake(uint64_t seed) { shake_seed_ = seed, shake_calls_ = 0; }
   void Reschedule() override { Jiggle(); }
   std::vector<unsigned> Sleeps() const { return Locked([&] { return sleeps_; }); }
+  // From now every sleep, once recorded, runs `hook` with its length outside
+  // the lock: a test's stand-in for what another controller does meanwhile,
+  // or a real pause.
+  void OnSleep(std::function<void(unsigned)> hook) { Locked([&] { on_sleep_ = std::move(hook); }); }
 
   // Calls of `op` on `path` so far ("" = on every path together).
   long Calls(Op op, const std::string& path = "") const {
@@ -477,6 +484,9 @@ class FaultEnv : public sbacc::Env {
     std::string path;
   };
   std::vector<Write> WriteLog() const { return Locked([&] { return writes_; }); }
+  // From now `hook` sees every write (as logged) before it is made, outside
+  // the lock: a test's stand-in for what happens elsewhere meanwhile.
+  void OnWrite(std::function<void(const Write&)> hook) { Locked([&] { on_write_ = std::move(hook); }); }
   // Zeroes the call counters, the sleep record and the write log (rules
   // keep their own).
   void ResetCounters() {
@@ -503,6 +513,8 @@ class FaultEnv : public sbacc::Env {
     int err = Enter(kWrite, fd, "", &cut);
     size_t n = Moved(len, cut);
     bool made = false;
+    std::function<void(const Write&)> hook;
+    Write logged;
     Locked([&] {
       const uint64_t at = static_cast<uint64_t>(pos);
       if (bound_hi_ > bound_lo_ && (pos < 0 || at < bound_lo_ || at + len > bound_hi_)) {
@@ -512,7 +524,9 @@ class FaultEnv : public sbacc::Env {
       }
       auto it = fd_paths_.find(fd);
       err = MeetPower(pos, len, it != fd_paths_.end() ? it->second.path : "", err, &n, &made);
+      hook = on_write_, logged = writes_.back();
     });
+    if (hook) hook(logged);
     const ssize_t rc = err == 0 || n > 0 ? base_->WriteAt(fd, buf, n, pos) : -1;
     AfterWrite(made);
     if (err != 0) errno = err;
@@ -555,7 +569,11 @@ class FaultEnv : public sbacc::Env {
     const int err = Enter(kCond, -1);
     return err != 0 ? err : base_->CondInit(c);
   }
-  void SleepMicros(unsigned micros) override { Locked([&] { sleeps_.push_back(micros); }); }
+  void SleepMicros(unsigned micros) override {
+    std::function<void(unsigned)> hook;
+    Locked([&] { sleeps_.push_back(micros), hook = on_sleep_; });
+    if (hook) hook(micros);
+  }
   time_t Now() override {
     const time_t fixed = Locked([&] { return fixed_clock_ ? now_ : time_t{-1}; });
     return fixed != -1 ? fixed : base_->Now();
@@ -676,10 +694,68 @@ class FaultEnv : public sbacc::Env {
   bool fixed_clock_ = false;
   time_t now_ = 0;
   std::vector<unsigned> sleeps_;
+  std::function<void(unsigned)> on_sleep_;
+  std::function<void(const Write&)> on_write_;
   std::vector<Write> writes_;
   uint64_t bound_lo_ = 0, bound_hi_ = 0;  // no bound while equal
   std::atomic<uint64_t> shake_seed_{0};
   std::atomic<uint64_t> shake_calls_{0};
+};
+
+// A controller's areas with work for a start-up (4 KiB each, side by side
+// from 0x1000, on every HDD): "plain", whose copy 1 missed a rewrite (a
+// rebuild); "intent", a write cut between its copies (a resync); "other",
+// with nothing to do; then the seven paired areas, envfw_backup0 left open by
+// a writer that died (a data repair: backup1 over backup0, the markers, verid
+// one past verback).  Without Plant() the areas are new: HDDs and NV never
+// written.
+struct StartUpWork {
+  static void SetAreas(Sim& sim, int copies) {
+    std::vector<AreaSpec> areas;
+    for (const char* n : kNames) areas.push_back({n, 0x1000 + 4096 * areas.size(), 4096, copies});
+    sim.SetAreas(areas);
+  }
+  static constexpr int kAreas = 10, kPlain = 0, kIntent = 1, kPaired = 3;  // the seven from kPaired on
+  static constexpr const char* kNames[kAreas] = {
+      "plain", "intent", "other", "envfw_backup0", "envfw_backup1", "envfw_sysback", "envfw_sysacpt",
+      "envfw_verid", "envfw_verback", "envfw_reboot"};
+  static std::vector<Bytes> Before() {
+    return {Pattern(300, 3), Pattern(300, 4), Pattern(100, 5), Pattern(200, 1), Pattern(150, 2),
+            Text("envfw_backup0"), Text("envfw_backup1"), {7, 0, 0, 0}, {6, 0, 0, 0}, {7, 0, 0, 0}};
+  }
+  static void Plant(Sim& sim, int copies) {
+    SetAreas(sim, copies);
+    for (int a = 0; a < kAreas; ++a) Store(kNames[a], Before()[a]);
+    if (sbacc_nv_init(0) != 0) throw std::runtime_error("start-up of the planted areas");
+    {
+      FaultEnv env;
+      env.FailOp(FaultEnv::kWrite, sim.HddPath(1), 0, -1, EIO);
+      Store("plain", Pattern(300, 6));
+    }
+    sim.PutData(kIntent, 1, 10, Pattern(20, 7));  // landed on copy 1 alone; copy 0 has the record
+    sim.EditHeader(kIntent, 0, [](auto& h) { h.writeflag = 1, h.write_offset = 10, h.write_size = 20; });
+    for (int i = 0; i < copies; ++i) sim.EditHeader(kPaired, i, [](auto& h) { h.openflag = 1; });
+    sbacc_reset_process_state();
+  }
+  // Every area healthy (copies that agree, a valid NV record with nothing
+  // fenced off, under repair or locked, no copy left open) and, when the
+  // work was planted, holding what the start-up's repairs leave.
+  static std::string Done(const Sim& sim, bool planted = true) {
+    std::vector<Bytes> want = Before();
+    want[kPlain] = Pattern(300, 6);
+    std::copy(want[kPaired + 1].begin(), want[kPaired + 1].end(), want[kPaired].begin());  // backup1 over backup0
+    want[kPaired + 4] = {7, 0, 0, 0};
+    for (int a = 0; a < kAreas; ++a) {
+      const SBACC_MEM_LIST_ENTRY e = sim.NvEntry(a);
+      const SBACC_HDD_HEADER h = sim.Header(a, 0);
+      const bool free = std::all_of(e.hddrepairlock_cntno, e.hddrepairlock_cntno + 4, [](int b) { return b == 0; }) &&
+                        std::all_of(e.lockbeat, e.lockbeat + 4, [](int b) { return b == 0; });
+      if (!sim.Disagreement(a).empty() || !sbacc_l_entry_valid(&e) || e.hddblockade != 0 || e.hddrepair != 0 ||
+          !free || h.openflag != 0 || (planted && sim.Data(a, 0, static_cast<size_t>(h.filesize)) != want[a]))
+        return std::string(kNames[a]) + " is not as the start-up should leave it " + sim.Disagreement(a);
+    }
+    return "";
+  }
 };
 
 }  // namespace sbacc_test
