@@ -84,6 +84,8 @@ int sbacc_ma_repairlock_check(SBACC_FILE_DISCRIPTER* sfd);
 // Forgets the locks this process counts as held (its bytes stay as they are).
 void sbacc_ma_repairlock_forget();
 int sbacc_ma_mem_check_blockade(SBACC_FILE_DISCRIPTER* sfd, int hdd);
+// Tests: takes (true) or releases (false) the process's record of the locks it holds.
+void sbacc_ma_repairlock_state_for_test(bool hold);
 
 // ---- HDD repair copy -------------------------------------------------------------
 int sbacc_ma_hddrepair_copy(SBACC_FILE_DISCRIPTER* sfd, int src, int dst);

@@ -147,6 +147,18 @@ struct AtforkRegistrar {
   AtforkRegistrar() { pthread_atfork(AtforkPrepare, AtforkParent, AtforkChild); }
 } g_atfork_registrar;
 
+}  // namespace
+
+void sbacc_ma_repairlock_state_for_test(bool hold) {
+  if (hold) {
+    pthread_mutex_lock(&g_mu);
+  } else {
+    pthread_mutex_unlock(&g_mu);
+  }
+}
+
+namespace {
+
 // Writes controller `own`'s heartbeat of area `index` through a descriptor
 // that carries only what an NV transfer uses.  A failed write only misses
 // one beat; it is traced by the accessor.

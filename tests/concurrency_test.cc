@@ -81,7 +81,8 @@ TEST_F(Concurrency, ForkWhileEachLockIsHeld) {
     void (*hold)(bool);
   } kLocks[] = {{"crew", sbacc::CrewLockForTest},
                 {"allocator", sbacc::AllocLockForTest},
-                {"NV records", sbacc::NvRecordLocksForTest}};
+                {"NV records", sbacc::NvRecordLocksForTest},
+                {"repair locks held", sbacc_ma_repairlock_state_for_test}};
   for (const auto& lock : kLocks) {
     SCOPED_TRACE(lock.name);
     std::atomic<bool> held{false};
