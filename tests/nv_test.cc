@@ -159,7 +159,6 @@ TEST_F(NvTest, RepairLockEnterTakesWaitsOrGivesUp) {
     uint16_t beat;  // own heartbeat afterwards (7 before): 0 once released, or given up after beating
   } cases[] = {
       {"Free", 0, {0, 0, 0, 0}, 1, 0, -1, 0, 0, 0, {1, 0, 0, 0}, 0},
-      {"FirstRankedWaitsForAStaleByteItMayNotClear", 0, {0, 1, 0, 0}, 2, 0, -1, 0, SBACC_E_REPAIR, kWait, {0, 1, 0, 0}, 0},
       {"LowerRankedBacksOffUntilTheBound", 2, {0, 1, 0, 0}, 9, 0, -1, 0, SBACC_E_REPAIR, kWait, {0, 1, 0, 0}, 7},
       {"Controller3IsWaitedForNotRefused", 0, {0, 0, 0, 1}, 1, 0, -1, 0, SBACC_E_REPAIR, kWait, {0, 0, 0, 1}, 0},
       {"MasterClearsAStaleByte", 0, {0, 1, 0, 0}, 0, 0, -1, 0, 0, kStale, {1, 0, 0, 0}, 0},

@@ -158,17 +158,16 @@ TEST_F(RestoreTest, EveryWriteUnderTheLockAndALostLockStops) {
     ASSERT_NO_THROW(StartUpWork::Plant(sim, 2));
     FaultEnv env;
     TraceCapture trace;
-    auto nv = [&] {  // the records, their lock bytes and heartbeats aside
-      Bytes b = sim.NvBytes(SBACC_NV_BASE, 128 * StartUpWork::kAreas);
-      for (size_t r = 0; r < b.size(); r += 128) {
-        std::fill_n(b.begin() + static_cast<long>(r) + kMemRepairlock, 4, 0);
-        std::fill_n(b.begin() + static_cast<long>(r) + kMemLockbeat, 8, 0);
+    auto nv = [&] {  // what the records say of the copies
+      std::vector<uint64_t> v;
+      for (int a = 0; a < StartUpWork::kAreas; ++a) {
+        v.push_back(uint64_t{sim.NvEntry(a).hddblockade} << 8 | sim.NvEntry(a).hddrepair);
       }
-      return b;
+      return v;
     };
     auto up = [&](int a) { return sim.NvBytes(SBACC_NV_BASE + 128ull * a + kMemRepairlock, 1)[0] != 0; };
     std::optional<FaultEnv::Write> cut;
-    Bytes at_cut;
+    std::vector<uint64_t> at_cut;
     std::vector<std::string> wrong;
     env.OnWrite([&](const FaultEnv::Write& w) {
       const int area = static_cast<int>((static_cast<uint64_t>(w.pos) - 0x1000) / 4096);
