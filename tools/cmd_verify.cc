@@ -82,20 +82,25 @@ std::string Describe(const Difference& d) {
 // Rewrites copy dst from the reference.  The magic goes first and comes back
 // last, each write flushed, so a copy interrupted half-way has an invalid
 // header and is rebuilt at the next start-up instead of being trusted.
+// Like every repair, it looks at its repair lock before each write and stops
+// once the lock is lost (the copy then has no magic and is rebuilt later).
 int Rewrite(AreaProbe& p, const CopyProbe& ref, const std::vector<uint8_t>& ref_data, int dst) {
   SBACC_FILE_DISCRIPTER* sfd = p.sfd();
   const uint8_t no_magic[4] = {0, 0, 0, 0};
-  int rc = sbacc_l_hddset(sfd, dst, kHdrMagic, no_magic, sizeof no_magic);
+  int rc = sbacc_ma_repairlock_check(sfd);
+  if (rc == 0) rc = sbacc_l_hddset(sfd, dst, kHdrMagic, no_magic, sizeof no_magic);
   if (rc != 0) return rc;
   const int64_t n = std::clamp<int64_t>(ref.hdr.filesize, 0, static_cast<int64_t>(ref_data.size()));
   for (int64_t off = 0; off < n; off += kChunk) {
     const int len = static_cast<int>(std::min<int64_t>(kChunk, n - off));
-    rc = sbacc_l_hddset_data(sfd, dst, static_cast<int>(off), ref_data.data() + off, len);
+    rc = sbacc_ma_repairlock_check(sfd);
+    if (rc == 0) rc = sbacc_l_hddset_data(sfd, dst, static_cast<int>(off), ref_data.data() + off, len);
     if (rc != 0) return rc;
   }
-  rc = sbacc_l_hddset(sfd, dst, kHdrVersion, ref.raw + kHdrVersion, SBACC_HEADER_SIZE - kHdrVersion);
-  if (rc != 0) return rc;
-  return sbacc_l_hddset(sfd, dst, kHdrMagic, ref.raw + kHdrMagic, 4);
+  rc = sbacc_ma_repairlock_check(sfd);
+  if (rc == 0) rc = sbacc_l_hddset(sfd, dst, kHdrVersion, ref.raw + kHdrVersion, SBACC_HEADER_SIZE - kHdrVersion);
+  if (rc == 0) rc = sbacc_ma_repairlock_check(sfd);
+  return rc != 0 ? rc : sbacc_l_hddset(sfd, dst, kHdrMagic, ref.raw + kHdrMagic, 4);
 }
 
 struct Tally {
