@@ -221,6 +221,22 @@ Outcome Judge(size_t index, const std::vector<SBACC_FILE_LIST_ENTRY>& areas, con
   return o;
 }
 
+// What the start-up would leave, by the library's latest-copy rule: copies
+// that cannot be read fenced off, every other copy current (the stale ones
+// rebuilt from the source).  The data repair of the paired areas is not
+// foreseen: it depends on what the repairs find.
+AreaSnap Predict(const AreaSnap& b) {
+  AreaSnap a = b;
+  a.nv_valid = true;
+  a.nv_blockade = 0;
+  const bool any_valid = b.source >= 0;
+  for (size_t j = 0; j < a.copies.size(); ++j) {
+    a.copies[j].valid = b.copies[j].readable && any_valid;
+    if (!b.copies[j].readable) a.nv_blockade |= 1u << j;
+  }
+  return a;
+}
+
 void Print(int index, const char* name, const Outcome& o) {
   printf("%3d  %-31s %s", index, name, VerdictName(o.verdict));
   for (size_t i = 0; i < o.events.size(); ++i) printf("%s%s", i == 0 ? ": " : "; ", o.events[i].c_str());
@@ -229,11 +245,11 @@ void Print(int index, const char* name, const Outcome& o) {
 
 }  // namespace
 
-int CmdStartup(bool nv_init, int given_controller, bool force, bool json) {
+int CmdStartup(bool nv_init, int given_controller, bool force, bool json, bool dry_run) {
   const auto& areas = Areas();
-  const int controller = ControllerNumber(given_controller, true);
+  const int controller = ControllerNumber(given_controller, !dry_run);
   const char* what = nv_init ? "init" : "restore";
-  const std::vector<FileUser> users = OtherUsers(ControllerFiles());
+  const std::vector<FileUser> users = dry_run ? std::vector<FileUser>() : OtherUsers(ControllerFiles());
   if (!users.empty()) {
     if (!force) {
       throw std::runtime_error("refused: " + Holders(users) +
@@ -246,13 +262,19 @@ int CmdStartup(bool nv_init, int given_controller, bool force, bool json) {
   WarnAreaList();
   std::vector<AreaSnap> before, after;
   for (const SBACC_FILE_LIST_ENTRY& e : areas) before.push_back(Snapshot(e));
-  const int rc = WithTicker(nv_init ? "start-up restore and NV initialisation" : "start-up restore",
-                            [&] { return nv_init ? sbacc_nv_init(controller) : sbacc_hdd_restore(controller); });
-  for (const SBACC_FILE_LIST_ENTRY& e : areas) after.push_back(Snapshot(e));
+  int rc = 0;
+  if (dry_run) {
+    for (const AreaSnap& b : before) after.push_back(Predict(b));
+  } else {
+    rc = WithTicker(nv_init ? "start-up restore and NV initialisation" : "start-up restore",
+                    [&] { return nv_init ? sbacc_nv_init(controller) : sbacc_hdd_restore(controller); });
+    for (const SBACC_FILE_LIST_ENTRY& e : areas) after.push_back(Snapshot(e));
+  }
 
   nlohmann::json out = {{"version", kJsonVersion},
-                        {"controller", controller},
+                        {"controller", controller >= 0 ? nlohmann::json(controller) : nlohmann::json(nullptr)},
                         {"call", nv_init ? "sbacc_nv_init" : "sbacc_hdd_restore"},
+                        {"dry_run", dry_run},
                         {"error", rc == 0 ? nlohmann::json(nullptr)
                                           : nlohmann::json({{"code", rc}, {"name", sbacc_code_name(rc)},
                                                             {"text", sbacc_code_text(rc)}})},
@@ -274,8 +296,9 @@ int CmdStartup(bool nv_init, int given_controller, bool force, bool json) {
     if (!json) Print(static_cast<int>(i), areas[i].filename, o);
   }
   const size_t n = areas.size();
-  std::string summary = std::string(what) + ": " + std::to_string(n) + " area" + (n == 1 ? "" : "s") +
-                        " as controller " + std::to_string(controller) + ", " + std::to_string(clean) +
+  std::string summary = std::string(what) + (dry_run ? " (dry run, nothing written)" : "") + ": " +
+                        std::to_string(n) + " area" + (n == 1 ? "" : "s") +
+                        (controller >= 0 ? " as controller " + std::to_string(controller) : std::string()) + ", " + std::to_string(clean) +
                         " clean, " + std::to_string(static_cast<int>(n) - clean - lost) + " repaired or degraded, " +
                         std::to_string(lost) + " without data";
   if (rc != 0) status = kExitError;

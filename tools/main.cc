@@ -68,7 +68,7 @@ struct Cli {
   CLI::App app{"Look at and drive the mirrored data areas of a controller.", "sbacc"};
   std::vector<std::string> areas;
   std::string area, file;
-  bool json = false, check = false, problems = false, force = false;
+  bool json = false, check = false, problems = false, force = false, dry_run = false;
   int offset = 0, size = 0, controller = -1, copy = 0;
   std::vector<int64_t> offsets;
   SimOptions sim;
@@ -139,6 +139,7 @@ void AddServiceCommands(Cli& c) {
                                    : "Start-up restore only: rebuild stale copies, repair the paired areas.");
     (*cmd)->add_option("--controller,-c", c.controller, kControllerHelp)->check(CLI::Range(0, 3));
     (*cmd)->add_flag("--force", c.force, "Run even while other processes hold the controller's files open");
+    (*cmd)->add_flag("--dry-run", c.dry_run, "Say per area what the start-up would do, by the library's own rule; write nothing");
     (*cmd)->add_flag("--json", c.json, "Machine-readable output");
     (*cmd)->footer(kStartupFooter);
   }
@@ -224,8 +225,8 @@ int Dispatch(Cli& c) {
   if (*c.put) return CmdPut(c.area, c.file);
   if (*c.write) return CmdWrite(c.area, c.offset, c.file);
   if (*c.truncate) return CmdTruncate(c.area, c.size);
-  if (*c.init) return CmdStartup(true, c.controller, c.force, c.json);
-  if (*c.restore) return CmdStartup(false, c.controller, c.force, c.json);
+  if (*c.init) return CmdStartup(true, c.controller, c.force, c.json, c.dry_run);
+  if (*c.restore) return CmdStartup(false, c.controller, c.force, c.json, c.dry_run);
   if (*c.repair_init) return CmdRepairInit(c.controller);
   if (*c.dump) return CmdDump(c.file);
   if (*c.verify_cmd) return CmdVerify(c.verify);

@@ -214,7 +214,7 @@ int CmdTruncate(const std::string& area, int size);
 int CmdHold(const std::string& area, const std::string& file);
 // Start-up (sbacc_nv_init, or the restore alone), refused while another
 // process holds a file of the controller open unless forced.
-int CmdStartup(bool nv_init, int controller, bool force, bool json);
+int CmdStartup(bool nv_init, int controller, bool force, bool json, bool dry_run);
 int CmdRepairInit(int controller);
 int CmdDump(const std::string& file);
 

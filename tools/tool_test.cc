@@ -157,6 +157,9 @@ TEST_F(ToolTest, StatusFollowsAPulledAndReplacedDisk) {
   EXPECT_EQ(Run({"cat", "envfw_backup0"}).out, "still here");
 
   Run({"sim", "replace", dir_, "1"});
+  const std::string replaced = Images();  // a dry run foresees the rebuild and writes nothing
+  Run({"init", "--dry-run"}, 0, {"stale copy 1 rebuilt from copy 0", "init (dry run, nothing written): 8 areas"});
+  EXPECT_EQ(Images(), replaced);
   Run({"init"});
   EXPECT_EQ(Pick(Status("", 0), {"/ok", "/areas/7/name", "/areas/8", "/version"}),
             json::array({true, "area00", nullptr, 2}));
