@@ -94,9 +94,7 @@ int CmdExamine(const std::string& image, const std::vector<int64_t>& offsets, bo
            h.areasize, h.hddblockade, h.openflag != 0 ? "yes" : "no", h.opencnt, LocalTime(h.closetime).c_str(),
            h.writeflag != 0 ? "  write pending" : "");
   }
-  out["status"] = status;
-  out["status_name"] = ExitName(status);
-  out["ok"] = status == kExitOk;
+  PutStatus(out, status);
   if (json) {
     printf("%s\n", out.dump(2).c_str());
   } else {

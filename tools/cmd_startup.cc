@@ -304,9 +304,7 @@ int CmdStartup(bool nv_init, int given_controller, bool force, bool json, bool d
   if (rc != 0) status = kExitError;
   summary += std::string(": ") + ExitName(status);
   out["summary"] = summary;
-  out["status"] = status;
-  out["status_name"] = ExitName(status);
-  out["ok"] = status == kExitOk;
+  PutStatus(out, status);
   if (json) {
     printf("%s\n", out.dump(2).c_str());
   } else {

@@ -414,9 +414,7 @@ int CmdStatus(const std::vector<std::string>& names, bool json, bool problems_on
     }
     out["action"] = action;
     out["summary"] = summary;
-    out["status"] = status;
-    out["status_name"] = ExitName(status);
-    out["ok"] = status == kExitOk;
+    PutStatus(out, status);
     out["last_scrub"] = scrub;
     printf("%s\n", out.dump(2).c_str());
   } else if (problems_only && status == kExitOk) {

@@ -535,9 +535,7 @@ int CmdVerify(const VerifyOptions& vo) {
   KeepScrubRecord(outcomes, controller);
   if (vo.json) {
     out["summary"] = summary;
-    out["status"] = t.status;
-    out["status_name"] = ExitName(t.status);
-    out["ok"] = t.status == kExitOk;
+    PutStatus(out, t.status);
     printf("%s\n", out.dump(2).c_str());
   } else {
     printf("%s\n", summary.c_str());

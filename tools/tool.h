@@ -26,6 +26,14 @@ enum ExitStatus {
 inline int Graver(int a, int b) { return a > b ? a : b; }
 // "healthy", "incomplete", "degraded", "unavailable", "error"
 const char* ExitName(int status);
+// The exit status as every JSON document carries it: the number, its name and
+// whether all is well.
+template <class Json>
+void PutStatus(Json& out, int status) {
+  out["status"] = status;
+  out["status_name"] = ExitName(status);
+  out["ok"] = status == kExitOk;
+}
 
 // The version of every --json document's shape ("version" field).
 constexpr int kJsonVersion = 2;
