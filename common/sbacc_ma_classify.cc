@@ -67,8 +67,9 @@ void sbacc_ma_classify(const SBACC_HDD_HEADER* hdr, int count, uint32_t read, SB
       continue;
     }
     const SBACC_HDD_HEADER& s = hdr[v->src];
-    if (s.hddblockade == hdr[i].hddblockade && Has(s.hddblockade, v->src) == Has(hdr[i].hddblockade, i)) {
-      // The same view of the area: neither is stale.
+    if (s.hddblockade == hdr[i].hddblockade) {
+      // The same view of the area: neither is stale by the other (one that
+      // names itself fenced loses, and the source's word names it below).
       if (Newer(s, v->src, hdr[i], i)) {
         if (style == SBACC_CLASSIFY_RESTORE) {
           SBACC_TRACE(kTraceState, "[repair_for_restore]   -> latest HDD[%d]->[%d]  %s", v->src, i, name);

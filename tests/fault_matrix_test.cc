@@ -44,6 +44,7 @@ constexpr SysInfo kSys[] = {
     {"read", FaultEnv::kRead, false, EIO, 0},          {"write", FaultEnv::kWrite, true, EIO, 0},
     {"fsync", FaultEnv::kFsync, true, EIO, 0},         {"short_read", FaultEnv::kRead, false, 0, kHalf},
     {"short_write", FaultEnv::kWrite, true, 0, kHalf},     {"stuck_write", FaultEnv::kWrite, true, 0, kNothing},
+    {"stuck_read", FaultEnv::kRead, false, 0, kNothing},
     {"eintr_open", FaultEnv::kOpen, false, EINTR, 0},  {"eintr_read", FaultEnv::kRead, false, EINTR, 0},
     {"eintr_write", FaultEnv::kWrite, true, EINTR, 0}, {"eintr_fsync", FaultEnv::kFsync, true, EINTR, 0}};
 

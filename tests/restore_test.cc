@@ -54,6 +54,7 @@ TEST_F(VerdictTest, RecordsMaskAndVerdict) {
   } const kCases[] = {{"vvv", {0, 0, 0}, {100, 300, 200}, 1, 0, 0, 0, 0},    // equal words: later close wins
                       {"vvv", {2, 4, 4}, {300, 200, 200}, 0, 0x6, 0, 0, 0},  // equal bit counts: earlier close loses
                       {"vvv", {4, 4, 4}, {100, 100, 100}, 0, 0x4, 0, 0, 0},  // the source names a stale copy
+                      {"vvv", {2, 2, 2}, {100, 300, 200}, 2, 0x2, 0, 0, 0},  // fenced by its own word: loses
                       {"vvv", {6, 0, 0}, {100, 100, 100}, 0, 0x6, 0, 0, 0},  // two stale copies
                       {"ovv", {0, 0, 0}, {300, 200, 200}, 0, 0, 0, 1, 0},    // the latest was left open
                       {"vzv", {0, 0, 0}, {300, 0, 200}, 0, 0x2, 0, 0, 0},    // no header: rebuilt
