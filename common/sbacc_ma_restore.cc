@@ -51,7 +51,10 @@ int RebuildCopy(void* arg) {
 
 // Rebuilds the copies of `repair` from src: each is marked and checked in
 // turn, their transfers run at once, and each is unfenced (or closed, when
-// its rebuild failed) in turn once all transfers have ended.
+// its rebuild failed) in turn once all transfers have ended.  A transfer
+// writes only its own destination; the source's descriptor is only read
+// (positioned reads, which do not disturb one another), and nothing opens,
+// closes or fences a copy until every transfer has reported.
 void RebuildCopies(SBACC_FILE_DISCRIPTER* sfd, int src, uint32_t repair) {
   const char* name = sfd->sfe.filename;
   RebuildTask tasks[SBACC_HDD_MAX];
