@@ -59,14 +59,12 @@ const Case kCases[] = {
        s.EditHeader(0, 1, [](auto& h) { h.hddblockade = 0x4; });
      },
      kRead, 100, 0, 2},
-    {"read_skips_invalid_header", 2, InvalidCopy0, kRead, 100, 0, 1},
     // Copies 1 to 3 accepted, 1 and 3 failing their reads: the read goes to
     // copy 2, never to the rejected copy 0.
     {"read_tries_every_accepted_copy", 4, InvalidCopy0, kRead, 100, 0, 1, 0xa},
     // Copy 1 is stale and copy 0's size impossible: the rebuild must not
     // write into whatever lies behind the area, and must copy the capacity.
     {"rebuild_size_6000", 2, StaleBehind<6000>, kRestore, 0, 1, 0},
-    {"rebuild_size_max", 2, StaleBehind<INT_MAX>, kRestore, 0, 1, 0},
     // Left open, and controller 1, the master, holds the repair lock; this
     // controller may not clear its byte, so the lock is not had within the
     // wait.

@@ -300,50 +300,6 @@ TEST_F(FaultMatrix, NvTransfersFailing) {
   printf("NV faults: %ld cases\n", cases);
 }
 
-// Without threads, or without the lock or condition of a worker block, every
-// operation runs copy by copy (area by area) in the calling thread and leaves
-// exactly the bytes the threaded run leaves.
-TEST_F(FaultMatrix, ThreadsAndLocksFailing) {
-  static const char* const kFault[] = {"none", "thread start", "mutex init", "cond init"};
-  long cases = 0;
-  for (int o = 0; o < kOpCount; ++o) {
-    const Op op = static_cast<Op>(o);
-    for (int copies : {2, 8}) {
-      const Sim::Images snap = Baseline(op, copies);
-      Sim::Images reference;
-      int reference_rc = 0;
-      for (int fault = 0; fault < 4; ++fault) {
-        SCOPED_TRACE(std::string(kOps[op].name) + "/" + std::to_string(copies) + " copies/" + kFault[fault]);
-        Stage st(snap, op, copies);
-        FaultEnv& env = st.env();
-        auto arm = [&](int f) {  // f = 0 disarms all three
-          sbacc::CrewSetBound(f == 1 ? 0 : sbacc::kCrewDefaultBound);  // parked workers leave too
-          env.FailThreadStart(0, f == 1 ? -1 : 0);
-          env.FailMutexInit(0, f == 2 ? -1 : 0);
-          env.FailCondInit(0, f == 3 ? -1 : 0);
-        };
-        env.ResetCounters();  // count the thread starts of the operation alone
-        arm(fault);
-        const int rc = st.Run();
-        const long starts = env.Calls(FaultEnv::kThread);
-        arm(0);
-        st.Finish();
-        if (fault == 0) {
-          reference = st.sim().Save();
-          reference_rc = rc;
-          EXPECT_EQ(kOps[op].ok, rc);
-        } else {
-          EXPECT_EQ(reference_rc, rc);
-          EXPECT_TRUE(reference == st.sim().Save()) << "differs from the threaded run";
-          EXPECT_TRUE(fault == 1 || starts == 0) << "a thread started without its block";
-        }
-        ++cases;
-      }
-    }
-  }
-  printf("thread faults: %ld cases\n", cases);
-}
-
 // Allocation n fails, for every n the operation reaches: the result is
 // success or one of the library's codes, nothing leaks, nothing is left
 // under repair, and a success leaves the expected data.

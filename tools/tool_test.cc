@@ -114,24 +114,6 @@ class ToolTest : public ::testing::Test {
   pid_t holder_ = -1;
 };
 
-TEST_F(ToolTest, DataCommandsAndLibraryErrors) {
-  const Result r = Run({"cat", "envfw_backup0"}, 4);  // NV never initialised: a library error
-  EXPECT_TRUE(Has(r.err, "SBACC_E_NOTINIT (-104): not initialised"));
-  EXPECT_EQ(r.out, "");
-  Run({"init"});
-  Run({"put", "envfw_backup0"}, 0, {}, "hello world");
-  Run({"write", "envfw_backup0", "6", "-"}, 0, {}, "WORLD!");
-  EXPECT_EQ(Run({"cat", "envfw_backup0"}).out, "hello WORLD!");
-  Run({"truncate", "envfw_backup0", "5"});
-  EXPECT_EQ(Run({"cat", "envfw_backup0"}).out, "hello");
-  Run({"put", "envfw_backup0"}, 0, {}, "hi");
-  EXPECT_EQ(Run({"cat", "envfw_backup0"}).out, "hi");  // no old tail left behind
-  const std::string dump = Run({"dump"}).out, file = tmp_ + "/dump.txt";
-  EXPECT_EQ(dump.rfind(">>>>> OUTPUT TIME: ", 0), 0u);
-  for (int i = 0; i < 2; ++i) Run({"dump", file});
-  EXPECT_EQ(Slurp(file).size(), 2 * dump.size());  // appended
-}
-
 TEST_F(ToolTest, StatusFollowsAPulledAndReplacedDisk) {
   EXPECT_EQ(Pick(Status("envfw_backup1", 3), {"/areas/0/copies/1/state", "/action"}),
             json::array({"blank", "NV not initialised: run 'sbacc init'"}));  // never started
@@ -257,15 +239,10 @@ TEST_F(ToolTest, BadInputExits4AndWritesNothing) {
   const std::tuple<Args, std::string, std::string> cases[] = {
       {{}, "", "A subcommand is required"},
       {{"frobnicate"}, "", "unknown command 'frobnicate'"},
-      {{"sim", "frob"}, "", "unknown command 'frob'"},
       {{"cat"}, "", "AREA is required"},
       {{"cat", "nosuch"}, "", "unknown area 'nosuch'"},
-      {{"verify", "envfw_backup0", "nosuch"}, "", "unknown area 'nosuch'"},
-      {{"cat", "envfw_backup0", "extra"}, "", "not expected: extra"},
       {{"write", "envfw_backup0", "12x"}, "x", "'12x' is not a number"},
-      {{"truncate", "envfw_backup0", "-1"}, "", "'-1' is negative"},
       {{"truncate", "envfw_backup0", "897"}, "", "holds at most 896 bytes"},
-      {{"write", "envfw_backup0", "890"}, "12345678", "holds at most 896 bytes"},
       {{"put", "envfw_backup0"}, std::string(897, 'x'), "holds at most 896 bytes"},
       {{"put", "envfw_backup0", "/nonexistent/file"}, "", "cannot read '/nonexistent/file'"},
       {{"init", "--controller", "7"}, "", "not in range 0 to 3"},
@@ -273,7 +250,6 @@ TEST_F(ToolTest, BadInputExits4AndWritesNothing) {
       {{"verify", "--repair"}, "", "which controller is this?"},
       {{"restore"}, "", "which controller is this?"},
       {{"sim", "pull", dir_, "2"}, "", "no copy 2"},
-      {{"sim", "create", dir_}, "", "already holds a simulated controller"},
       {{"__doc", "nonsense"}, "", "expected man, markdown or complete"}};
   Run({"init"});
   Run({"put", "envfw_backup0"}, 0, {}, "keep");

@@ -426,13 +426,6 @@ class FaultEnv : public sbacc::Env {
   // 0), or with kHalf half of it (rounded up: any call asking for bytes moves some).
   static constexpr size_t kHalf = SIZE_MAX;
   void ShortOp(Op op, const std::string& path, long start, long count, size_t cut) { AddRule(op, path, start, count, 0, cut); }
-  // CreateThread / MutexInit / CondInit calls start+1 .. start+count (counted
-  // from now) return `err` without doing anything; each call replaces the
-  // last.  Parked workers still take tasks: CrewSetBound(0) keeps every task
-  // in its caller.
-  void FailThreadStart(long start, long count, int err = EAGAIN) { AddRule(kThread, "", start, count, err, 0, true); }
-  void FailMutexInit(long start, long count, int err = ENOMEM) { AddRule(kMutex, "", start, count, err, 0, true); }
-  void FailCondInit(long start, long count, int err = ENOMEM) { AddRule(kCond, "", start, count, err, 0, true); }
   void ClearRules() { Locked([&] { rules_.clear(); }); }  // counters stay
 
   // Power cut: counting writes on all paths from now, NV writes among them
