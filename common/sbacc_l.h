@@ -53,6 +53,26 @@ void sbacc_l_decode_entry(const uint8_t in[SBACC_NV_ENTRY_SIZE], SBACC_MEM_LIST_
 bool sbacc_l_header_valid(const SBACC_HDD_HEADER* h);  // "SBFS", version 3
 bool sbacc_l_entry_valid(const SBACC_MEM_LIST_ENTRY* e);  // "SBNM", version 3
 
+// The integrity record in the header's bytes 92..127; offsets relative to
+// its start (layout and reasons: sbacc_l_record.cc).
+enum IntegrityOffset {
+  kIntTag = 0, kIntLength = 4, kIntCrc = 8, kIntGeneration = 12, kIntOpencnt = 20,
+  kIntPendLength = 24, kIntPendCrc = 28, kIntCheck = 32,
+  kIntSize = 36
+};
+
+#define SBACC_INTEGRITY_TAG "SC1"  // with its NUL, the 4 bytes at kIntTag
+
+void sbacc_l_integrity_encode(const SBACC_INTEGRITY* r, uint8_t out[kIntSize]);
+// SBACC_INTEGRITY_NONE (and *r zeroed), _OK or _PENDING.
+int sbacc_l_integrity_decode(const uint8_t in[kIntSize], SBACC_INTEGRITY* r);
+// The same on a decoded header's rfu5 bytes.
+int sbacc_l_integrity_get(const SBACC_HDD_HEADER* h, SBACC_INTEGRITY* r);
+void sbacc_l_integrity_put(SBACC_HDD_HEADER* h, const SBACC_INTEGRITY* r);
+// The record only when it belongs to this header's open count, else
+// SBACC_INTEGRITY_NONE (and *r zeroed).
+int sbacc_l_integrity_applies(const SBACC_HDD_HEADER* h, SBACC_INTEGRITY* r);
+
 uint16_t sbacc_l_get_le16(const uint8_t* p);
 void sbacc_l_put_le16(uint8_t* p, uint16_t v);
 uint32_t sbacc_l_get_le32(const uint8_t* p);

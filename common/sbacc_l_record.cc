@@ -7,6 +7,7 @@
 #include <stddef.h>
 #include <string.h>
 
+#include "sbacc_crc32c.h"
 #include "sbacc_l.h"
 #include "sbacc_trace.h"
 
@@ -158,6 +159,85 @@ void sbacc_l_decode_header(const uint8_t in[SBACC_HEADER_SIZE], SBACC_HDD_HEADER
 
 bool sbacc_l_header_valid(const SBACC_HDD_HEADER* h) {
   return memcmp(h->magic, SBACC_HDD_MAGIC, sizeof h->magic) == 0 && h->version == SBACC_RECORD_VERSION;
+}
+
+// ---- Integrity record -------------------------------------------------------------
+//
+// The header's reserved bytes 92..127 hold the integrity record of the copy's
+// data.  Relative offsets (header offset = 92 + relative), little-endian:
+//
+//    0..3   tag          'S' 'C' '1' 0: this format
+//    4..7   length       data bytes the checksum covers
+//    8..11  crc          CRC-32C of data[0, length)
+//   12..19  generation   raised by every write
+//   20..23  opencnt      the header's open count when the record was written
+//   24..27  pend_length  a write in flight: the length and CRC the data has
+//   28..31  pend_crc     once it lands (0, 0 when none)
+//   32..35  check        CRC-32C of bytes 0..31, the record's own check
+//
+// Zeros (every copy written before the record existed), a tag of another
+// format or a failing check all read as "no checksum", never as corrupt
+// data: a record is trusted only when it is whole and ours.  A format that
+// changes the layout takes a new tag, so an older reader sees no checksum.
+//
+// The opencnt binding covers writers that do not keep the record: older
+// builds, or SBACC_CHECKSUM=0.  They carry these bytes through unchanged, so
+// the record stays intact while the data under it changes.  But every write
+// comes after an open in write mode, which raises the header's opencnt; from
+// that open on the stored opencnt differs from the header's and the record
+// does not apply ("no checksum").  A writer that keeps the record writes it
+// again with the opencnt of its own open.
+
+static_assert(kIntSize == sizeof(SBACC_HDD_HEADER::rfu5) && SBACC_HEADER_SIZE - kHdrRfu5 == kIntSize,
+              "the record fills the header's last reserved bytes");
+static_assert(sizeof(SBACC_INTEGRITY_TAG) == kIntLength - kIntTag);
+static_assert(kIntCrc == kIntLength + 4 && kIntGeneration == kIntCrc + 4 && kIntOpencnt == kIntGeneration + 8);
+static_assert(kIntPendLength == kIntOpencnt + 4 && kIntPendCrc == kIntPendLength + 4 && kIntCheck == kIntPendCrc + 4);
+static_assert(kIntCheck + 4 == kIntSize, "the check covers everything before it");
+
+namespace {
+
+uint32_t RecordCheck(const uint8_t* rec) { return sbacc::Crc32cExtend(0, rec, kIntCheck); }
+
+}  // namespace
+
+void sbacc_l_integrity_encode(const SBACC_INTEGRITY* r, uint8_t out[kIntSize]) {
+  memcpy(out + kIntTag, SBACC_INTEGRITY_TAG, sizeof SBACC_INTEGRITY_TAG);
+  sbacc_l_put_le32(out + kIntLength, r->length);
+  sbacc_l_put_le32(out + kIntCrc, r->crc);
+  sbacc_l_put_le64(out + kIntGeneration, r->generation);
+  PutI32(out + kIntOpencnt, r->opencnt);
+  sbacc_l_put_le32(out + kIntPendLength, r->pend_length);
+  sbacc_l_put_le32(out + kIntPendCrc, r->pend_crc);
+  sbacc_l_put_le32(out + kIntCheck, RecordCheck(out));
+}
+
+int sbacc_l_integrity_decode(const uint8_t in[kIntSize], SBACC_INTEGRITY* r) {
+  memset(r, 0, sizeof *r);
+  if (memcmp(in + kIntTag, SBACC_INTEGRITY_TAG, sizeof SBACC_INTEGRITY_TAG) != 0 ||
+      sbacc_l_get_le32(in + kIntCheck) != RecordCheck(in)) {
+    return SBACC_INTEGRITY_NONE;
+  }
+  r->length = sbacc_l_get_le32(in + kIntLength);
+  r->crc = sbacc_l_get_le32(in + kIntCrc);
+  r->generation = sbacc_l_get_le64(in + kIntGeneration);
+  r->opencnt = GetI32(in + kIntOpencnt);
+  r->pend_length = sbacc_l_get_le32(in + kIntPendLength);
+  r->pend_crc = sbacc_l_get_le32(in + kIntPendCrc);
+  return r->pend_length != 0 || r->pend_crc != 0 ? SBACC_INTEGRITY_PENDING : SBACC_INTEGRITY_OK;
+}
+
+int sbacc_l_integrity_get(const SBACC_HDD_HEADER* h, SBACC_INTEGRITY* r) {
+  return sbacc_l_integrity_decode(h->rfu5, r);
+}
+
+void sbacc_l_integrity_put(SBACC_HDD_HEADER* h, const SBACC_INTEGRITY* r) { sbacc_l_integrity_encode(r, h->rfu5); }
+
+int sbacc_l_integrity_applies(const SBACC_HDD_HEADER* h, SBACC_INTEGRITY* r) {
+  const int rc = sbacc_l_integrity_get(h, r);
+  if (rc == SBACC_INTEGRITY_NONE || r->opencnt == h->opencnt) return rc;
+  memset(r, 0, sizeof *r);
+  return SBACC_INTEGRITY_NONE;
 }
 
 // ---- NV entry -------------------------------------------------------------------

@@ -26,6 +26,8 @@ const SBACC_ENV_LIST_ENTRY sbacc_env_list[] = {
     // does not move before it takes it for the byte of a stopped controller.
     {"SBACC_REPAIRLOCK_STALE", 60, 1, 3600},
     {"SBACC_FENCE_MERGE", 1, 0, 1},
+    // 0: the per-copy integrity records are neither written nor checked.
+    {"SBACC_CHECKSUM", 1, 0, 1},
     {nullptr, 0, 0, 0},
 };
 

@@ -15,7 +15,7 @@
 #define SBACC_HEADER_SIZE 128
 #define SBACC_NV_ENTRY_SIZE 128
 #define SBACC_NV_BASE 4096
-#define SBACC_ENV_NUM 7
+#define SBACC_ENV_NUM 8
 
 // Mask with the low n bits set: every one of n copies fenced off.
 #define SBACC_HDD_MAXBIT(n) \
@@ -57,7 +57,8 @@ enum {
   SBACC_ENV_REPAIRLOCK_WAIT = 3,
   SBACC_ENV_RESYNC = 4,
   SBACC_ENV_REPAIRLOCK_STALE = 5,
-  SBACC_ENV_FENCE_MERGE = 6
+  SBACC_ENV_FENCE_MERGE = 6,
+  SBACC_ENV_CHECKSUM = 7
 };
 
 // Per-area descriptor; the public handle points at one.
@@ -91,6 +92,25 @@ typedef struct _TAG_SBACC_HDD_HEADER {
   int32_t write_size;
   uint8_t rfu5[36];
 } SBACC_HDD_HEADER;
+
+// The integrity record of one copy, decoded; on the media it fills the
+// header's rfu5 bytes (layout: sbacc_l_record.cc).
+typedef struct _TAG_SBACC_INTEGRITY {
+  uint32_t length;       // data bytes the checksum covers
+  uint32_t crc;          // CRC-32C of data[0, length)
+  uint64_t generation;   // raised by every write
+  int32_t opencnt;       // the header's open count when the record was written
+  uint32_t pend_length;  // a write in flight: the length and crc the data
+  uint32_t pend_crc;     // has once it lands; 0, 0 when none
+} SBACC_INTEGRITY;
+
+// What the media bytes of a record say.  Never "corrupt": bytes that are not
+// a sound record of ours only mean that no checksum is known.
+enum {
+  SBACC_INTEGRITY_NONE = 0,    // no checksum: zeros, another format, a failing self-check
+  SBACC_INTEGRITY_OK = 1,      // the data is length bytes with CRC crc
+  SBACC_INTEGRITY_PENDING = 2  // a write was in flight: either pair may describe the data
+};
 
 // The 128-byte per-area record in NV memory, decoded.
 typedef struct _TAG_SBACC_MEM_LIST_ENTRY {

@@ -71,6 +71,7 @@ const EnvEntry kEnvironment[] = {
      "it clears it, 1-3600 (default 60).",
      ""},
     {"SBACC_FENCE_MERGE", "1 (default): a handle only adds copies to the fenced set in NV; 0: writes its own view.", ""},
+    {"SBACC_CHECKSUM", "1 (default): the per-copy integrity records are written and checked; 0: turns both off.", ""},
     {"SBACC_RESTORE_RESYNC", "1 (default): the start-up resyncs copies a cut write may have left differing; 0: off.",
      ""},
     {"SBACC_ALLOC_TRACK", "1: the library's allocator tracks every block (a header, a running total, a trace line).",
