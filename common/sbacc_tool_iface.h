@@ -7,6 +7,8 @@
 // judges copies by the very function the open and the restore use.
 #include "sbacc_ma.h"
 
+#include <stdint.h>
+
 // The areas the start-up's data repair knows by name, in its own order;
 // nullptr past the last.
 const char* sbacc_known_area(int i);
@@ -35,5 +37,16 @@ typedef void (*sbacc_line_fn)(void* arg, int line, const char* name, SBACC_LINE_
 // name it carries (nullptr when none; valid for the call only).  0, or that
 // call's error code (nothing told then).
 int sbacc_l_walk_filelist(sbacc_line_fn fn, void* arg);
+
+// ---- Progress of the start-up ----------------------------------------------------
+
+// Called as the start-up restore (sbacc_hdd_restore, sbacc_nv_init) goes:
+// `done` of `total` areas have finished their HDD repair; `area` (nullptr at
+// the start) is the area that just finished (`copies` 0) or is about to
+// rebuild the copies in the mask `copies`.  Calls may come from worker
+// threads but never overlap, and must not call back into the library.
+typedef void (*sbacc_progress_fn)(void* arg, int done, int total, const char* area, uint32_t copies);
+// One hook per process; nullptr (the default) for none.
+void sbacc_set_progress_hook(sbacc_progress_fn fn, void* arg);
 
 #endif  // SBACC_TOOL_IFACE_H
