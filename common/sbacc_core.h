@@ -2,6 +2,7 @@
 #ifndef SBACC_CORE_H
 #define SBACC_CORE_H
 
+#include <stdint.h>
 #include <stdio.h>
 
 #include "sbacc_types.h"
@@ -19,6 +20,12 @@ void sbacc_reset_process_state();
 // Start-up restore internals.
 enum { SBACC_RW_READ = 0, SBACC_RW_WRITE = 1, SBACC_RW_SIZE = 2 };
 int sbacc_hdd_rw(int mode, char* filename, void** buf, int* size);
+// Its progress, for the hook of sbacc_set_progress_hook (none by default):
+// the HDD repair of `total` areas begins, one begins to rebuild the copies in
+// the mask `copies`, one has finished.
+void sbacc_progress_begin(int total);
+void sbacc_progress_rebuilding(const char* area, uint32_t copies);
+void sbacc_progress_area_done(const char* area);
 
 // Diagnostic hex dump to a file, or to the trace when fp is NULL.
 void sbacc_dump(FILE* fp, char* buf, int len);

@@ -10,6 +10,7 @@
 
 #include "sbacc_alloc.h"
 #include "sbacc_l.h"
+#include "sbacc_tool_iface.h"
 #include "sbacc_trace.h"
 
 namespace {
@@ -78,24 +79,39 @@ void CopyCut(char* dst, const char* src, int max) {
 }
 
 // Fields 2 onward of a line whose name is already known to be non-empty.
-// Each field is stored as soon as it is valid; true when the line is accepted.
-bool ParseLine(const char* name, char** cursor, SBACC_FILE_LIST_ENTRY* slot) {
+// Each field is stored as soon as it is valid; SBACC_LINE_ACCEPTED when the
+// line is accepted, else the field that made it ignored.
+SBACC_LINE_FATE ParseLine(const char* name, char** cursor, SBACC_FILE_LIST_ENTRY* slot) {
   CopyCut(slot->filename, name, kNameMax);
   uint64_t v = 0;
-  if (!ParseU64(sbacc_l_strsep(cursor, ","), 16, &v)) return false;
+  const char* field = sbacc_l_strsep(cursor, ",");
+  if (!ParseU64(field, 16, &v)) return field == nullptr ? SBACC_LINE_FEW_FIELDS : SBACC_LINE_BAD_ADDRESS;
   slot->areaaddr = v;
-  if (!ParseU64(sbacc_l_strsep(cursor, ","), 10, &v)) return false;
+  field = sbacc_l_strsep(cursor, ",");
+  if (!ParseU64(field, 10, &v)) return field == nullptr ? SBACC_LINE_FEW_FIELDS : SBACC_LINE_BAD_SIZE;
   slot->areasize = v;
-  int taken = 0;
+  int taken = 0, fields = 0;
   while (taken < SBACC_HDD_MAX) {
     const char* p = sbacc_l_strsep(cursor, ",");
     if (p == nullptr) break;
+    ++fields;
     if (*p == '\0') continue;
     CopyCut(slot->hddname[taken++], p, kPathMax);
   }
-  if (taken == 0) return false;
+  if (taken == 0) return fields == 0 ? SBACC_LINE_FEW_FIELDS : SBACC_LINE_NO_PATH;
   slot->hddcount = taken;
-  return true;
+  return SBACC_LINE_ACCEPTED;
+}
+
+// Who is told the fate of each line, and the number of the line read last.
+struct LineObserver {
+  sbacc_line_fn fn;
+  void* arg;
+  int line;
+};
+
+void Tell(LineObserver* obs, const char* name, SBACC_LINE_FATE fate) {
+  if (obs != nullptr) obs->fn(obs->arg, obs->line, name, fate);
 }
 
 int Leave(const char* fn, int ret) {
@@ -151,58 +167,11 @@ int sbacc_l_get_filelist_entry_num() {
   return ret;
 }
 
-int sbacc_l_get_filelist(SBACC_FILE_LIST** list) {
-  static const char kFn[] = "sbacc_l_get_filelist";
-  SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_l_get_filelist] [ENTER]");
-  // No out pointer: reported like the parser's missing arguments.
-  if (list == nullptr) {
-    SBACC_TRACE(sbacc::kTraceError, "[sbacc_l_get_filelist] parameter error. list=NULL");
-    return Leave(kFn, -102);
-  }
-  *list = nullptr;
-  const int num = sbacc_l_get_filelist_entry_num();
-  if (num < 1) {
-    const int err = errno;
-    SBACC_TRACE(sbacc::kTraceError, "[sbacc_l_get_filelist] sbacc_l_get_filelist_entry_num error. ret=%d errno=%d",
-                num, err);
-    return Leave(kFn, num);
-  }
-  SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_l_get_filelist] sbacc_l_get_filelist_entry_num ret=%d", num);
-  // The allocator takes an int size: a count whose list would not fit one is
-  // refused here as an allocation failure instead of being truncated.
-  SBACC_FILE_LIST* p = nullptr;
-  const size_t max_entries = (INT_MAX - sizeof(SBACC_FILE_LIST)) / sizeof(SBACC_FILE_LIST_ENTRY);
-  if (static_cast<size_t>(num) <= max_entries) {
-    p = static_cast<SBACC_FILE_LIST*>(
-        SBACC_CALLOC(1, sizeof(SBACC_FILE_LIST) + static_cast<size_t>(num) * sizeof(SBACC_FILE_LIST_ENTRY)));
-  } else {
-    errno = ENOMEM;
-  }
-  if (p == nullptr) {
-    const int err = errno;
-    SBACC_TRACE(sbacc::kTraceError, "[sbacc_l_get_filelist] calloc error. errno=%d", err);
-    return Leave(kFn, -111);
-  }
-  p->filenum = num;  // the capacity, for the parser
-  const int ret = sbacc_l_get_filelist_2(p, nullptr, nullptr);
-  if (ret != 0) {
-    SBACC_FREE(p);
-    return Leave(kFn, ret);
-  }
-  *list = p;
-  return Leave(kFn, 0);
-}
+namespace {
 
-int sbacc_l_get_filelist_entry(const char* filename, SBACC_FILE_LIST_ENTRY* entry) {
-  SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_l_get_filelist_entry] [ENTER]");
-  const int ret = sbacc_l_get_filelist_2(nullptr, filename, entry);
-  if (ret != 0) {
-    SBACC_TRACE(sbacc::kTraceError, "[sbacc_l_get_filelist_entry] sbacc_l_get_filelist_2 error. retcode=%d", ret);
-  }
-  return Leave("sbacc_l_get_filelist_entry", ret);
-}
-
-int sbacc_l_get_filelist_2(SBACC_FILE_LIST* list, const char* filename, SBACC_FILE_LIST_ENTRY* entry) {
+// The one parse: list mode (list given) and lookup mode (entry given).  obs
+// (list mode only) is told every line's fate.
+int Parse(SBACC_FILE_LIST* list, const char* filename, SBACC_FILE_LIST_ENTRY* entry, LineObserver* obs) {
   static const char kFn[] = "sbacc_l_get_filelist_2";
   SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_l_get_filelist_2] [ENTER]");
   const char* path = sbacc_l_filelist_path();
@@ -242,10 +211,17 @@ int sbacc_l_get_filelist_2(SBACC_FILE_LIST* list, const char* filename, SBACC_FI
     }
     const LineRead r = ReadLine(fp, buf);
     if (r == LineRead::kEof) break;
-    if (r == LineRead::kTooLong || buf[0] == '#') continue;
+    if (obs != nullptr) ++obs->line;
+    if (r == LineRead::kTooLong || buf[0] == '#') {
+      Tell(obs, nullptr, r == LineRead::kTooLong ? SBACC_LINE_TOO_LONG : SBACC_LINE_COMMENT);
+      continue;
+    }
     char* cursor = buf;
     const char* name = sbacc_l_strsep(&cursor, ",");
-    if (*name == '\0') continue;
+    if (*name == '\0') {
+      Tell(obs, nullptr, cursor == nullptr ? SBACC_LINE_BLANK : SBACC_LINE_NO_NAME);
+      continue;
+    }
     SBACC_FILE_LIST_ENTRY* slot = entry;
     if (list != nullptr) {
       slot = &list->file[counter];
@@ -254,11 +230,80 @@ int sbacc_l_get_filelist_2(SBACC_FILE_LIST* list, const char* filename, SBACC_FI
       ++counter;
       continue;
     }
-    if (!ParseLine(name, &cursor, slot)) continue;
+    const SBACC_LINE_FATE fate = ParseLine(name, &cursor, slot);
+    Tell(obs, name, fate);
+    if (fate != SBACC_LINE_ACCEPTED) continue;
     slot->index = counter;
     if (list == nullptr) break;  // the first accepted line of the name wins
     list->filenum = ++counter;
   }
   fclose(fp);
   return Leave(kFn, ret);
+}
+
+int GetList(SBACC_FILE_LIST** list, LineObserver* obs) {
+  static const char kFn[] = "sbacc_l_get_filelist";
+  SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_l_get_filelist] [ENTER]");
+  // No out pointer: reported like the parser's missing arguments.
+  if (list == nullptr) {
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_l_get_filelist] parameter error. list=NULL");
+    return Leave(kFn, -102);
+  }
+  *list = nullptr;
+  const int num = sbacc_l_get_filelist_entry_num();
+  if (num < 1) {
+    const int err = errno;
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_l_get_filelist] sbacc_l_get_filelist_entry_num error. ret=%d errno=%d",
+                num, err);
+    return Leave(kFn, num);
+  }
+  SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_l_get_filelist] sbacc_l_get_filelist_entry_num ret=%d", num);
+  // The allocator takes an int size: a count whose list would not fit one is
+  // refused here as an allocation failure instead of being truncated.
+  SBACC_FILE_LIST* p = nullptr;
+  const size_t max_entries = (INT_MAX - sizeof(SBACC_FILE_LIST)) / sizeof(SBACC_FILE_LIST_ENTRY);
+  if (static_cast<size_t>(num) <= max_entries) {
+    p = static_cast<SBACC_FILE_LIST*>(
+        SBACC_CALLOC(1, sizeof(SBACC_FILE_LIST) + static_cast<size_t>(num) * sizeof(SBACC_FILE_LIST_ENTRY)));
+  } else {
+    errno = ENOMEM;
+  }
+  if (p == nullptr) {
+    const int err = errno;
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_l_get_filelist] calloc error. errno=%d", err);
+    return Leave(kFn, -111);
+  }
+  p->filenum = num;  // the capacity, for the parser
+  const int ret = Parse(p, nullptr, nullptr, obs);
+  if (ret != 0) {
+    SBACC_FREE(p);
+    return Leave(kFn, ret);
+  }
+  *list = p;
+  return Leave(kFn, 0);
+}
+
+}  // namespace
+
+int sbacc_l_get_filelist(SBACC_FILE_LIST** list) { return GetList(list, nullptr); }
+
+int sbacc_l_get_filelist_entry(const char* filename, SBACC_FILE_LIST_ENTRY* entry) {
+  SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_l_get_filelist_entry] [ENTER]");
+  const int ret = sbacc_l_get_filelist_2(nullptr, filename, entry);
+  if (ret != 0) {
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_l_get_filelist_entry] sbacc_l_get_filelist_2 error. retcode=%d", ret);
+  }
+  return Leave("sbacc_l_get_filelist_entry", ret);
+}
+
+int sbacc_l_get_filelist_2(SBACC_FILE_LIST* list, const char* filename, SBACC_FILE_LIST_ENTRY* entry) {
+  return Parse(list, filename, entry, nullptr);
+}
+
+int sbacc_l_walk_filelist(sbacc_line_fn fn, void* arg) {
+  LineObserver obs{fn, arg, 0};
+  SBACC_FILE_LIST* list = nullptr;
+  const int ret = GetList(&list, fn != nullptr ? &obs : nullptr);
+  if (ret == 0) SBACC_FREE(list);
+  return ret;
 }

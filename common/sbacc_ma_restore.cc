@@ -266,6 +266,7 @@ int RepairLocked(SBACC_FILE_DISCRIPTER* sfd, SBACC_DATA_REPAIR* rec, uint32_t* b
                 sc.src, sc.repair, sc.blockade, name);
     SBACC_TRACE(kTraceMilestone, "[repair_for_restore] rebuild %s 0x%x from HDD[%d]: repaired by controller %d", name,
                 stale, sc.src, sbacc_cntno);
+    if (stale != 0) sbacc_progress_rebuilding(name, stale);
     RebuildCopies(sfd, sc.src, sc.repair);
     // A rebuild that never got going (source fenced off) leaves the mark set
     // above; none may outlive the repair.  Rebuilt copies are already clear.

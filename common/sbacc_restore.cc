@@ -76,6 +76,7 @@ int RepairArea(void* arg) {
   SBACC_TRACE(kTraceMilestone, "[repair_for_restore_p_thread] repair exec.index=%d", index);
   const int rc = sbacc_ma_repair_for_restore(index);
   if (rc != 0) SBACC_TRACE(kTraceError, "[repair_for_restore_p_thread] repair error. index=%d", index);
+  sbacc_progress_area_done(p_sbacc_file_list->file[index].filename);
   return rc;
 }
 
@@ -83,6 +84,7 @@ int RepairArea(void* arg) {
 // stop the others: each task owns its area's descriptor, verdict record and
 // result slot, whichever thread runs it.
 void RepairAll(int filenum, int* indexes, int* results) {
+  sbacc_progress_begin(filenum);
   sbacc::TaskGroup group("sbacc_hdd_restore", sbacc::WorkerLog::kRestore2);
   for (int i = 0; i < filenum; ++i) {
     SBACC_TRACE(kTraceFlow, "[sbacc_hdd_restore] [%d/%d]", i, filenum);

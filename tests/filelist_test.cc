@@ -1,6 +1,7 @@
 // Area list: which lines are accepted and what they yield, the index of
 // the line after them, the failure codes; no FILE* and no block may be left
 // behind.
+#include "sbacc_tool_iface.h"
 #include "testutil.h"
 
 namespace {
@@ -16,6 +17,8 @@ class Filelist : public ::testing::Test {
   // The whole list of `text` (copied) and the lookup of `name`.
   std::vector<SBACC_FILE_LIST_ENTRY> Load(const std::string& text) {
     Write(text);
+    fates_.clear();
+    EXPECT_EQ(sbacc_l_walk_filelist(Note, this), 0);
     SBACC_FILE_LIST* l = nullptr;
     EXPECT_EQ(sbacc_l_get_filelist(&l), 0);
     if (l == nullptr) return {};
@@ -33,11 +36,14 @@ class Filelist : public ::testing::Test {
   std::string path_ = dir_.File("filelist.ini");
   long live_ = sbacc::AllocLiveBlocks();
   int fds_ = sbacc_test::OpenFdCount();
+  std::vector<std::pair<int, int>> fates_;  // what the parser tells of each line of the last Load
+  static void Note(void* t, int line, const char*, SBACC_LINE_FATE f) {
+    static_cast<Filelist*>(t)->fates_.emplace_back(line, f);
+  }
 };
 
 // Each line is followed by a valid line "Z": an ignored line must not stop
-// the parsing, and counts for Z's lookup index unless it is a comment, blank
-// or too long (z_index 0).
+// the parsing, and counts for Z's lookup index when it carries a name.
 TEST_F(Filelist, LinesAcceptedOrIgnored) {
   const std::string n31(31, 'n'), p1016 = "/" + std::string(1015, 'p'), nul("A,1,2,/a\0,/b", 12);
   const struct { std::string line; std::string name; uint64_t addr, size; int count; std::string last; } kept[] = {
@@ -68,19 +74,23 @@ TEST_F(Filelist, LinesAcceptedOrIgnored) {
       EXPECT_EQ(e.hddname[c.count - 1], c.last);
     }
   }
-  const struct { std::string line; int z_index; } ignored[] = {
-      {"A,0x10,100,/a", 1}, {"A,10,-5,/a", 1}, {"A,10,,/a", 1}, {"A,+1,1,/a", 1}, {"A,1 0,1,/a", 1}, {"A,\t1,1,/a", 1},
-      {"A,10000000000000000,1,/a", 1}, {"A,1,18446744073709551616,/a", 1}, {"A,10,100", 1}, {"A,10,100,, ,", 1},
-      {std::string("A,1\0,2,/a", 9), 1}, {"#A,1,2,/a", 0}, {" ,1,2,/a", 0}, {"", 0},
-      {"A,1,2,/" + std::string(1016, 'p'), 0}, {"A,1,2,/" + std::string(4993, 'p'), 0},  // 1023, 5000 characters
-      {std::string("A,1,2,/a\0", 9) + std::string(1014, 'p'), 0}};  // NUL in a 1023-character line
+  const struct { std::string line; SBACC_LINE_FATE fate; } ignored[] = {
+      {"A,0x10,100,/a", SBACC_LINE_BAD_ADDRESS}, {"A,+1,1,/a", SBACC_LINE_BAD_ADDRESS}, {"", SBACC_LINE_BLANK},
+      {"A,1 0,1,/a", SBACC_LINE_BAD_ADDRESS}, {"A,\t1,1,/a", SBACC_LINE_BAD_ADDRESS}, {"A,10,-5,/a", SBACC_LINE_BAD_SIZE},
+      {"A,10000000000000000,1,/a", SBACC_LINE_BAD_ADDRESS}, {"A,1,18446744073709551616,/a", SBACC_LINE_BAD_SIZE},
+      {"A,10,,/a", SBACC_LINE_BAD_SIZE}, {"A,10,100", SBACC_LINE_FEW_FIELDS}, {"A,10,100,, ,", SBACC_LINE_NO_PATH},
+      {std::string("A,1\0,2,/a", 9), SBACC_LINE_FEW_FIELDS}, {"#A,1,2,/a", SBACC_LINE_COMMENT},
+      {" ,1,2,/a", SBACC_LINE_NO_NAME}, {"A,1,2,/" + std::string(1016, 'p'), SBACC_LINE_TOO_LONG},  // 1023 characters
+      {"A,1,2,/" + std::string(4993, 'p'), SBACC_LINE_TOO_LONG},
+      {std::string("A,1,2,/a\0", 9) + std::string(1014, 'p'), SBACC_LINE_TOO_LONG}};  // NUL in a 1023-character line
   for (const auto& c : ignored) {
     SCOPED_TRACE(c.line.substr(0, 40));
     const auto l = Load(c.line + "\nZ,1,2,/z\n");
     ASSERT_EQ(l.size(), 1u);
+    EXPECT_EQ(fates_, (std::vector<std::pair<int, int>>{{1, c.fate}, {2, SBACC_LINE_ACCEPTED}}));
     EXPECT_STREQ(l[0].filename, "Z");
     EXPECT_EQ(l[0].index, 0);
-    EXPECT_EQ(Lookup("Z").index, c.z_index);
+    EXPECT_EQ(Lookup("Z").index, c.fate >= SBACC_LINE_FEW_FIELDS);
   }
 }
 

@@ -266,8 +266,8 @@ int CmdStartup(bool nv_init, int given_controller, bool force, bool json, bool d
   if (dry_run) {
     for (const AreaSnap& b : before) after.push_back(Predict(b));
   } else {
-    rc = WithTicker(nv_init ? "start-up restore and NV initialisation" : "start-up restore",
-                    [&] { return nv_init ? sbacc_nv_init(controller) : sbacc_hdd_restore(controller); });
+    const auto call = [&] { return nv_init ? sbacc_nv_init(controller) : sbacc_hdd_restore(controller); };
+    rc = json ? call() : WithTicker(nv_init ? "start-up restore and NV initialisation" : "start-up restore", call);
     for (const SBACC_FILE_LIST_ENTRY& e : areas) after.push_back(Snapshot(e));
   }
 

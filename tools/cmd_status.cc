@@ -10,47 +10,43 @@
 #include "health.h"
 #include "scrub.h"
 #include "sbacc_l.h"
+#include "sbacc_tool_iface.h"
 #include "tool.h"
 
 namespace sbacc_tool {
 
+namespace {
+
+// Why the parser passed over a line, or nullptr for a line that is no problem.
+const char* IgnoredWhy(SBACC_LINE_FATE fate) {
+  switch (fate) {
+    case SBACC_LINE_TOO_LONG: return "longer than 1022 characters";
+    case SBACC_LINE_NO_NAME: return "no area name";
+    case SBACC_LINE_FEW_FIELDS: return "fewer than 4 fields (name, address, size, HDD paths)";
+    case SBACC_LINE_BAD_ADDRESS: return "an address the library refuses (hexadecimal digits only, no 0x)";
+    case SBACC_LINE_BAD_SIZE: return "a size the library refuses (decimal digits only)";
+    case SBACC_LINE_NO_PATH: return "no HDD path";
+    case SBACC_LINE_ACCEPTED:
+    case SBACC_LINE_COMMENT:
+    case SBACC_LINE_BLANK: return nullptr;
+  }
+  return nullptr;
+}
+
+void NoteIgnored(void* arg, int line, const char* name, SBACC_LINE_FATE fate) {
+  const char* why = IgnoredWhy(fate);
+  if (why == nullptr) return;
+  const std::string what = name != nullptr ? "'" + std::string(name) + "' " : std::string();
+  static_cast<std::vector<std::string>*>(arg)->push_back("line " + std::to_string(line) + ": " + what + "ignored: " + why);
+}
+
+}  // namespace
+
 std::vector<std::string> AreaListProblems() {
   const auto& areas = Areas();
+  // The parser itself tells what it made of each line.
   std::vector<std::string> out;
-  FILE* fp = fopen(sbacc_l_filelist_path(), "r");
-  if (fp == nullptr) return {std::string("cannot read ") + sbacc_l_filelist_path()};
-  // The parser's own reading: lines of at most 1022 characters, '#' starts a
-  // comment, the name runs to the first comma, a line without a name is
-  // passed over.  A line that names an area but is not in the parsed list was
-  // ignored by it.
-  size_t next = 0;
-  int number = 0;
-  std::string line;
-  for (int c = 0; c != EOF;) {
-    line.clear();
-    while ((c = fgetc(fp)) != EOF && c != '\n') line += static_cast<char>(c);
-    if (c == EOF && line.empty()) break;
-    ++number;
-    const std::string where = "line " + std::to_string(number) + ": ";
-    if (line.size() > 1022) {
-      out.push_back(where + "ignored: longer than 1022 characters");
-      continue;
-    }
-    line = line.substr(0, line.find('\0'));
-    if (line.empty() || line[0] == '#' || line[0] == '\r') continue;
-    const std::string name = line.substr(0, line.find(','));
-    if (name.empty()) {
-      out.push_back(where + "ignored: no area name");
-    } else if (next < areas.size() && name == areas[next].filename) {
-      ++next;
-    } else {
-      const size_t fields = static_cast<size_t>(std::count(line.begin(), line.end(), ',')) + 1;
-      out.push_back(where + "'" + name + "' ignored: " +
-                    (fields < 4 ? std::string("fewer than 4 fields (name, address, size, HDD paths)")
-                                : std::string("a name, address, size or path the library refuses")));
-    }
-  }
-  fclose(fp);
+  if (sbacc_l_walk_filelist(NoteIgnored, &out) != 0) return {std::string("cannot read ") + sbacc_l_filelist_path()};
   // The NV record follows the lookup's count of earlier named lines, ignored
   // ones included, while the list position counts only accepted lines.
   for (size_t i = 0; i < areas.size(); ++i) {

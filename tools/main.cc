@@ -131,6 +131,7 @@ void AddServiceCommands(Cli& c) {
       "paired areas repaired (and from where), or re-created empty because no copy held a valid header.\n"
       "Live controller: refused while another process holds an HDD file or the NV image open, because the\n"
       "start-up rewrites headers and data under running writers; --force overrides.\n"
+      "On a terminal, standard error shows its progress on one line (areas done, copies being rebuilt).\n"
       "Exit status: what it leaves behind (2 an area with fewer usable copies, 3 an area without data).";
   for (CLI::App** cmd : {&c.init, &c.restore}) {
     const bool nv = cmd == &c.init;

@@ -103,8 +103,9 @@ class Progress {
   bool shown_ = false;
 };
 
-// Runs fn while a ticker with the elapsed time shows on a terminal; the
-// library's start-up calls give no progress of their own.
+// Runs fn, a start-up call, while a line on standard error shows, when that
+// is a terminal, the elapsed time and the library's progress: areas done of
+// all, and the area whose copies are being rebuilt.
 int WithTicker(const std::string& label, const std::function<int()>& fn);
 
 // ---- One area's copies, read straight from NV and the files -------------------

@@ -9,13 +9,16 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <bit>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 #include "sbacc_core.h"
 #include "sbacc_l.h"
+#include "sbacc_tool_iface.h"
 #include "tool.h"
 
 namespace sbacc_tool {
@@ -174,27 +177,72 @@ void Progress::Step(const std::string& what) {
   shown_ = true;
 }
 
-int WithTicker(const std::string& label, const std::function<int()>& fn) {
-  if (isatty(STDERR_FILENO) != 1) return fn();
+namespace {
+
+// What the library last told of the start-up, for the ticker line.
+struct StartupProgress {
   std::mutex mu;
   std::condition_variable cv;
-  bool done = false;
+  bool over = false;
+  int done = 0, total = 0;
+  std::vector<std::pair<std::string, uint32_t>> rebuilding;  // areas and copies, the latest last
+};
+
+// Called by the library, maybe on its worker threads: it only notes and wakes
+// the ticker, which does the printing.
+void OnProgress(void* arg, int done, int total, const char* area, uint32_t copies) {
+  auto* p = static_cast<StartupProgress*>(arg);
+  {
+    std::lock_guard<std::mutex> lock(p->mu);
+    p->done = done;
+    p->total = total;
+    if (copies != 0) {
+      p->rebuilding.emplace_back(area, copies);
+    } else if (area != nullptr) {
+      std::erase_if(p->rebuilding, [&](const auto& r) { return r.first == area; });
+    }
+  }
+  p->cv.notify_one();
+}
+
+// ", 3 of 8 areas, rebuilding copies 1, 2 of NAME"; empty before the first report.
+std::string ProgressText(const StartupProgress& p) {
+  if (p.total == 0) return "";
+  std::string out = ", " + std::to_string(p.done) + " of " + std::to_string(p.total) + " areas";
+  if (p.rebuilding.empty()) return out;
+  const auto& [area, copies] = p.rebuilding.back();
+  std::string list;
+  for (int j = 0; j < 32; ++j) {
+    if ((copies >> j) & 1u) list += (list.empty() ? "" : ", ") + std::to_string(j);
+  }
+  return out + ", rebuilding " + (std::has_single_bit(copies) ? "copy " : "copies ") + list + " of " + area;
+}
+
+}  // namespace
+
+int WithTicker(const std::string& label, const std::function<int()>& fn) {
+  if (isatty(STDERR_FILENO) != 1) return fn();
+  StartupProgress p;
   const auto start = std::chrono::steady_clock::now();
   std::thread ticker([&] {
-    std::unique_lock<std::mutex> lock(mu);
-    while (!cv.wait_for(lock, std::chrono::milliseconds(250), [&] { return done; })) {
-      const double secs =
-          std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-      fprintf(stderr, "\r%s ... %.1f s\033[K", label.c_str(), secs);
+    std::unique_lock<std::mutex> lock(p.mu);
+    // Redrawn on every report and every 250 ms, so the time moves on too.
+    for (;;) {
+      p.cv.wait_for(lock, std::chrono::milliseconds(250));
+      if (p.over) break;
+      const double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+      fprintf(stderr, "\r%s ... %.1f s%s\033[K", label.c_str(), secs, ProgressText(p).c_str());
       fflush(stderr);
     }
   });
-  int rc = fn();
+  sbacc_set_progress_hook(OnProgress, &p);
+  const int rc = fn();
+  sbacc_set_progress_hook(nullptr, nullptr);
   {
-    std::lock_guard<std::mutex> lock(mu);
-    done = true;
+    std::lock_guard<std::mutex> lock(p.mu);
+    p.over = true;
   }
-  cv.notify_one();
+  p.cv.notify_one();
   ticker.join();
   fputs("\r\033[K", stderr);
   fflush(stderr);
