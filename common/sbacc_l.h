@@ -84,6 +84,8 @@ void sbacc_l_put_le64(uint8_t* p, uint64_t v);
 // Offsets are relative to areaaddr: header at 0..127, data byte n at 128 + n.
 
 int sbacc_l_hddset(SBACC_FILE_DISCRIPTER* sfd, int hdd, int offset, const void* buf, int len);
+// Writes every slice, then flushes once (n >= 1).
+int sbacc_l_hddset_slices(SBACC_FILE_DISCRIPTER* sfd, int hdd, const SBACC_SLICE* slices, int n);
 int sbacc_l_hddget(SBACC_FILE_DISCRIPTER* sfd, int hdd, int offset, void* buf, int len);
 int sbacc_l_hddini_header(SBACC_FILE_DISCRIPTER* sfd, int hdd, int hddblockade);
 

@@ -77,30 +77,42 @@ bool DataOffset(int offset, int* out) {
 }  // namespace
 
 int sbacc_l_hddset(SBACC_FILE_DISCRIPTER* sfd, int hdd, int offset, const void* buf, int len) {
+  const SBACC_SLICE slice = {offset, buf, len};
+  return sbacc_l_hddset_slices(sfd, hdd, &slice, 1);
+}
+
+// Several pieces of one copy go down in one flush: a header update whose
+// fields are not adjacent costs no more than one that is.
+int sbacc_l_hddset_slices(SBACC_FILE_DISCRIPTER* sfd, int hdd, const SBACC_SLICE* slices, int n) {
   SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_l_hddset] [ENTER]");
   int fd = -1;
-  int64_t pos = 0;
-  if (SeekCopy(sfd, hdd, offset, &fd, &pos) != 0) {
-    const int err = errno;
-    SBACC_TRACE(sbacc::kTraceError, "[sbacc_l_hddset] lseek error. errno=%d index=%d, offset=%d", err, hdd,
-                offset);
-    SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_l_hddset] [LEAVE] %d", SBACC_E_HDDSEEK);
-    return SBACC_E_HDDSEEK;
-  }
+  int len = 0;
+  for (int k = 0; k < n; ++k) {
+    const int offset = slices[k].offset;
+    len = slices[k].len;
+    int64_t pos = 0;
+    if (SeekCopy(sfd, hdd, offset, &fd, &pos) != 0) {
+      const int err = errno;
+      SBACC_TRACE(sbacc::kTraceError, "[sbacc_l_hddset] lseek error. errno=%d index=%d, offset=%d", err, hdd,
+                  offset);
+      SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_l_hddset] [LEAVE] %d", SBACC_E_HDDSEEK);
+      return SBACC_E_HDDSEEK;
+    }
 
-  // A negative length is a caller bug; turned into a size_t it would ask the
-  // system for an enormous transfer, so it fails here as a short write.
-  ssize_t ret = -1;
-  int err = EINVAL;
-  if (len >= 0) {
-    ret = sbacc::CurrentEnv()->WriteFully(fd, buf, static_cast<size_t>(len), pos);
-    err = errno;
-  }
-  if (ret != len) {
-    SBACC_TRACE(sbacc::kTraceError, "[sbacc_l_hddset] write error. ret=%d errno=%d len=%d", static_cast<int>(ret),
-                err, len);
-    SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_l_hddset] [LEAVE] %d", SBACC_E_HDDWRITE);
-    return SBACC_E_HDDWRITE;
+    // A negative length is a caller bug; turned into a size_t it would ask the
+    // system for an enormous transfer, so it fails here as a short write.
+    ssize_t ret = -1;
+    int err = EINVAL;
+    if (len >= 0) {
+      ret = sbacc::CurrentEnv()->WriteFully(fd, slices[k].buf, static_cast<size_t>(len), pos);
+      err = errno;
+    }
+    if (ret != len) {
+      SBACC_TRACE(sbacc::kTraceError, "[sbacc_l_hddset] write error. ret=%d errno=%d len=%d", static_cast<int>(ret),
+                  err, len);
+      SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_l_hddset] [LEAVE] %d", SBACC_E_HDDWRITE);
+      return SBACC_E_HDDWRITE;
+    }
   }
 
   // A copy whose flush failed cannot be trusted to hold the data (the kernel

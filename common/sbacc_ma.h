@@ -23,6 +23,8 @@ int sbacc_ma_data_capacity(const SBACC_FILE_DISCRIPTER* sfd);
 // ---- Parallel HDD access and blockade -----------------------------------------
 enum { SBACC_ACCESS_GET = 0, SBACC_ACCESS_SET = 1 };
 int sbacc_ma_hdd_access(SBACC_FILE_DISCRIPTER* sfd, int direction, int offset, void* buf, int len);
+// Writes every slice to every copy in use, one flush per copy.
+int sbacc_ma_hdd_set_slices(SBACC_FILE_DISCRIPTER* sfd, const SBACC_SLICE* slices, int n);
 int sbacc_ma_set_hddblockade(SBACC_FILE_DISCRIPTER* sfd, SBACC_MEM_LIST_ENTRY* entry);
 int sbacc_ma_memset_hddblockade(SBACC_FILE_DISCRIPTER* sfd, SBACC_MEM_LIST_ENTRY* entry);
 
@@ -34,6 +36,9 @@ int sbacc_ma_hddget_data(SBACC_FILE_DISCRIPTER* sfd, int offset, void* buf, int 
 int sbacc_ma_hddset_openinfo(SBACC_FILE_DISCRIPTER* sfd, const SBACC_HDD_HEADER* h);
 int sbacc_ma_hddset_writeinfo(SBACC_FILE_DISCRIPTER* sfd, const SBACC_HDD_HEADER* h);
 int sbacc_ma_hddset_filesize(SBACC_FILE_DISCRIPTER* sfd, int filesize);
+// The size and, when r is not null, the integrity record in one flush.
+int sbacc_ma_hddset_filesize_record(SBACC_FILE_DISCRIPTER* sfd, int filesize, const SBACC_INTEGRITY* r);
+int sbacc_ma_hddset_record(SBACC_FILE_DISCRIPTER* sfd, const SBACC_INTEGRITY* r);
 int sbacc_ma_hddset_hddblockade(SBACC_FILE_DISCRIPTER* sfd, uint32_t mask);
 int sbacc_ma_hddset_data(SBACC_FILE_DISCRIPTER* sfd, int offset, const void* buf, int len);
 int sbacc_ma_hddset_closetime(SBACC_FILE_DISCRIPTER* sfd, int64_t closetime);
@@ -61,6 +66,24 @@ typedef enum { SBACC_CLASSIFY_SILENT, SBACC_CLASSIFY_OPEN, SBACC_CLASSIFY_RESTOR
 // the tool all decide by this one function.
 void sbacc_ma_classify(const SBACC_HDD_HEADER* hdr, int count, uint32_t read, SBACC_CLASSIFY_TRACE style,
                        const char* name, SBACC_COPY_VERDICT* v);
+
+// ---- Integrity records ------------------------------------------------------
+// Data offsets below are from data byte 0; hdd < 0 reads through the engine
+// (the copy reads return, fencing one that fails).
+// True unless SBACC_CHECKSUM=0: records are written and checked.
+bool sbacc_ma_checksums(const SBACC_FILE_DISCRIPTER* sfd);
+// *out = crc extended by data bytes [from, to) of copy hdd.
+int sbacc_ma_crc_data(SBACC_FILE_DISCRIPTER* sfd, int hdd, uint32_t crc, int64_t from, int64_t to, uint32_t* out);
+// A fresh record of the data [0, len) as the engine reads it, bound to h's open count.
+int sbacc_ma_integrity_start(SBACC_FILE_DISCRIPTER* sfd, const SBACC_HDD_HEADER* h, int len, SBACC_INTEGRITY* r);
+// r after data bytes [offset, offset + n) become `data` (old bytes read through the engine).
+int sbacc_ma_integrity_write(SBACC_FILE_DISCRIPTER* sfd, SBACC_INTEGRITY* r, int offset, const void* data, int n);
+// r after the data is cut or extended with zeros to `size` bytes.
+int sbacc_ma_integrity_resize(SBACC_FILE_DISCRIPTER* sfd, SBACC_INTEGRITY* r, int size);
+// Copy hdd against the record in its header h: SBACC_VERIFY_NONE when no
+// record applies, _OK, _BAD, or a negative code when the data cannot be read.
+enum { SBACC_VERIFY_NONE = 0, SBACC_VERIFY_OK = 1, SBACC_VERIFY_BAD = 2 };
+int sbacc_ma_verify_copy(SBACC_FILE_DISCRIPTER* sfd, int hdd, const SBACC_HDD_HEADER* h);
 
 // ---- Read, write, size and close ------------------------------------------------
 int sbacc_ma_write(const void* buf, int size, int offset, SBACC_FILE_DISCRIPTER* sfd);

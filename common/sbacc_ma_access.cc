@@ -67,20 +67,19 @@ int AccessGet(SBACC_FILE_DISCRIPTER* sfd, const SBACC_MEM_LIST_ENTRY& e, int fla
 struct WriteTask {
   SBACC_FILE_DISCRIPTER* sfd;
   int hdd;
-  int offset;
-  const void* buf;
-  int len;
+  const SBACC_SLICE* slices;
+  int n;
 };
 
 int WriteCopy(void* arg) {
   const auto* t = static_cast<const WriteTask*>(arg);
-  return sbacc_l_hddset(t->sfd, t->hdd, t->offset, t->buf, t->len);
+  return sbacc_l_hddset_slices(t->sfd, t->hdd, t->slices, t->n);
 }
 
 // Writes to every copy in use at once; a copy whose write failed is closed
 // afterwards (and so fenced off by the caller's recording).
-void AccessSet(SBACC_FILE_DISCRIPTER* sfd, const SBACC_MEM_LIST_ENTRY& e, int flags, int offset,
-               const void* buf, int len) {
+void AccessSet(SBACC_FILE_DISCRIPTER* sfd, const SBACC_MEM_LIST_ENTRY& e, int flags, const SBACC_SLICE* slices,
+               int nslices) {
   const int n = sbacc_ma_copies(sfd);
   uint32_t targets = 0;
   int last = -1;
@@ -101,7 +100,7 @@ void AccessSet(SBACC_FILE_DISCRIPTER* sfd, const SBACC_MEM_LIST_ENTRY& e, int fl
     sbacc::TaskGroup round("sbacc_ma_hdd_access", sbacc::WorkerLog::kRestore1);
     for (int i = 0; i < n; ++i) {
       if (!Bit(targets, i)) continue;
-      tasks[i] = WriteTask{sfd, i, offset, buf, len};
+      tasks[i] = WriteTask{sfd, i, slices, nslices};
       round.Run(WriteCopy, &tasks[i], &results[i], i == last);
     }
   }
@@ -114,7 +113,11 @@ void AccessSet(SBACC_FILE_DISCRIPTER* sfd, const SBACC_MEM_LIST_ENTRY& e, int fl
 
 }  // namespace
 
-int sbacc_ma_hdd_access(SBACC_FILE_DISCRIPTER* sfd, int direction, int offset, void* buf, int len) {
+namespace {
+
+// A read of one range, or a write of every slice, on the area's copies.
+int Access(SBACC_FILE_DISCRIPTER* sfd, int direction, int offset, void* buf, int len, const SBACC_SLICE* slices,
+           int nslices) {
   SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_hdd_access] [ENTER]");
   const int flags = (sfd->openmode == SBACC_OPENMODE_READ) ? O_RDONLY : O_RDWR;
   const uint32_t maxbit = SBACC_HDD_MAXBIT(sfd->sfe.hddcount);
@@ -134,7 +137,7 @@ int sbacc_ma_hdd_access(SBACC_FILE_DISCRIPTER* sfd, int direction, int offset, v
   if (direction == SBACC_ACCESS_GET) {
     AccessGet(sfd, entry, flags, offset, buf, len);
   } else {
-    AccessSet(sfd, entry, flags, offset, buf, len);
+    AccessSet(sfd, entry, flags, slices, nslices);
   }
 
   rc = sbacc_ma_set_hddblockade(sfd, &entry);
@@ -146,6 +149,17 @@ int sbacc_ma_hdd_access(SBACC_FILE_DISCRIPTER* sfd, int direction, int offset, v
   }
   SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_hdd_access] [LEAVE] %d", rc);
   return rc;
+}
+
+}  // namespace
+
+int sbacc_ma_hdd_access(SBACC_FILE_DISCRIPTER* sfd, int direction, int offset, void* buf, int len) {
+  const SBACC_SLICE slice = {offset, buf, len};
+  return Access(sfd, direction, offset, buf, len, &slice, 1);
+}
+
+int sbacc_ma_hdd_set_slices(SBACC_FILE_DISCRIPTER* sfd, const SBACC_SLICE* slices, int n) {
+  return Access(sfd, SBACC_ACCESS_SET, 0, nullptr, 0, slices, n);
 }
 
 namespace {
@@ -287,18 +301,50 @@ int sbacc_ma_hddget_data(SBACC_FILE_DISCRIPTER* sfd, int offset, void* buf, int 
   return sbacc_ma_hdd_access(sfd, SBACC_ACCESS_GET, pos, buf, len);
 }
 
+// A write-mode open raises the open count, which unbinds the integrity
+// record (so that a writer that leaves the record alone never makes it look
+// like corruption).  A record bound to the count before this open is carried
+// over to the new count in the same flush.
 int sbacc_ma_hddset_openinfo(SBACC_FILE_DISCRIPTER* sfd, const SBACC_HDD_HEADER* h) {
-  return SetHeaderSlice(sfd, h, kHdrOpenflag, kHdrOpeninfoLen);
+  SBACC_HDD_HEADER bound = *h;
+  SBACC_INTEGRITY r;
+  bound.opencnt = static_cast<int32_t>(static_cast<uint32_t>(h->opencnt) - 1u);
+  if (!sbacc_ma_checksums(sfd) || sbacc_l_integrity_applies(&bound, &r) != SBACC_INTEGRITY_OK) {
+    return SetHeaderSlice(sfd, h, kHdrOpenflag, kHdrOpeninfoLen);
+  }
+  r.opencnt = h->opencnt;
+  uint8_t raw[SBACC_HEADER_SIZE];
+  sbacc_l_encode_header(h, raw);
+  sbacc_l_integrity_encode(&r, raw + kHdrRfu5);
+  const SBACC_SLICE slices[] = {{kHdrOpenflag, raw + kHdrOpenflag, kHdrOpeninfoLen},
+                                {kHdrRfu5, raw + kHdrRfu5, kIntSize}};
+  return sbacc_ma_hdd_set_slices(sfd, slices, 2);
 }
 
+// With checksums the write-intent updates carry the integrity record (the
+// bytes right behind them) in the same write.
 int sbacc_ma_hddset_writeinfo(SBACC_FILE_DISCRIPTER* sfd, const SBACC_HDD_HEADER* h) {
-  return SetHeaderSlice(sfd, h, kHdrWriteflag, kHdrWriteinfoLen);
+  const int len = sbacc_ma_checksums(sfd) ? SBACC_HEADER_SIZE - kHdrWriteflag : kHdrWriteinfoLen;
+  return SetHeaderSlice(sfd, h, kHdrWriteflag, len);
 }
 
 int sbacc_ma_hddset_filesize(SBACC_FILE_DISCRIPTER* sfd, int filesize) {
-  uint8_t raw[4];
+  return sbacc_ma_hddset_filesize_record(sfd, filesize, nullptr);
+}
+
+int sbacc_ma_hddset_filesize_record(SBACC_FILE_DISCRIPTER* sfd, int filesize, const SBACC_INTEGRITY* r) {
+  uint8_t raw[4], rec[kIntSize];
   sbacc_l_put_le32(raw, static_cast<uint32_t>(filesize));
-  return sbacc_ma_hdd_access(sfd, SBACC_ACCESS_SET, kHdrFilesize, raw, 4);
+  if (r == nullptr) return sbacc_ma_hdd_access(sfd, SBACC_ACCESS_SET, kHdrFilesize, raw, 4);
+  sbacc_l_integrity_encode(r, rec);
+  const SBACC_SLICE slices[] = {{kHdrFilesize, raw, 4}, {kHdrRfu5, rec, kIntSize}};
+  return sbacc_ma_hdd_set_slices(sfd, slices, 2);
+}
+
+int sbacc_ma_hddset_record(SBACC_FILE_DISCRIPTER* sfd, const SBACC_INTEGRITY* r) {
+  uint8_t rec[kIntSize];
+  sbacc_l_integrity_encode(r, rec);
+  return sbacc_ma_hdd_access(sfd, SBACC_ACCESS_SET, kHdrRfu5, rec, kIntSize);
 }
 
 int sbacc_ma_hddset_hddblockade(SBACC_FILE_DISCRIPTER* sfd, uint32_t mask) {

@@ -43,6 +43,57 @@ int SetWriteIntent(SBACC_FILE_DISCRIPTER* sfd, SBACC_HDD_HEADER* h, uint8_t flag
   return sbacc_ma_hddset_writeinfo(sfd, h);
 }
 
+// The integrity record a write starts from: the one in force, or, where none
+// applies (a copy written before records existed, by a writer that keeps
+// none, or left by a write that failed half-way), one computed afresh from
+// the data the handle reads.  False without checksums.
+bool RecordInForce(SBACC_FILE_DISCRIPTER* sfd, const SBACC_HDD_HEADER& h, SBACC_INTEGRITY* r, int* rc) {
+  *rc = 0;
+  if (!sbacc_ma_checksums(sfd)) return false;
+  if (sbacc_l_integrity_applies(&h, r) == SBACC_INTEGRITY_OK &&
+      static_cast<int64_t>(r->length) <= sbacc_ma_data_capacity(sfd)) {
+    return true;
+  }
+  *rc = sbacc_ma_integrity_start(sfd, &h, h.filesize, r);
+  if (*rc != 0) SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_write] integrity record error. retcode=%d", *rc);
+  return *rc == 0;
+}
+
+// One intent-guarded write of `n` bytes at `offset`: the intent record (and
+// with checksums the record the data will have) goes down first, then the
+// data, then the cleared intent with the new record.  No flush more than
+// the write would make without checksums.
+int GuardedWrite(SBACC_FILE_DISCRIPTER* sfd, SBACC_HDD_HEADER* h, SBACC_INTEGRITY* r, int offset, const void* buf,
+                 int n, int size) {
+  SBACC_INTEGRITY next{};
+  if (r != nullptr) {
+    next = *r;
+    int rc = sbacc_ma_integrity_write(sfd, &next, offset, buf, n);
+    if (rc != 0) return rc;
+    r->pend_length = next.length;
+    r->pend_crc = next.crc;
+    sbacc_l_integrity_put(h, r);
+    next.generation = r->generation + 1;
+  }
+  int rc = SetWriteIntent(sfd, h, 1, offset, size);
+  if (rc != 0) {
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_write] sbacc_ma_hddset_writeinfo error. retcode=%d", rc);
+    return rc;
+  }
+  rc = sbacc_ma_hddset_data(sfd, offset, buf, n);
+  if (rc != 0) {
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_write] sbacc_ma_hddset_data error. retcode=%d", rc);
+    return rc;  // the intent record stays set on the copies still in use
+  }
+  if (r != nullptr) {
+    *r = next;
+    sbacc_l_integrity_put(h, r);
+  }
+  rc = SetWriteIntent(sfd, h, 0, 0, 0);
+  if (rc != 0) SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_write] sbacc_ma_hddset_writeinfo error. retcode=%d", rc);
+  return rc;
+}
+
 }  // namespace
 
 int sbacc_ma_write(const void* buf, int size, int offset, SBACC_FILE_DISCRIPTER* sfd) {
@@ -68,39 +119,25 @@ int sbacc_ma_write(const void* buf, int size, int offset, SBACC_FILE_DISCRIPTER*
     return SBACC_E_HDDREAD;
   }
 
+  SBACC_INTEGRITY record;
+  const bool sums = RecordInForce(sfd, h, &record, &rc);
+  if (rc != 0) {
+    SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_write] [LEAVE] %d", rc);
+    return rc;
+  }
+  SBACC_INTEGRITY* r = sums ? &record : nullptr;
   static const uint8_t zeros[kZeroChunk] = {};
   for (int p = h.filesize; p < offset;) {
     const int n = (offset - p < kZeroChunk) ? offset - p : kZeroChunk;
-    rc = SetWriteIntent(sfd, &h, 1, p, size);
-    if (rc == 0) {
-      rc = sbacc_ma_hddset_data(sfd, p, zeros, n);
-      if (rc != 0) {
-        SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_write] sbacc_ma_hddset_data error. retcode=%d", rc);
-        SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_write] [LEAVE] %d", rc);
-        return rc;
-      }
-      rc = SetWriteIntent(sfd, &h, 0, 0, 0);
-    }
+    rc = GuardedWrite(sfd, &h, r, p, zeros, n, size);
     if (rc != 0) {
-      SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_write] sbacc_ma_hddset_writeinfo error. retcode=%d", rc);
       SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_write] [LEAVE] %d", rc);
       return rc;
     }
     p += n;
   }
-
-  rc = SetWriteIntent(sfd, &h, 1, offset, size);
-  if (rc == 0) {
-    rc = sbacc_ma_hddset_data(sfd, offset, buf, size);
-    if (rc != 0) {
-      SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_write] sbacc_ma_hddset_data error. retcode=%d", rc);
-      SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_write] [LEAVE] %d", rc);
-      return rc;  // the intent record stays set on the copies still in use
-    }
-    rc = SetWriteIntent(sfd, &h, 0, 0, 0);
-  }
+  rc = GuardedWrite(sfd, &h, r, offset, buf, size, size);
   if (rc != 0) {
-    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_write] sbacc_ma_hddset_writeinfo error. retcode=%d", rc);
     SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_write] [LEAVE] %d", rc);
     return rc;
   }
@@ -168,6 +205,28 @@ int sbacc_ma_write_size(int size, SBACC_FILE_DISCRIPTER* sfd) {
   if (from < 0) from = 0;
   if (from > capacity) from = static_cast<int>(capacity);
 
+  // The record follows the size in the size's own flush.  It covers exactly
+  // the data the size says, so the zeros below land outside it; a record
+  // that covers more (a size write cut short) is dropped first, as the zeros
+  // would make it wrong before the size write could put it right.
+  SBACC_INTEGRITY record;
+  const bool sums = RecordInForce(sfd, h, &record, &rc);
+  if (rc == 0 && sums && static_cast<int64_t>(record.length) != from) {
+    const SBACC_INTEGRITY none{};
+    rc = sbacc_ma_hddset_record(sfd, &none);
+    record.length = static_cast<uint32_t>(from);
+    if (rc == 0) rc = sbacc_ma_crc_data(sfd, -1, 0, 0, from, &record.crc);
+  }
+  if (rc == 0 && sums) {
+    rc = sbacc_ma_integrity_resize(sfd, &record, size);
+    record.generation += 1;
+  }
+  if (rc != 0) {
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_write_size] integrity record error. retcode=%d", rc);
+    SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_write_size] [LEAVE] %d", rc);
+    return rc;
+  }
+
   static const uint8_t zeros[kZeroChunk] = {};
   for (int p = from; p < size;) {
     const int n = (size - p < kZeroChunk) ? size - p : kZeroChunk;
@@ -179,7 +238,7 @@ int sbacc_ma_write_size(int size, SBACC_FILE_DISCRIPTER* sfd) {
     }
     p += n;
   }
-  rc = sbacc_ma_hddset_filesize(sfd, size);
+  rc = sbacc_ma_hddset_filesize_record(sfd, size, sums ? &record : nullptr);
   if (rc != 0) SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_write_size] sbacc_ma_hddset_filesize error. retcode=%d", rc);
   SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_write_size] [LEAVE] %d", rc);
   return rc;

@@ -53,12 +53,21 @@ int CopyRange(SBACC_FILE_DISCRIPTER* sfd, int src, int dst, int offset, uint8_t*
 // the data ends, so the whole capacity is copied: the destination then holds
 // exactly the source's bytes, and reads refuse the bad size on both copies
 // alike until a resize mends it.  A negative size leaves nothing to copy.
+// The copy reaches as far as the source's integrity record covers too (a
+// size write cut short leaves it past the size), so that the rebuilt copy
+// proves the same data.
 int CopyAll(SBACC_FILE_DISCRIPTER* sfd, int src, int dst, uint8_t* buf) {
-  int32_t filesize = 0;
-  int rc = sbacc_l_hddget_filesize(sfd, src, &filesize);
+  SBACC_HDD_HEADER h;
+  int rc = sbacc_l_hddget_header(sfd, src, &h);
   if (rc != 0) {
     SBACC_TRACE(kTraceError, "[sbacc_ma_hddrepair_copy] sbacc_l_hddget_filesize error. retcode=%d", rc);
     return rc;
+  }
+  int32_t filesize = h.filesize;
+  SBACC_INTEGRITY r;
+  if (sbacc_l_integrity_applies(&h, &r) != SBACC_INTEGRITY_NONE) {
+    const uint32_t covered = r.pend_length > r.length ? r.pend_length : r.length;
+    if (covered <= INT32_MAX && static_cast<int32_t>(covered) > filesize) filesize = static_cast<int32_t>(covered);
   }
   const int32_t capacity = sbacc_ma_data_capacity(sfd);
   if (filesize > capacity) filesize = capacity;

@@ -81,14 +81,46 @@ void Put(SBACC_FILE_DISCRIPTER* sfd, int i, int offset, const void* buf, int len
   sbacc_ma_close_hdd(sfd, i);
 }
 
-void ClearIntent(SBACC_FILE_DISCRIPTER* sfd, int i, SBACC_HDD_HEADER* h) {
-  if (h->writeflag == 0 && h->write_offset == 0 && h->write_size == 0) return;
+// Clears copy i's intent record; with `rec` it also gives the copy that
+// integrity record (bound to its own open count) in the same write.
+void ClearIntent(SBACC_FILE_DISCRIPTER* sfd, int i, SBACC_HDD_HEADER* h, const SBACC_INTEGRITY* rec) {
+  if (rec == nullptr && h->writeflag == 0 && h->write_offset == 0 && h->write_size == 0) return;
   h->writeflag = 0;
   h->write_offset = 0;
   h->write_size = 0;
+  int len = kHdrWriteinfoLen;
+  if (rec != nullptr) {
+    SBACC_INTEGRITY r = *rec;
+    r.opencnt = h->opencnt;
+    sbacc_l_integrity_put(h, &r);
+    len = SBACC_HEADER_SIZE - kHdrWriteflag;
+  }
   uint8_t raw[SBACC_HEADER_SIZE];
   sbacc_l_encode_header(h, raw);
-  Put(sfd, i, kHdrWriteflag, raw + kHdrWriteflag, kHdrWriteinfoLen);
+  Put(sfd, i, kHdrWriteflag, raw + kHdrWriteflag, len);
+}
+
+// The record every copy gets once it holds the reference's data: computed
+// from that data, one generation past any copy's.  False when the
+// reference cannot be read (it is closed, and the caller plans again).
+bool RecordOfReference(SBACC_FILE_DISCRIPTER* sfd, const SBACC_HDD_HEADER* hdr, int ref, SBACC_INTEGRITY* rec) {
+  memset(rec, 0, sizeof *rec);
+  const int32_t cap = sbacc_ma_data_capacity(sfd);
+  const int32_t size = hdr[ref].filesize;
+  rec->length = static_cast<uint32_t>(size < 0 ? 0 : (size > cap ? cap : size));
+  for (int i = 0; i < sbacc_ma_copies(sfd); ++i) {
+    SBACC_INTEGRITY r;
+    if (sfd->fd[i] != -1 && sbacc_l_integrity_get(&hdr[i], &r) != SBACC_INTEGRITY_NONE && r.generation >= rec->generation) {
+      rec->generation = r.generation + 1;
+    }
+  }
+  if (rec->generation == 0) rec->generation = 1;
+  const int rc = sbacc_ma_crc_data(sfd, ref, 0, 0, rec->length, &rec->crc);
+  if (rc == 0) return true;
+  SBACC_TRACE(kTraceError, "[sbacc_ma_resync_copies] sbacc_l_hddget error. retcode=%d HDD[%d] filename=%s", rc, ref,
+              sfd->sfe.filename);
+  sbacc_ma_close_hdd(sfd, ref);
+  return false;
 }
 
 // One pass from plan.ref.  False when the reference copy failed a read: it
@@ -111,18 +143,22 @@ bool Copy(SBACC_FILE_DISCRIPTER* sfd, const Plan& plan, SBACC_HDD_HEADER* hdr, u
     }
     p += len;
   }
-  // Sizes after the data, then the records, the reference's last: until the
-  // end some copy still differs in size or carries a record, so a cut
+  // The others' records (with their integrity records, which cover what
+  // they now hold), then their sizes, then the reference's record: until
+  // the end some copy still differs in size or carries a record, so a cut
   // anywhere in here leaves work that the next start-up does again.
+  SBACC_INTEGRITY rec;
+  const bool sums = sbacc_ma_checksums(sfd);
+  if (sums && !RecordOfReference(sfd, hdr, ref, &rec)) return false;
+  for (int i = 0; i < n; ++i) {
+    if (i != ref && sfd->fd[i] != -1) ClearIntent(sfd, i, &hdr[i], sums ? &rec : nullptr);
+  }
   uint8_t size[4];
   sbacc_l_put_le32(size, static_cast<uint32_t>(hdr[ref].filesize));
   for (int i = 0; i < n; ++i) {
     if (i != ref && sfd->fd[i] != -1 && hdr[i].filesize != hdr[ref].filesize) Put(sfd, i, kHdrFilesize, size, 4);
   }
-  for (int i = 0; i < n; ++i) {
-    if (i != ref && sfd->fd[i] != -1) ClearIntent(sfd, i, &hdr[i]);
-  }
-  ClearIntent(sfd, ref, &hdr[ref]);
+  ClearIntent(sfd, ref, &hdr[ref], sums ? &rec : nullptr);
   return true;
 }
 

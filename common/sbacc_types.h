@@ -132,6 +132,13 @@ typedef struct _TAG_SBACC_MEM_LIST_ENTRY {
   uint16_t lockbeat[4];
 } SBACC_MEM_LIST_ENTRY;
 
+// One piece of a write to an HDD copy: `len` bytes of `buf` at area offset `offset`.
+typedef struct {
+  int offset;
+  const void* buf;
+  int len;
+} SBACC_SLICE;
+
 // Start-up verdict on one area's data.
 typedef struct _TAG_SBACC_DATA_REPAIR {
   char filename[SBACC_FILENAME_LEN];

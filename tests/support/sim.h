@@ -336,6 +336,20 @@ inline void Store(const std::string& name, const Bytes& data) {
     throw std::runtime_error("store " + name);
 }
 
+// Copy `hdd` of an area against its integrity record (SBACC_VERIFY_*, or a
+// negative code when it cannot be read).
+inline int VerifyCopy(const std::string& name, int hdd) {
+  SBACC_FILE_DISCRIPTER* sfd = nullptr;
+  if (sbacc_ma_alloc_sfd(name.c_str(), SBACC_OPENMODE_READ, &sfd) != 0) return SBACC_E_PARAM;
+  sfd->fd[hdd] = sbacc::CurrentEnv()->Open(sfd->sfe.hddname[hdd], O_RDONLY);
+  SBACC_HDD_HEADER h;
+  int rc = sbacc_l_hddget_header(sfd, hdd, &h);
+  if (rc == 0) rc = sbacc_ma_verify_copy(sfd, hdd, &h);
+  sbacc_ma_close_hdd(sfd, hdd);
+  sbacc_ma_free_sfd(sfd);
+  return rc;
+}
+
 // A handle as a process that stops leaves it: its files closed, nothing written.
 inline void Abandon(void* fp) {
   auto* sfd = static_cast<SBACC_FILE_DISCRIPTER*>(fp);
