@@ -125,7 +125,9 @@ namespace sbacc {
 // recursive: nothing called while it is held takes it again.
 class NvRecordLock {
  public:
-  explicit NvRecordLock(const SBACC_FILE_DISCRIPTER* sfd);
+  // data: the area's data lock instead (held over a write of the data and
+  // its integrity record; a record lock may be taken under it).
+  explicit NvRecordLock(const SBACC_FILE_DISCRIPTER* sfd, bool data = false);
   ~NvRecordLock();
   NvRecordLock(const NvRecordLock&) = delete;
   NvRecordLock& operator=(const NvRecordLock&) = delete;

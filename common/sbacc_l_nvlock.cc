@@ -16,28 +16,35 @@ struct Stripe {
   pthread_mutex_t mu = PTHREAD_MUTEX_INITIALIZER;  // constant-initialised: usable before any constructor runs
 };
 Stripe g_stripes[kStripes];
+// The data locks: a write of an area's data and integrity record from one
+// handle is not interleaved with another handle's.  Taken before a record
+// lock, never after one.
+Stripe g_data[kStripes];
 
-// Every stripe is held across fork(), taken in index order as anyone else
-// takes at most one: a child never inherits a record lock taken by another
-// thread.
+// Every stripe is held across fork(), data locks first, each set in index
+// order, as anyone else takes at most one of each in that order: a child
+// never inherits a lock taken by another thread.
 void LockAll() {
+  for (Stripe& s : g_data) pthread_mutex_lock(&s.mu);
   for (Stripe& s : g_stripes) pthread_mutex_lock(&s.mu);
 }
 void UnlockAll() {
   for (int i = kStripes - 1; i >= 0; --i) pthread_mutex_unlock(&g_stripes[i].mu);
+  for (int i = kStripes - 1; i >= 0; --i) pthread_mutex_unlock(&g_data[i].mu);
 }
 pthread_once_t g_fork_once = PTHREAD_ONCE_INIT;
 void RegisterFork() { (void)pthread_atfork(LockAll, UnlockAll, UnlockAll); }
 
-pthread_mutex_t* StripeOf(const SBACC_FILE_DISCRIPTER* sfd) {
-  return &g_stripes[static_cast<unsigned>(sfd->sfe.index) % kStripes].mu;
+pthread_mutex_t* StripeOf(const SBACC_FILE_DISCRIPTER* sfd, Stripe* set) {
+  return &set[static_cast<unsigned>(sfd->sfe.index) % kStripes].mu;
 }
 
 }  // namespace
 
 namespace sbacc {
 
-NvRecordLock::NvRecordLock(const SBACC_FILE_DISCRIPTER* sfd) : mu_(StripeOf(sfd)) {
+NvRecordLock::NvRecordLock(const SBACC_FILE_DISCRIPTER* sfd, bool data)
+    : mu_(StripeOf(sfd, data ? g_data : g_stripes)) {
   pthread_once(&g_fork_once, RegisterFork);
   CurrentEnv()->Reschedule();
   pthread_mutex_lock(mu_);

@@ -38,14 +38,48 @@ bool EnsureOpen(SBACC_FILE_DISCRIPTER* sfd, int i, int flags) {
   return true;
 }
 
+// Checks copy i's data against its integrity record, once per handle.
+// True when the copy may be read (it verifies, keeps no record, or cannot
+// be read now, which the read itself then reports); false when it fails,
+// with one trace line naming the area, the copy and the range.
+bool CopyVerifies(SBACC_FILE_DISCRIPTER* sfd, int i) {
+  if (Bit(sfd->verified, i)) return true;
+  SBACC_HDD_HEADER h;
+  int v = sbacc_l_hddget_header(sfd, i, &h);
+  if (v == 0) v = sbacc_ma_verify_copy(sfd, i, &h);
+  if (v != SBACC_VERIFY_BAD) {
+    if (v >= 0) sfd->verified |= 1u << i;
+    return true;
+  }
+  // A write of another handle (or process) in flight, or one that started
+  // while the data was being read, proves nothing: no verdict then.
+  SBACC_HDD_HEADER again;
+  if (h.writeflag != 0 || sbacc_l_hddget_header(sfd, i, &again) != 0 || again.writeflag != 0 ||
+      memcmp(again.rfu5, h.rfu5, sizeof h.rfu5) != 0 || again.filesize != h.filesize) {
+    return true;
+  }
+  SBACC_INTEGRITY r;
+  (void)sbacc_l_integrity_applies(&h, &r);
+  SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_hdd_access] integrity error. filename=%s HDD[%d] range=0-%u crc=%#x",
+              sfd->sfe.filename, i, r.length, r.crc);
+  return false;
+}
+
 // Reads from the first healthy copy that delivers.  A read-mode handle writes
 // nothing to NV, so NV does not know which copies its open rejected: it asks
 // the copies the open accepted first and the others only when all of those
-// fail, so that its reads never switch to a copy holding other bytes.
+// fail, so that its reads never switch to a copy holding other bytes.  A data
+// read goes only to a copy that proves its data: one that fails is fenced
+// off by a write-mode handle (once another copy delivers: the last evidence
+// is never fenced) and skipped by a read-mode one; with none left the read
+// fails rather than return bytes that fail their check.
 int AccessGet(SBACC_FILE_DISCRIPTER* sfd, const SBACC_MEM_LIST_ENTRY& e, int flags, int offset, void* buf,
               int len) {
   const int n = sbacc_ma_copies(sfd);
-  const uint32_t first = sfd->openmode == SBACC_OPENMODE_READ ? sfd->readset : 0;
+  const bool check = offset >= SBACC_HEADER_SIZE && sbacc_ma_checksums(sfd);
+  const bool read_mode = sfd->openmode == SBACC_OPENMODE_READ;
+  const uint32_t first = read_mode ? sfd->readset : 0;
+  uint32_t bad = 0;
   for (int pass = first != 0 ? 0 : 1; pass < 2; ++pass) {
     for (int i = 0; i < n; ++i) {
       if (pass == 0 ? !Bit(first, i) : Bit(first, i)) continue;
@@ -53,12 +87,23 @@ int AccessGet(SBACC_FILE_DISCRIPTER* sfd, const SBACC_MEM_LIST_ENTRY& e, int fla
         if (!Bit(e.hddrepair, i)) sbacc_ma_close_hdd(sfd, i);
         continue;
       }
-      if (!EnsureOpen(sfd, i, flags)) continue;
-      if (sbacc_l_hddget(sfd, i, offset, buf, len) == 0) return 0;
+      if (Bit(sfd->failed | bad, i) || !EnsureOpen(sfd, i, flags)) continue;
+      if (check && !CopyVerifies(sfd, i)) {
+        bad |= 1u << i;
+        continue;
+      }
+      if (sbacc_l_hddget(sfd, i, offset, buf, len) == 0) {
+        for (int k = 0; k < n && !read_mode; ++k) {
+          if (Bit(bad, k)) sbacc_ma_close_hdd(sfd, k);
+        }
+        sfd->failed |= read_mode ? bad : 0;
+        return 0;
+      }
       sbacc_ma_close_hdd(sfd, i);
     }
   }
-  return 0;
+  sfd->failed |= read_mode ? bad : 0;
+  return bad != 0 ? SBACC_E_HDDREAD : 0;
 }
 
 // One copy's share of a write round.  The descriptor is read-only while the
@@ -134,8 +179,9 @@ int Access(SBACC_FILE_DISCRIPTER* sfd, int direction, int offset, void* buf, int
     return SBACC_E_NOCOPY;
   }
 
+  int got = 0;
   if (direction == SBACC_ACCESS_GET) {
-    AccessGet(sfd, entry, flags, offset, buf, len);
+    got = AccessGet(sfd, entry, flags, offset, buf, len);
   } else {
     AccessSet(sfd, entry, flags, slices, nslices);
   }
@@ -147,6 +193,7 @@ int Access(SBACC_FILE_DISCRIPTER* sfd, int direction, int offset, void* buf, int
     SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_hdd_access] opencnt error.");
     rc = SBACC_E_NOCOPY;
   }
+  if (got != 0 && (rc == 0 || rc == SBACC_E_NOCOPY)) rc = got;
   SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_hdd_access] [LEAVE] %d", rc);
   return rc;
 }

@@ -4,6 +4,8 @@
 #include <stdint.h>
 #include <string.h>
 
+#include <optional>
+
 #include "sbacc_env.h"
 #include "sbacc_l.h"
 #include "sbacc_ma.h"
@@ -98,6 +100,10 @@ int GuardedWrite(SBACC_FILE_DISCRIPTER* sfd, SBACC_HDD_HEADER* h, SBACC_INTEGRIT
 
 int sbacc_ma_write(const void* buf, int size, int offset, SBACC_FILE_DISCRIPTER* sfd) {
   SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_write] [ENTER]");
+  // Another handle's write between this one's reading of the record and
+  // writing it back would be lost from the checksum.
+  std::optional<sbacc::NvRecordLock> data_lock;
+  if (sbacc_ma_checksums(sfd)) data_lock.emplace(sfd, true);
   SBACC_HDD_HEADER h;
   int rc = sbacc_ma_hddget_header(sfd, &h);
   if (rc != 0) {
@@ -186,6 +192,8 @@ int sbacc_ma_read(void* buf, int size, int offset, SBACC_FILE_DISCRIPTER* sfd) {
 
 int sbacc_ma_write_size(int size, SBACC_FILE_DISCRIPTER* sfd) {
   SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_write_size] [ENTER]");
+  std::optional<sbacc::NvRecordLock> data_lock;
+  if (sbacc_ma_checksums(sfd)) data_lock.emplace(sfd, true);
   SBACC_HDD_HEADER h;
   int rc = sbacc_ma_hddget_header(sfd, &h);
   if (rc != 0) {

@@ -70,6 +70,10 @@ typedef struct _TAG_SBACC_FILE_DISCRIPTER {
   // Read mode: the copies the open accepted (bit i = copy i), read before
   // any other; 0 until the open has settled.
   uint32_t readset;
+  // Copies whose data this handle has checked against their integrity
+  // records (each once), and, in read mode, those that failed the check.
+  uint32_t verified;
+  uint32_t failed;
 } SBACC_FILE_DISCRIPTER;
 
 // The 128-byte header in front of every HDD copy, decoded.  The host layout

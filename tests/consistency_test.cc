@@ -56,7 +56,7 @@ const Case kCases[] = {
     {"read_follows_choice", 3,
      [](Sim& s) {
        s.PutData(0, 1, 0, Pattern(kLen, 2));
-       s.EditHeader(0, 1, [](auto& h) { h.hddblockade = 0x4; });
+       s.EditHeader(0, 1, [](auto& h) { h.hddblockade = 0x4, memset(h.rfu5, 0, sizeof h.rfu5); });  // data of its own
      },
      kRead, 100, 0, 2},
     // Copies 1 to 3 accepted, 1 and 3 failing their reads: the read goes to
