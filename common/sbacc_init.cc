@@ -34,7 +34,11 @@ int NvInit(int cntno) {
     }
   }
 
-  // Stops at the first area that fails; the areas before it stay done.
+  // Stops at the first area that fails; the areas before it stay done.  An
+  // area without a usable copy now (its open refused to re-create it while a
+  // copy that may hold its data cannot be read) only fails the call at the
+  // end: the others still get their records.
+  int held = 0;
   for (int i = 0; i < p_sbacc_file_list->filenum; ++i) {
     SBACC_TRACE(kTraceFlow, "[sbacc_nv_init] [%d/%d]", i, p_sbacc_file_list->filenum);
     SBACC_FILE_DISCRIPTER* sfd = nullptr;
@@ -57,6 +61,13 @@ int NvInit(int cntno) {
     SBACC_TRACE(kTraceFlow, "[sbacc_nv_init] sbacc_ma_open filename=(%s)", sfd->sfe.filename);
     boolean_t closeflag = B_TRUE;
     rc = sbacc_ma_open(sfd, &closeflag, B_TRUE);
+    if (rc == SBACC_E_NOCOPY) {
+      SBACC_TRACE(kTraceError, "[sbacc_nv_init] %s left as it is: no usable copy now. ret=%d", sfd->sfe.filename, rc);
+      ++held;
+      (void)sbacc_ma_leave_repairlock(sfd);
+      sbacc_ma_free_sfd(sfd);
+      continue;
+    }
     if (rc != 0) {
       SBACC_TRACE(kTraceError, "[sbacc_nv_init] sbacc_ma_open error. ret=%d errno=%d", rc, errno);
       (void)sbacc_ma_leave_repairlock(sfd);
@@ -67,7 +78,7 @@ int NvInit(int cntno) {
     (void)sbacc_ma_leave_repairlock(sfd);
     sbacc_ma_free_sfd(sfd);
   }
-  return 0;
+  return held != 0 ? SBACC_E_NOCOPY : 0;
 }
 
 int RepairInit(int cntno) {

@@ -50,7 +50,6 @@ int sbacc_ma_open(SBACC_FILE_DISCRIPTER* sfd, boolean_t* closeflag, boolean_t nv
 // (-1 when it cannot be opened; every other slot is left alone).  `who`
 // names the caller in trace lines.
 void sbacc_ma_open_copies(SBACC_FILE_DISCRIPTER* sfd, uint32_t wanted, int flags, const char* who);
-int sbacc_ma_detect_hdd(SBACC_FILE_DISCRIPTER* sfd, SBACC_HDD_HEADER* headers, int* hdd);
 
 // ---- The latest-copy rule ------------------------------------------------------
 // What an area's copies hold, by their headers.
@@ -58,14 +57,34 @@ typedef struct {
   int src;           // the copy holding the latest data; -1: no copy read has a valid header
   uint32_t stale;    // copies read that must be rebuilt from src (older views, invalid headers)
   uint32_t invalid;  // copies read whose header is not valid
+  int hold;          // SBACC_HOLD_*: nonzero = the headers read cannot justify a choice; leave the area as it is
 } SBACC_COPY_VERDICT;
+// Why the area is to be left as it is.
+enum {
+  SBACC_HOLD_NONE = 0,
+  SBACC_HOLD_UNSEEN = 1,         // no copy read has a valid header, a copy that may hold the data is unseen
+  SBACC_HOLD_FENCED_SOURCE = 2,  // the only candidate NV fences off, a copy NV does not fence is unseen
+};
+// What the caller knows beyond the headers it read.
+typedef struct {
+  uint32_t unseen;    // configured copies whose header could not be read now (missing, open or read failed, not
+                      // opened because NV fences them)
+  uint32_t nvfenced;  // copies the area's NV record fences off
+  int existed;        // NV held a valid record of the area before this start-up or open touched it
+} SBACC_COPY_EVIDENCE;
 // Whose trace lines the rule writes as it decides (none for the tool).
 typedef enum { SBACC_CLASSIFY_SILENT, SBACC_CLASSIFY_OPEN, SBACC_CLASSIFY_RESTORE } SBACC_CLASSIFY_TRACE;
 // hdr[i] is looked at for the copies of `read` (bit i: copy i's header was
-// read); `name` is the area's, for trace lines.  The open, the restore and
-// the tool all decide by this one function.
-void sbacc_ma_classify(const SBACC_HDD_HEADER* hdr, int count, uint32_t read, SBACC_CLASSIFY_TRACE style,
-                       const char* name, SBACC_COPY_VERDICT* v);
+// read); `ev` is what else is known (nullptr: nothing, and never a hold);
+// `name` is the area's, for trace lines.  The open, the restore and the tool
+// all decide by this one function.
+void sbacc_ma_classify(const SBACC_HDD_HEADER* hdr, int count, uint32_t read, const SBACC_COPY_EVIDENCE* ev,
+                       SBACC_CLASSIFY_TRACE style, const char* name, SBACC_COPY_VERDICT* v);
+// Chooses the latest copy among the open ones (closing the stale ones) into
+// *hdd; leaves *hdd and every copy alone when none has a valid header.
+// SBACC_E_NOCOPY when the evidence cannot justify a choice (nothing closed).
+int sbacc_ma_detect_hdd(SBACC_FILE_DISCRIPTER* sfd, SBACC_HDD_HEADER* headers, const SBACC_COPY_EVIDENCE* ev,
+                        int* hdd);
 
 // ---- Integrity records ------------------------------------------------------
 // Data offsets below are from data byte 0; hdd < 0 reads through the engine

@@ -47,11 +47,24 @@ void Note(const SBACC_COPY_VERDICT& v, SBACC_CLASSIFY_TRACE style, const char* n
   }
 }
 
+// Headers alone speak only for the copies read.  A choice they cannot
+// justify is not made: re-creating the area empty while an unseen copy may
+// hold its data, or taking a copy NV fences off for current because the
+// copy NV trusts could not be read now.
+int Hold(const SBACC_COPY_VERDICT& v, const SBACC_COPY_EVIDENCE* ev) {
+  if (ev == nullptr) return SBACC_HOLD_NONE;
+  if (v.src < 0) return ev->existed != 0 && ev->unseen != 0 ? SBACC_HOLD_UNSEEN : SBACC_HOLD_NONE;
+  // With every copy NV trusts read (and none valid), a fenced copy's valid
+  // header is the best evidence there is.
+  if (Has(ev->nvfenced, v.src) && (ev->unseen & ~ev->nvfenced) != 0) return SBACC_HOLD_FENCED_SOURCE;
+  return SBACC_HOLD_NONE;
+}
+
 }  // namespace
 
-void sbacc_ma_classify(const SBACC_HDD_HEADER* hdr, int count, uint32_t read, SBACC_CLASSIFY_TRACE style,
-                       const char* name, SBACC_COPY_VERDICT* v) {
-  *v = SBACC_COPY_VERDICT{-1, 0, 0};
+void sbacc_ma_classify(const SBACC_HDD_HEADER* hdr, int count, uint32_t read, const SBACC_COPY_EVIDENCE* ev,
+                       SBACC_CLASSIFY_TRACE style, const char* name, SBACC_COPY_VERDICT* v) {
+  *v = SBACC_COPY_VERDICT{-1, 0, 0, SBACC_HOLD_NONE};
   for (int i = 0; i < count && i < SBACC_HDD_MAX; ++i) {
     if (!Has(read, i)) continue;
     if (!sbacc_l_header_valid(&hdr[i])) {
@@ -88,6 +101,7 @@ void sbacc_ma_classify(const SBACC_HDD_HEADER* hdr, int count, uint32_t read, SB
       Note(*v, style, name, i, v->src, false);
     }
   }
+  v->hold = Hold(*v, ev);
   if (v->src < 0) return;
   // Copies the source itself records as fenced off missed writes, whatever
   // their own header says.

@@ -67,7 +67,8 @@ void sbacc_ma_open_copies(SBACC_FILE_DISCRIPTER* sfd, uint32_t wanted, int flags
   }
 }
 
-int sbacc_ma_detect_hdd(SBACC_FILE_DISCRIPTER* sfd, SBACC_HDD_HEADER* headers, int* hdd) {
+int sbacc_ma_detect_hdd(SBACC_FILE_DISCRIPTER* sfd, SBACC_HDD_HEADER* headers, const SBACC_COPY_EVIDENCE* ev,
+                        int* hdd) {
   SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_detect_hdd] [ENTER]");
   const int n = sbacc_ma_copies(sfd);
   uint32_t read = 0;
@@ -75,42 +76,60 @@ int sbacc_ma_detect_hdd(SBACC_FILE_DISCRIPTER* sfd, SBACC_HDD_HEADER* headers, i
     if (sfd->fd[i] != -1) read |= 1u << i;
   }
   SBACC_COPY_VERDICT v;
-  sbacc_ma_classify(headers, n, read, SBACC_CLASSIFY_OPEN, sfd->sfe.filename, &v);
-  // Copies holding an older view (or none) are closed, and so end fenced off.
-  for (int i = 0; i < n; ++i) {
-    if (((v.stale >> i) & 1u) != 0) sbacc_ma_close_hdd(sfd, i);
+  sbacc_ma_classify(headers, n, read, ev, SBACC_CLASSIFY_OPEN, sfd->sfe.filename, &v);
+  int rc = 0;
+  if (v.hold == SBACC_HOLD_UNSEEN) {
+    SBACC_TRACE(sbacc::kTraceError,
+                "[sbacc_ma_detect_hdd] %s refused: no readable copy holds a valid header while HDD bit [0x%x] is not "
+                "read",
+                sfd->sfe.filename, ev->unseen);
+    rc = SBACC_E_NOCOPY;
+  } else if (v.hold != SBACC_HOLD_NONE) {
+    SBACC_TRACE(sbacc::kTraceError,
+                "[sbacc_ma_detect_hdd] %s refused: HDD[%d] is fenced off in NV and the only candidate while HDD bit "
+                "[0x%x] is not read",
+                sfd->sfe.filename, v.src, ev->unseen);
+    rc = SBACC_E_NOCOPY;
+  } else if (v.src >= 0) {
+    // Copies holding an older view (or none) are closed, and so end fenced
+    // off.  With no valid header anywhere the caller starts the area afresh.
+    for (int i = 0; i < n; ++i) {
+      if (((v.stale >> i) & 1u) != 0) sbacc_ma_close_hdd(sfd, i);
+    }
+    *hdd = v.src;
   }
-  if (v.src >= 0) *hdd = v.src;
-  SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_detect_hdd] [LEAVE] %d", 0);
-  return 0;
+  SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_detect_hdd] [LEAVE] %d", rc);
+  return rc;
 }
 
 namespace {
 
 // The area's NV entry as the open starts from it: read (and, for a
-// write-mode open of an area NV does not know yet, initialised), or with
-// `nvinit` initialised anew.
-int EntryForOpen(SBACC_FILE_DISCRIPTER* sfd, bool write_mode, boolean_t nvinit, SBACC_MEM_LIST_ENTRY* entry) {
+// write-mode open of an area NV does not know yet, initialised); with
+// `nvinit` only read here (ReinitEntry makes it anew).  *ev gets what the
+// entry said before.
+int EntryForOpen(SBACC_FILE_DISCRIPTER* sfd, bool write_mode, boolean_t nvinit, SBACC_MEM_LIST_ENTRY* entry,
+                 SBACC_COPY_EVIDENCE* ev) {
   const char* name = sfd->sfe.filename;
-  int rc;
-  if (!nvinit) {
-    rc = sbacc_memget_entry(sfd, entry);
-    if (rc != 0 || sbacc_l_entry_valid(entry)) return rc;
-    if (!write_mode) {
-      SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] file exist error. filename=%s", name);
-      return SBACC_E_NOTINIT;
-    }
-    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] NV is not initialized ---> initialize NV");
-    return sbacc_l_memini_entry(sfd, entry);
-  }
-  uint32_t mask;
-  rc = sbacc_memget_hddblockade(sfd, &mask);
+  const int rc = sbacc_memget_entry(sfd, entry);
   if (rc != 0) {
-    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] sbacc_memget_hddblockade error. retcode=%d", rc);
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] sbacc_memget_entry error. retcode=%d", rc);
     return rc;
   }
+  *ev = SBACC_COPY_EVIDENCE{0, 0, sbacc_l_entry_valid(entry) ? 1 : 0};
+  if (ev->existed != 0) ev->nvfenced = entry->hddblockade;
+  if (nvinit || ev->existed != 0) return 0;
+  if (!write_mode) {
+    SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] file exist error. filename=%s", name);
+    return SBACC_E_NOTINIT;
+  }
+  SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] NV is not initialized ---> initialize NV");
+  return sbacc_l_memini_entry(sfd, entry);
+}
+
+int ReinitEntry(SBACC_FILE_DISCRIPTER* sfd, SBACC_MEM_LIST_ENTRY* entry) {
   SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_open] nv_init ---> initialize NV");
-  rc = sbacc_l_memini_entry(sfd, entry);
+  const int rc = sbacc_l_memini_entry(sfd, entry);
   if (rc != 0) SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] sbacc_l_memini_entry error. retcode=%d", rc);
   return rc;
 }
@@ -134,19 +153,28 @@ int Record(SBACC_FILE_DISCRIPTER* sfd, SBACC_MEM_LIST_ENTRY* entry, bool after_s
   return SBACC_E_ALLBLOCKADE;
 }
 
-// Opens every copy NV does not fence off, records the ones that failed, and
-// reads the open copies' headers (a copy whose header cannot be read is
-// closed).
-int OpenAndRead(SBACC_FILE_DISCRIPTER* sfd, SBACC_MEM_LIST_ENTRY* entry, int openprm, SBACC_HDD_HEADER* headers) {
+uint32_t OpenSet(const SBACC_FILE_DISCRIPTER* sfd) {
+  uint32_t open = 0;
+  for (int i = 0; i < sbacc_ma_copies(sfd); ++i) {
+    if (sfd->fd[i] != -1) open |= 1u << i;
+  }
+  return open;
+}
+
+// Opens every configured copy outside `skip` and reads the open copies'
+// headers (a copy whose header cannot be read is closed); *opened gets the
+// copies opened, ev->unseen the configured copies not read.  Nothing is
+// written: the copies that failed are recorded once the choice is made.
+void OpenAndRead(SBACC_FILE_DISCRIPTER* sfd, uint32_t skip, int openprm, SBACC_HDD_HEADER* headers,
+                 SBACC_COPY_EVIDENCE* ev, uint32_t* opened) {
   const int n = sbacc_ma_copies(sfd);
   uint32_t wanted = 0;
   for (int i = 0; i < n; ++i) {
     sfd->fd[i] = -1;
-    if (sfd->sfe.hddname[i][0] != '\0' && ((entry->hddblockade >> i) & 1u) == 0) wanted |= 1u << i;
+    if (sfd->sfe.hddname[i][0] != '\0' && ((skip >> i) & 1u) == 0) wanted |= 1u << i;
   }
   sbacc_ma_open_copies(sfd, wanted, openprm, "sbacc_ma_open");
-  const int rc = Record(sfd, entry, false);
-  if (rc != 0) return rc;
+  *opened = OpenSet(sfd);
   for (int i = 0; i < n; ++i) {
     if (sfd->fd[i] == -1) continue;
     SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_open] sbacc_l_hddget_header[%d]", i);
@@ -157,7 +185,7 @@ int OpenAndRead(SBACC_FILE_DISCRIPTER* sfd, SBACC_MEM_LIST_ENTRY* entry, int ope
       sbacc_ma_close_hdd(sfd, i);
     }
   }
-  return 0;
+  ev->unseen = SBACC_HDD_MAXBIT(n) & ~OpenSet(sfd);
 }
 
 // A new area: every open copy gets a fresh, empty header.  The first copy
@@ -185,8 +213,10 @@ int InitNewArea(SBACC_FILE_DISCRIPTER* sfd, uint32_t invalid) {
 }
 
 // The copy holding the latest data among those with a valid header (the
-// others are closed), or -1 when none has one.
-int ChooseCandidate(SBACC_FILE_DISCRIPTER* sfd, SBACC_HDD_HEADER* headers, uint32_t* invalid) {
+// others are closed) into *candidate, or -1 when none has one; SBACC_E_NOCOPY
+// when the evidence cannot justify the choice (or a new area).
+int ChooseCandidate(SBACC_FILE_DISCRIPTER* sfd, SBACC_HDD_HEADER* headers, const SBACC_COPY_EVIDENCE* ev,
+                    uint32_t* invalid, int* chosen) {
   const char* name = sfd->sfe.filename;
   int candidate = -1;
   *invalid = 0;
@@ -204,12 +234,14 @@ int ChooseCandidate(SBACC_FILE_DISCRIPTER* sfd, SBACC_HDD_HEADER* headers, uint3
   if (*invalid != 0) {
     SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] HDD HEADER is invalid. HDD bit [0x%x] filename=%s", *invalid, name);
   }
+  if (candidate >= 0) SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_open] sbacc_ma_detect_hdd");
+  const int rc = sbacc_ma_detect_hdd(sfd, headers, ev, &candidate);
+  if (rc != 0) return rc;
   if (candidate >= 0) {
-    SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_open] sbacc_ma_detect_hdd");
-    sbacc_ma_detect_hdd(sfd, headers, &candidate);
     SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_open] HDD[%d] is candidate(3) filename=%s", candidate, name);
   }
-  return candidate;
+  *chosen = candidate;
+  return 0;
 }
 
 // The body of the open; on failure the caller closes every copy.
@@ -238,15 +270,25 @@ int OpenArea(SBACC_FILE_DISCRIPTER* sfd, boolean_t* closeflag, boolean_t nvinit)
   }
 
   SBACC_MEM_LIST_ENTRY entry;
-  int rc = EntryForOpen(sfd, write_mode, nvinit, &entry);
-  if (rc == 0) rc = OpenAndRead(sfd, &entry, openprm, headers);
+  SBACC_COPY_EVIDENCE ev;
+  int rc = EntryForOpen(sfd, write_mode, nvinit, &entry, &ev);
+  if (rc != 0) return rc;
+  uint32_t opened = 0;
+  OpenAndRead(sfd, nvinit ? 0 : entry.hddblockade, openprm, headers, &ev, &opened);
+  // The choice is made before anything is written, so a refused one leaves
+  // headers and record as they were (nv_init rebuilds the record only
+  // after it).  A read-mode open writes nothing and so holds nothing back;
+  // an area with no header read is refused below as one without a copy.
+  uint32_t invalid = 0;
+  int candidate = -1;
+  const bool judge = write_mode && OpenSet(sfd) != 0;
+  rc = ChooseCandidate(sfd, headers, judge ? &ev : nullptr, &invalid, &candidate);
+  if (rc == 0 && nvinit) rc = ReinitEntry(sfd, &entry);
   if (rc != 0) return rc;
   SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_open] sbacc_ma_set_hddblockade");
-  rc = Record(sfd, &entry, true);
+  rc = Record(sfd, &entry, opened != 0);
   if (rc != 0) return rc;
 
-  uint32_t invalid = 0;
-  int candidate = ChooseCandidate(sfd, headers, &invalid);
   if (candidate < 0 && !write_mode) {
     SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] file exist error(all HDD is invalid). filename=%s", name);
     return SBACC_E_NOTINIT;

@@ -105,10 +105,45 @@ struct Scan {
   uint32_t repair = 0;    // stale: to be rebuilt from src
   uint32_t noinit = 0;    // no valid header
   int src = -1;           // the copy holding the latest data
+  int hold = SBACC_HOLD_NONE;
 };
 
-// Reads every open copy's header and chooses the latest copy.
-void ScanCopies(SBACC_FILE_DISCRIPTER* sfd, Scan* sc) {
+// What NV knew of the area before this start-up wrote anything.
+int ReadEvidence(SBACC_FILE_DISCRIPTER* sfd, SBACC_COPY_EVIDENCE* ev) {
+  SBACC_MEM_LIST_ENTRY e;
+  *ev = SBACC_COPY_EVIDENCE{0, 0, 0};
+  const int rc = sbacc_memget_entry(sfd, &e);
+  if (rc != 0) {
+    SBACC_TRACE(kTraceError, "[repair_for_restore] sbacc_memget_entry error. retcode=%d filename=%s", rc,
+                sfd->sfe.filename);
+    return rc;
+  }
+  ev->existed = sbacc_l_entry_valid(&e) ? 1 : 0;
+  ev->nvfenced = ev->existed != 0 ? e.hddblockade : 0;
+  return 0;
+}
+
+// The evidence cannot justify a choice: nothing is written, so the copies
+// and the NV record keep what they hold until the unseen copy is back.
+void Leave(const SBACC_FILE_DISCRIPTER* sfd, const Scan& sc, SBACC_DATA_REPAIR* rec) {
+  const char* name = sfd->sfe.filename;
+  if (sc.hold == SBACC_HOLD_UNSEEN) {
+    SBACC_TRACE(kTraceMilestone,
+                "[repair_for_restore] %s left as it is: no readable copy holds a valid header while HDD bit [0x%x] "
+                "cannot be read",
+                name, sc.blockade);
+  } else {
+    SBACC_TRACE(kTraceMilestone,
+                "[repair_for_restore] %s left as it is: HDD[%d] is fenced off in NV and the only candidate while HDD "
+                "bit [0x%x] cannot be read",
+                name, sc.src, sc.blockade);
+  }
+  rec->data_repair = SBACC_DATA_REPAIR_HELD;
+}
+
+// Reads every open copy's header and chooses the latest copy; ev->unseen
+// becomes the copies it could not read.
+void ScanCopies(SBACC_FILE_DISCRIPTER* sfd, SBACC_COPY_EVIDENCE* ev, Scan* sc) {
   const char* name = sfd->sfe.filename;
   memset(sc->hdr, 0, sizeof sc->hdr);
   for (int i = 0; i < sfd->sfe.hddcount; ++i) {
@@ -137,7 +172,9 @@ void ScanCopies(SBACC_FILE_DISCRIPTER* sfd, Scan* sc) {
   }
   SBACC_COPY_VERDICT v;
   const uint32_t all = SBACC_HDD_MAXBIT(sfd->sfe.hddcount);
-  sbacc_ma_classify(sc->hdr, sfd->sfe.hddcount, all & ~sc->blockade, SBACC_CLASSIFY_RESTORE, name, &v);
+  ev->unseen = sc->blockade;
+  sbacc_ma_classify(sc->hdr, sfd->sfe.hddcount, all & ~sc->blockade, ev, SBACC_CLASSIFY_RESTORE, name, &v);
+  sc->hold = v.hold;
   sc->src = v.src;
   sc->noinit = v.invalid;
   sc->repair = v.stale;
@@ -233,14 +270,25 @@ int CountAsOpen(SBACC_FILE_DISCRIPTER* sfd, SBACC_HDD_HEADER* latest, int src, S
 
 // Everything between taking and releasing the repair lock, except recording
 // the final mask.  Returns the area's result; *blockade_out is the mask to
-// record.
-int RepairLocked(SBACC_FILE_DISCRIPTER* sfd, SBACC_DATA_REPAIR* rec, uint32_t* blockade_out) {
+// record, unless *leave says to write nothing more.
+int RepairLocked(SBACC_FILE_DISCRIPTER* sfd, SBACC_DATA_REPAIR* rec, uint32_t* blockade_out, bool* leave) {
   const char* name = sfd->sfe.filename;
   const int hddcount = sfd->sfe.hddcount;
+  SBACC_COPY_EVIDENCE ev;
+  int rc = ReadEvidence(sfd, &ev);
+  *leave = rc != 0;
+  if (rc != 0) return rc;
   Scan sc;
-  ScanCopies(sfd, &sc);
+  ScanCopies(sfd, &ev, &sc);
+  // An area none of whose copies could be read stays an area without a copy.
+  if (sc.hold != SBACC_HOLD_NONE && sc.blockade != SBACC_HDD_MAXBIT(hddcount)) {
+    *leave = true;
+    Leave(sfd, sc, rec);
+    return 0;
+  }
+  (void)sbacc_ma_clear_leftover_marks(sfd);
   if (sc.noinit != 0 && sc.noinit == sc.repair && sc.src < 0) return InitAllNew(sfd, sc, rec, blockade_out);
-  int rc = Settle(sfd, sc.blockade, blockade_out);
+  rc = Settle(sfd, sc.blockade, blockade_out);
   if (rc != 0) return rc;
 
   // A stale copy is good only once rebuilt.  Every exit before the rebuild
@@ -322,17 +370,18 @@ int sbacc_ma_repair_for_restore(int index) {
     for (int i = 0; i < SBACC_HDD_MAX; ++i) sbacc_ma_close_hdd(sfd, i);
   } else {
     uint32_t blockade = 0;
-    (void)sbacc_ma_clear_leftover_marks(sfd);
-    rc = RepairLocked(sfd, rec, &blockade);
+    bool leave = false;
+    rc = RepairLocked(sfd, rec, &blockade, &leave);
     // Still held: the mask and the close stamp go down before the lock is
-    // released, so the next holder finds the area closed.  Lost: nothing
-    // more is written, as when the lock could not be taken.
-    const int held = sbacc_ma_repairlock_check(sfd);
-    if (held == 0) {
+    // released, so the next holder finds the area closed.  Lost, or the
+    // area to be left as it is: nothing more is written, as when the lock
+    // could not be taken.
+    const int held = leave ? 0 : sbacc_ma_repairlock_check(sfd);
+    if (!leave && held == 0) {
       RecordBlockade(sfd, blockade);
       (void)sbacc_ma_close(sfd);
     } else {
-      rc = held;
+      if (held != 0) rc = held;
       for (int i = 0; i < SBACC_HDD_MAX; ++i) sbacc_ma_close_hdd(sfd, i);
     }
     (void)sbacc_ma_leave_repairlock(sfd);

@@ -296,8 +296,28 @@ int DataRepairExec(int repair_flag, int type, int64_t close0, int64_t close1) {
   return 0;
 }
 
+// A held area (its HDD repair left it as it is: a copy that may hold its
+// data could not be read) is not repairable now, like a failed one, and more:
+// it is never read (it would read as empty or old) nor written (its data
+// would be lost).  Every run of the repair reads or writes both backups, both
+// markers, envfw_verid and envfw_verback, and envfw_reboot unless only type 1
+// is due; so a held area among those refuses the repair as a failed pair of
+// backups does, clearing envfw_verback unless that is the held one.  True
+// when refused, with the refusal's result in *rc.
+bool RefuseHeld(const data_repair_t* table, int held, int type, int* rc) {
+  const int needed = type == 1 ? ~kBitReboot : ~0;
+  if ((held & needed) == 0) return false;
+  for (int k = 0; k < kTableRows; ++k) {
+    if ((held & needed & table[k].file_bit) == 0) continue;
+    SBACC_TRACE(kTraceError, "[sbacc_hdd_restore] %s is left as it is. data repair dose not exist.", table[k].filename);
+  }
+  *rc = (held & kBitVerback) != 0 ? 0 : VerbackClear();
+  return true;
+}
+
 int DataRepair(const data_repair_t* table, const SBACC_DATA_REPAIR* recs, int filenum) {
   int repair_flag = 0;
+  int held = 0;
   int type = 0;
   int64_t close0 = 0;
   int64_t close1 = 0;
@@ -322,6 +342,7 @@ int DataRepair(const data_repair_t* table, const SBACC_DATA_REPAIR* recs, int fi
                     when);
         close1 = r.closetime;
       }
+      if (r.data_repair == SBACC_DATA_REPAIR_HELD) held |= row->file_bit;
       if (r.data_repair == 1) {
         repair_flag |= row->file_bit;
         type |= row->data_repair_type;
@@ -336,6 +357,8 @@ int DataRepair(const data_repair_t* table, const SBACC_DATA_REPAIR* recs, int fi
   }
   SBACC_TRACE(kTraceMilestone, "[sbacc_hdd_restore] data repair of the paired areas (flag 0x%x): repaired by controller %d",
               repair_flag, sbacc_cntno);
+  int rc = 0;
+  if (RefuseHeld(table, held, type, &rc)) return rc;
   if ((repair_flag & kBitBackup0) != 0 && (repair_flag & kBitBackup1) != 0) {
     SBACC_TRACE(kTraceError,
                 "[sbacc_hdd_restore] envfw_backup0 and envfw_backup1 is failed. data repair dose not exist.");

@@ -146,10 +146,13 @@ typedef struct {
 // Start-up verdict on one area's data.
 typedef struct _TAG_SBACC_DATA_REPAIR {
   char filename[SBACC_FILENAME_LEN];
-  int data_repair;
+  int data_repair;  // 0: nothing to do; 1: the data repair is needed; SBACC_DATA_REPAIR_HELD
   int all_bk_flag;
   int64_t closetime;
   char rfu2[16];
 } SBACC_DATA_REPAIR;
+// The restore left the area as it is (a copy that may hold its data could not
+// be read): not repairable now, neither read nor written by the data repair.
+enum { SBACC_DATA_REPAIR_HELD = 2 };
 
 #endif  // SBACC_TYPES_H

@@ -104,8 +104,10 @@ typedef struct _TAG_SBACC_REPAIR_HDD {
  *
  * Errors: SBACC_E_PARAM (a NULL argument, a bad mode, an area name not in
  * the list), SBACC_E_NOMEM, SBACC_E_ALLBLOCKADE (every copy fenced off),
- * SBACC_E_NOTINIT (NV record or every header not initialised), the NV and
- * HDD codes. */
+ * SBACC_E_NOTINIT (NV record or every header not initialised),
+ * SBACC_E_NOCOPY ("w": no copy read holds a valid header while a copy that
+ * may hold the data cannot be read; nothing is written), the NV and HDD
+ * codes. */
 SBACC_API int sbacc_open(const char *filename, const char *mode, void **fp, boolean_t *closeflag);
 
 /* sbacc_close: closes the area and releases the handle, which must not be
@@ -147,7 +149,9 @@ SBACC_API int sbacc_read_size(sbacc_fd *fp);
  *
  * Returns 0, or the code of the first step that failed: the restore's (no NV
  * record rebuilt), or an area's (the areas before it are done, it and the
- * later ones not).  An area left without a usable copy does not fail it. */
+ * later ones not).  An area left as it is because a copy that may hold its
+ * data cannot be read does not stop the others: the call then ends with
+ * SBACC_E_NOCOPY. */
 SBACC_API int sbacc_nv_init(int cntno);
 
 /* sbacc_hdd_restore: the start-up restore alone, which sbacc_nv_init runs

@@ -60,7 +60,7 @@ TEST_F(VerdictTest, RecordsMaskAndVerdict) {
                       {"vzv", {0, 0, 0}, {300, 0, 200}, 0, 0x2, 0, 0, 0},    // no header: rebuilt
                       {"vvm", {0, 0, 0}, {300, 200, 0}, 0, 0, 0x4, 0, 0},    // no file: fenced off
                       {"zzz", {0, 0, 0}, {0, 0, 0}, -1, 0, 0, 1, 0},         // new HDDs
-                      {"zzm", {0, 0, 0}, {0, 0, 0}, -1, 0, 0x4, 1, 0},
+                      {"zzm", {0, 0, 0}, {0, 0, 0}, -1, 0, 0, SBACC_DATA_REPAIR_HELD, 0},  // copy 2 may hold it
                       {"mmm", {0, 0, 0}, {0, 0, 0}, -1, 0, 0x7, 0, SBACC_E_ALLBLOCKADE}};
   for (const auto& c : kCases) {
     for (int round = 0; round < 4 && !HasFailure(); ++round) {
@@ -88,6 +88,10 @@ TEST_F(VerdictTest, RecordsMaskAndVerdict) {
       EXPECT_EQ(0, e.hddrepairlock_cntno[0]);
       for (int i = 0; i < 3; ++i) {
         if (c.kinds[i] == 'm') continue;
+        if (c.data_repair == SBACC_DATA_REPAIR_HELD) {  // left as it is
+          EXPECT_EQ(std::vector<uint8_t>(128), sim_.HddBytes(i, 0x2000, 128));
+          continue;
+        }
         const SBACC_HDD_HEADER h = sim_.Header(0, i);
         EXPECT_TRUE(sbacc_l_header_valid(&h)) << "copy " << i;
         EXPECT_EQ(c.mask, h.hddblockade);
@@ -198,6 +202,74 @@ TEST_F(RestoreTest, EveryWriteUnderTheLockAndALostLockStops) {
     sbacc_reset_process_state();
     EXPECT_EQ(0, sbacc_nv_init(0));
     EXPECT_EQ("", StartUpWork::Done(sim));
+  }
+}
+
+// A start-up that cannot read a copy which may hold an area's data leaves
+// the area as it is (no byte of either copy written, a "w" open refused);
+// once the disk is back the next start-up serves the committed data.  Copy
+// 1: m missing, e every read fails, f fenced in NV holding older bytes.
+// Copy 0: d one header byte damaged, z header zeroed, o fenced in NV holding
+// older bytes, r its first header read fails.  The envfw_backup0 case has
+// envfw_backup1 due for the data repair, which would copy it over.
+TEST_F(RestoreTest, UnseenCopyLeavesTheAreaAsItIs) {
+  using sbacc_test::StartUpWork;
+  constexpr int kPlain = StartUpWork::kPlain, kBackup0 = StartUpWork::kPaired;
+  struct {
+    int area;
+    char c1, c0;
+    int rc;  // of the start-up while copy 1 or copy 0 is unseen
+  } const kCases[] = {{kPlain, 'm', 'd', SBACC_E_NOCOPY}, {kPlain, 'm', 'z', SBACC_E_NOCOPY},
+                      {kPlain, 'e', 'd', SBACC_E_NOCOPY}, {kPlain, 'm', 'o', SBACC_E_NOCOPY},
+                      {kPlain, 'e', 'o', SBACC_E_NOCOPY}, {kBackup0, 'm', 'd', SBACC_E_NOCOPY},
+                      {kPlain, 'f', 'r', 0}};
+  sbacc::CrewSetBound(0);  // areas in list order: copy 0's first read is the plain area's header
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(std::string(StartUpWork::kNames[c.area]) + " " + c.c1 + c.c0);
+    Sim sim(2, 64 * 1024);
+    StartUpWork::SetAreas(sim, 2);
+    for (int a = 0; a < StartUpWork::kAreas; ++a) sbacc_test::Store(StartUpWork::kNames[a], StartUpWork::Before()[a]);
+    const char* name = StartUpWork::kNames[c.area];
+    const Bytes data = sbacc_test::Pattern(300, 9);
+    {
+      FaultEnv env;
+      if (c.c0 == 'o' || c.c1 == 'f') env.FailOp(FaultEnv::kWrite, sim.HddPath(c.c0 == 'o' ? 0 : 1), 0, -1, EIO);
+      sbacc_test::Store(name, data);
+    }
+    const uint64_t at = 0x1000 + 4096ull * c.area;
+    if (c.c0 == 'd') sim.PutHddBytes(0, at, "X", 1);
+    if (c.c0 == 'z') sim.PutHddBytes(0, at, Bytes(128).data(), 128);
+    sim.EditHeader(kBackup0 + 1, 0, [&](auto& h) { h.openflag = c.area == kBackup0; });
+    const Bytes disk1 = sim.HddBytes(1, 0, 64 * 1024);
+    if (c.c1 == 'm') sim.RemoveHdd(1);
+    sbacc_reset_process_state();
+    auto copy = [&](int hdd) { return sim.HddBytes(hdd, at, 4096); };
+    auto served = [&] {
+      Bytes got(data.size());
+      void* fp = sbacc_test::OpenArea(name, "r");
+      EXPECT_EQ(static_cast<int>(got.size()), sbacc_read(got.data(), static_cast<int>(got.size()), 0, fp));
+      EXPECT_EQ(0, sbacc_close(fp));
+      return got;
+    };
+    const Bytes copy0 = copy(0), copy1 = copy(1);
+    {
+      FaultEnv env;
+      env.SetNow(2000000000);  // its close stamps later than the store's
+      if (c.c1 == 'e') env.FailOp(FaultEnv::kRead, sim.HddPath(1), 0, -1, EIO);
+      if (c.c0 == 'r') env.FailOp(FaultEnv::kRead, sim.HddPath(0), 0, 1, EIO);
+      EXPECT_EQ(c.rc, sbacc_nv_init(0));
+      void* fp = nullptr;
+      boolean_t clean = B_FALSE;
+      // Refused; with copy 0 fenced in NV there is no copy to open at all.
+      const int w = c.rc == 0 ? SBACC_E_NOCOPY : sbacc_open(name, "w", &fp, &clean);
+      EXPECT_EQ(c.c0 == 'o' ? SBACC_E_ALLBLOCKADE : SBACC_E_NOCOPY, w);
+      EXPECT_TRUE(c.rc == 0 || (copy0 == copy(0) && copy1 == copy(1))) << "a byte of the area was written";
+    }
+    EXPECT_TRUE(c.rc != 0 || data == served()) << "lost by the faulted start-up";
+    if (c.c1 == 'm') sim.PutHddBytes(1, 0, disk1.data(), disk1.size());
+    sbacc_reset_process_state();
+    EXPECT_EQ(0, sbacc_nv_init(0));
+    EXPECT_EQ(data, served());
   }
 }
 

@@ -37,6 +37,7 @@ struct AreaSnap {
   std::vector<CopySnap> copies;
   int source = -1;        // the copy the start-up takes as latest
   uint32_t stale = 0;     // the copies it rebuilds from the source
+  int hold = SBACC_HOLD_NONE;  // nonzero: the start-up leaves the area as it is
 };
 
 uint64_t Digest(SBACC_FILE_DISCRIPTER* sfd, int j, const SBACC_HDD_HEADER& h, int64_t capacity) {
@@ -66,8 +67,11 @@ void Classify(AreaSnap* s) {
     headers[i] = s->copies[static_cast<size_t>(i)].hdr;
     read |= 1u << i;
   }
+  const SBACC_COPY_EVIDENCE ev{SBACC_HDD_MAXBIT(n) & ~read, s->nv_blockade, s->nv_valid ? 1 : 0};
   SBACC_COPY_VERDICT v;
-  sbacc_ma_classify(headers, n, read, SBACC_CLASSIFY_SILENT, "", &v);
+  sbacc_ma_classify(headers, n, read, &ev, SBACC_CLASSIFY_SILENT, "", &v);
+  // As the restore: an area none of whose copies can be read is no hold.
+  s->hold = read != 0 ? v.hold : SBACC_HOLD_NONE;
   s->source = v.src;
   s->stale = v.stale;
 }
@@ -164,6 +168,15 @@ Outcome Judge(size_t index, const std::vector<SBACC_FILE_LIST_ENTRY>& areas, con
   const AreaSnap& b = before[index];
   const AreaSnap& a = after[index];
   Outcome o;
+  if (b.hold != SBACC_HOLD_NONE) {
+    o.verdict = StartupVerdict::kNoCopy;
+    o.loss = true;
+    o.events.push_back(b.hold == SBACC_HOLD_UNSEEN ? "left as it is: no readable copy holds a valid header while a copy that may "
+                                      "hold its data cannot be read; bring that disk back"
+                                    : "left as it is: the only candidate is a copy NV fences off while a current "
+                                      "copy cannot be read; bring that disk back");
+    return o;
+  }
   const bool any_valid = std::any_of(b.copies.begin(), b.copies.end(), [](const CopySnap& c) { return c.valid; });
   const bool all_blank = std::all_of(b.copies.begin(), b.copies.end(),
                                      [](const CopySnap& c) { return !c.readable || c.blank; });
@@ -227,6 +240,7 @@ Outcome Judge(size_t index, const std::vector<SBACC_FILE_LIST_ENTRY>& areas, con
 // foreseen: it depends on what the repairs find.
 AreaSnap Predict(const AreaSnap& b) {
   AreaSnap a = b;
+  if (b.hold != SBACC_HOLD_NONE) return a;
   a.nv_valid = true;
   a.nv_blockade = 0;
   const bool any_valid = b.source >= 0;

@@ -121,7 +121,9 @@ int LatestCopy(AreaProbe& p, const std::vector<int>& candidates, uint32_t* rejec
     read |= 1u << j;
   }
   SBACC_COPY_VERDICT v;
-  sbacc_ma_classify(headers, SBACC_HDD_MAX, read, SBACC_CLASSIFY_SILENT, "", &v);
+  // Only the reference of a comparison: nothing is written from it, so no
+  // evidence beyond the headers is needed.
+  sbacc_ma_classify(headers, SBACC_HDD_MAX, read, nullptr, SBACC_CLASSIFY_SILENT, "", &v);
   if (rejected != nullptr) *rejected = v.stale & read;
   return v.src >= 0 ? v.src : candidates.front();
 }
