@@ -64,6 +64,7 @@ enum {
   SBACC_HOLD_NONE = 0,
   SBACC_HOLD_UNSEEN = 1,         // no copy read has a valid header, a copy that may hold the data is unseen
   SBACC_HOLD_FENCED_SOURCE = 2,  // the only candidate NV fences off, a copy NV does not fence is unseen
+  SBACC_HOLD_UNVERIFIED = 3,     // the latest copy fails its integrity record and no copy that proves its data holds the same
 };
 // What the caller knows beyond the headers it read.
 typedef struct {
@@ -71,6 +72,7 @@ typedef struct {
                       // opened because NV fences them)
   uint32_t nvfenced;  // copies the area's NV record fences off
   int existed;        // NV held a valid record of the area before this start-up or open touched it
+  uint32_t bad;       // copies whose data fails their integrity record
 } SBACC_COPY_EVIDENCE;
 // Whose trace lines the rule writes as it decides (none for the tool).
 typedef enum { SBACC_CLASSIFY_SILENT, SBACC_CLASSIFY_OPEN, SBACC_CLASSIFY_RESTORE } SBACC_CLASSIFY_TRACE;

@@ -60,6 +60,37 @@ int Hold(const SBACC_COPY_VERDICT& v, const SBACC_COPY_EVIDENCE* ev) {
   return SBACC_HOLD_NONE;
 }
 
+// Integrity records have the last word on data: a copy whose data fails
+// its record is never a source, and is rebuilt from a copy that holds the
+// same view of the area and proves its data.  When the latest copy fails and
+// only older ones prove theirs, neither may overwrite the other: false, and
+// the area is held.
+bool Prove(const SBACC_HDD_HEADER* hdr, int count, uint32_t read, uint32_t bad, SBACC_CLASSIFY_TRACE style,
+           const char* name, SBACC_COPY_VERDICT* v) {
+  bad &= read & ~v->invalid;
+  if (bad == 0) return true;
+  if (Has(bad, v->src)) {
+    int alt = -1;
+    for (int i = 0; i < count && i < SBACC_HDD_MAX && alt < 0; ++i) {
+      if (i != v->src && Has(read, i) && !Has(v->invalid | v->stale | bad, i) &&
+          !Has(hdr[v->src].hddblockade, i)) {
+        alt = i;
+      }
+    }
+    if (alt < 0) {
+      v->hold = SBACC_HOLD_UNVERIFIED;
+      return false;
+    }
+    if (style == SBACC_CLASSIFY_RESTORE) {
+      SBACC_TRACE(kTraceMilestone, "[repair_for_restore] HDD[%d] fails its integrity record: HDD[%d] is the source. %s",
+                  v->src, alt, name);
+    }
+    v->src = alt;
+  }
+  v->stale |= bad;
+  return true;
+}
+
 }  // namespace
 
 void sbacc_ma_classify(const SBACC_HDD_HEADER* hdr, int count, uint32_t read, const SBACC_COPY_EVIDENCE* ev,
@@ -103,6 +134,7 @@ void sbacc_ma_classify(const SBACC_HDD_HEADER* hdr, int count, uint32_t read, co
   }
   v->hold = Hold(*v, ev);
   if (v->src < 0) return;
+  if (ev != nullptr && !Prove(hdr, count, read, ev->bad, style, name, v)) return;
   // Copies the source itself records as fenced off missed writes, whatever
   // their own header says.
   for (int i = 0; i < count && i < SBACC_HDD_MAX; ++i) {

@@ -116,7 +116,7 @@ int EntryForOpen(SBACC_FILE_DISCRIPTER* sfd, bool write_mode, boolean_t nvinit, 
     SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_open] sbacc_memget_entry error. retcode=%d", rc);
     return rc;
   }
-  *ev = SBACC_COPY_EVIDENCE{0, 0, sbacc_l_entry_valid(entry) ? 1 : 0};
+  *ev = SBACC_COPY_EVIDENCE{0, 0, sbacc_l_entry_valid(entry) ? 1 : 0, 0};
   if (ev->existed != 0) ev->nvfenced = entry->hddblockade;
   if (nvinit || ev->existed != 0) return 0;
   if (!write_mode) {

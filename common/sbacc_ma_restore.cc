@@ -106,12 +106,33 @@ struct Scan {
   uint32_t noinit = 0;    // no valid header
   int src = -1;           // the copy holding the latest data
   int hold = SBACC_HOLD_NONE;
+  uint32_t bad = 0;       // data fails the copy's integrity record
 };
+
+// Copies whose data fails their integrity record never serve as a source.
+// A copy whose data cannot be read now is counted as unreadable.
+void ProveCopies(SBACC_FILE_DISCRIPTER* sfd, Scan* sc) {
+  if (!sbacc_ma_checksums(sfd)) return;
+  for (int i = 0; i < sfd->sfe.hddcount; ++i) {
+    if (sfd->fd[i] == -1 || !sbacc_l_header_valid(&sc->hdr[i])) continue;
+    const int v = sbacc_ma_verify_copy(sfd, i, &sc->hdr[i]);
+    if (v == SBACC_VERIFY_BAD) {
+      sc->bad |= 1u << i;
+      SBACC_TRACE(kTraceMilestone, "[repair_for_restore] HDD[%d] fails its integrity record (range 0-%d). %s", i,
+                  sc->hdr[i].filesize, sfd->sfe.filename);
+    } else if (v < 0) {
+      SBACC_TRACE(kTraceError, "[repair_for_restore] sbacc_l_hddget_data[%d] error. retcode=%d filename=%s", i, v,
+                  sfd->sfe.filename);
+      sbacc_ma_close_hdd(sfd, i);
+      sc->blockade |= 1u << i;
+    }
+  }
+}
 
 // What NV knew of the area before this start-up wrote anything.
 int ReadEvidence(SBACC_FILE_DISCRIPTER* sfd, SBACC_COPY_EVIDENCE* ev) {
   SBACC_MEM_LIST_ENTRY e;
-  *ev = SBACC_COPY_EVIDENCE{0, 0, 0};
+  *ev = SBACC_COPY_EVIDENCE{0, 0, 0, 0};
   const int rc = sbacc_memget_entry(sfd, &e);
   if (rc != 0) {
     SBACC_TRACE(kTraceError, "[repair_for_restore] sbacc_memget_entry error. retcode=%d filename=%s", rc,
@@ -127,7 +148,12 @@ int ReadEvidence(SBACC_FILE_DISCRIPTER* sfd, SBACC_COPY_EVIDENCE* ev) {
 // and the NV record keep what they hold until the unseen copy is back.
 void Leave(const SBACC_FILE_DISCRIPTER* sfd, const Scan& sc, SBACC_DATA_REPAIR* rec) {
   const char* name = sfd->sfe.filename;
-  if (sc.hold == SBACC_HOLD_UNSEEN) {
+  if (sc.hold == SBACC_HOLD_UNVERIFIED) {
+    SBACC_TRACE(kTraceMilestone,
+                "[repair_for_restore] %s left as it is: the latest copy fails its integrity record and no copy that "
+                "proves its data holds the same (bad HDD bit [0x%x])",
+                name, sc.bad);
+  } else if (sc.hold == SBACC_HOLD_UNSEEN) {
     SBACC_TRACE(kTraceMilestone,
                 "[repair_for_restore] %s left as it is: no readable copy holds a valid header while HDD bit [0x%x] "
                 "cannot be read",
@@ -170,9 +196,11 @@ void ScanCopies(SBACC_FILE_DISCRIPTER* sfd, SBACC_COPY_EVIDENCE* ev, Scan* sc) {
                   sc->noinit, sc->noinit);
     }
   }
+  ProveCopies(sfd, sc);
   SBACC_COPY_VERDICT v;
   const uint32_t all = SBACC_HDD_MAXBIT(sfd->sfe.hddcount);
   ev->unseen = sc->blockade;
+  ev->bad = sc->bad;
   sbacc_ma_classify(sc->hdr, sfd->sfe.hddcount, all & ~sc->blockade, ev, SBACC_CLASSIFY_RESTORE, name, &v);
   sc->hold = v.hold;
   sc->src = v.src;

@@ -67,7 +67,7 @@ void Classify(AreaSnap* s) {
     headers[i] = s->copies[static_cast<size_t>(i)].hdr;
     read |= 1u << i;
   }
-  const SBACC_COPY_EVIDENCE ev{SBACC_HDD_MAXBIT(n) & ~read, s->nv_blockade, s->nv_valid ? 1 : 0};
+  const SBACC_COPY_EVIDENCE ev{SBACC_HDD_MAXBIT(n) & ~read, s->nv_blockade, s->nv_valid ? 1 : 0, 0};
   SBACC_COPY_VERDICT v;
   sbacc_ma_classify(headers, n, read, &ev, SBACC_CLASSIFY_SILENT, "", &v);
   // As the restore: an area none of whose copies can be read is no hold.

@@ -741,6 +741,7 @@ struct StartUpWork {
     }
     sim.PutData(kIntent, 1, 10, Pattern(20, 7));  // landed on copy 1 alone; copy 0 has the record
     sim.EditHeader(kIntent, 0, [](auto& h) { h.writeflag = 1, h.write_offset = 10, h.write_size = 20; });
+    for (int i = 0; i < copies; ++i) sim.EditHeader(kIntent, i, [](auto& h) { memset(h.rfu5, 0, sizeof h.rfu5); });
     for (int i = 0; i < copies; ++i) sim.EditHeader(kPaired, i, [](auto& h) { h.openflag = 1; });
     sbacc_reset_process_state();
   }
