@@ -25,8 +25,30 @@ constexpr int kChunk = 2048;
 struct Plan {
   int ref = -1;  // the copy that reads return: the lowest usable one
   int64_t lo = 0, hi = 0;
+  int32_t size = 0;  // the data size every copy gets: the reference's proven one
   bool needed = false;
 };
+
+// The size the copies are made to agree on.  Without checksums, the
+// reference's.  With them, the largest size a copy both states and proves:
+// a size field is believed only as far as the copy's integrity record
+// covers, so a damaged size field never shortens the others, while a write
+// cut short (its record ahead of its size) is not rolled forward.
+int32_t TargetSize(const SBACC_FILE_DISCRIPTER* sfd, const SBACC_HDD_HEADER* hdr, int ref) {
+  if (!sbacc_ma_checksums(sfd)) return hdr[ref].filesize;
+  const int32_t cap = sbacc_ma_data_capacity(sfd);
+  int32_t best = -1;
+  for (int i = 0; i < sbacc_ma_copies(sfd); ++i) {
+    if (sfd->fd[i] == -1) continue;
+    int32_t size = hdr[i].filesize < 0 ? 0 : (hdr[i].filesize > cap ? cap : hdr[i].filesize);
+    SBACC_INTEGRITY r;
+    if (sbacc_l_integrity_applies(&hdr[i], &r) == SBACC_INTEGRITY_OK && static_cast<int64_t>(r.length) < size) {
+      size = static_cast<int32_t>(r.length);
+    }
+    if (size > best) best = size;
+  }
+  return best < 0 ? hdr[ref].filesize : best;
+}
 
 // Reads every open copy's header (a copy that cannot deliver it is closed,
 // and so ends fenced off) and decides whether and what to copy.
@@ -47,7 +69,6 @@ Plan Decide(SBACC_FILE_DISCRIPTER* sfd, SBACC_HDD_HEADER* hdr) {
     }
     const SBACC_HDD_HEADER& h = hdr[i];
     if (plan.ref < 0) plan.ref = i;
-    if (h.filesize != hdr[plan.ref].filesize) whole = plan.needed = true;
     if (h.writeflag == 0) continue;
     plan.needed = true;
     // Only a record as the write leaves it names the range; anything else
@@ -60,8 +81,12 @@ Plan Decide(SBACC_FILE_DISCRIPTER* sfd, SBACC_HDD_HEADER* hdr) {
     if (h.write_offset < plan.lo) plan.lo = h.write_offset;
     if (end > plan.hi) plan.hi = end > cap ? cap : end;
   }
+  if (plan.ref >= 0) plan.size = TargetSize(sfd, hdr, plan.ref);
+  for (int i = 0; i < n && plan.ref >= 0; ++i) {
+    if (sfd->fd[i] != -1 && hdr[i].filesize != plan.size) whole = plan.needed = true;
+  }
   if (whole && plan.ref >= 0) {
-    const int32_t size = hdr[plan.ref].filesize;
+    const int32_t size = plan.size;
     plan.lo = 0;
     plan.hi = (size >= 0 && size <= cap) ? size : cap;
   }
@@ -103,10 +128,10 @@ void ClearIntent(SBACC_FILE_DISCRIPTER* sfd, int i, SBACC_HDD_HEADER* h, const S
 // The record every copy gets once it holds the reference's data: computed
 // from that data, one generation past any copy's.  False when the
 // reference cannot be read (it is closed, and the caller plans again).
-bool RecordOfReference(SBACC_FILE_DISCRIPTER* sfd, const SBACC_HDD_HEADER* hdr, int ref, SBACC_INTEGRITY* rec) {
+bool RecordOfReference(SBACC_FILE_DISCRIPTER* sfd, const SBACC_HDD_HEADER* hdr, int ref, int32_t size,
+                       SBACC_INTEGRITY* rec) {
   memset(rec, 0, sizeof *rec);
   const int32_t cap = sbacc_ma_data_capacity(sfd);
-  const int32_t size = hdr[ref].filesize;
   rec->length = static_cast<uint32_t>(size < 0 ? 0 : (size > cap ? cap : size));
   for (int i = 0; i < sbacc_ma_copies(sfd); ++i) {
     SBACC_INTEGRITY r;
@@ -149,15 +174,16 @@ bool Copy(SBACC_FILE_DISCRIPTER* sfd, const Plan& plan, SBACC_HDD_HEADER* hdr, u
   // anywhere in here leaves work that the next start-up does again.
   SBACC_INTEGRITY rec;
   const bool sums = sbacc_ma_checksums(sfd);
-  if (sums && !RecordOfReference(sfd, hdr, ref, &rec)) return false;
+  if (sums && !RecordOfReference(sfd, hdr, ref, plan.size, &rec)) return false;
   for (int i = 0; i < n; ++i) {
     if (i != ref && sfd->fd[i] != -1) ClearIntent(sfd, i, &hdr[i], sums ? &rec : nullptr);
   }
   uint8_t size[4];
-  sbacc_l_put_le32(size, static_cast<uint32_t>(hdr[ref].filesize));
+  sbacc_l_put_le32(size, static_cast<uint32_t>(plan.size));
   for (int i = 0; i < n; ++i) {
-    if (i != ref && sfd->fd[i] != -1 && hdr[i].filesize != hdr[ref].filesize) Put(sfd, i, kHdrFilesize, size, 4);
+    if (i != ref && sfd->fd[i] != -1 && hdr[i].filesize != plan.size) Put(sfd, i, kHdrFilesize, size, 4);
   }
+  if (hdr[ref].filesize != plan.size) Put(sfd, ref, kHdrFilesize, size, 4);
   ClearIntent(sfd, ref, &hdr[ref], sums ? &rec : nullptr);
   return true;
 }
