@@ -38,72 +38,77 @@ bool EnsureOpen(SBACC_FILE_DISCRIPTER* sfd, int i, int flags) {
   return true;
 }
 
-// Checks copy i's data against its integrity record, once per handle.
-// True when the copy may be read (it verifies, keeps no record, or cannot
-// be read now, which the read itself then reports); false when it fails,
-// with one trace line naming the area, the copy and the range.
-bool CopyVerifies(SBACC_FILE_DISCRIPTER* sfd, int i) {
-  if (Bit(sfd->verified, i)) return true;
+// Checks copy i's data against its integrity record, once per handle:
+// kProven (it verifies, or keeps no record, or cannot be read now, which
+// the read itself then reports), kFails (one trace line naming the area, the
+// copy and the range) or kUnsure (a write of another handle or process was
+// in flight: its bytes prove nothing either way).
+enum Proof { kProven, kFails, kUnsure };
+Proof CopyVerifies(SBACC_FILE_DISCRIPTER* sfd, int i) {
+  if (Bit(sfd->verified, i)) return kProven;
   SBACC_HDD_HEADER h;
   int v = sbacc_l_hddget_header(sfd, i, &h);
   if (v == 0) v = sbacc_ma_verify_copy(sfd, i, &h);
   if (v != SBACC_VERIFY_BAD) {
     if (v >= 0) sfd->verified |= 1u << i;
-    return true;
+    return kProven;
   }
-  // A write of another handle (or process) in flight, or one that started
-  // while the data was being read, proves nothing: no verdict then.
   SBACC_HDD_HEADER again;
   if (h.writeflag != 0 || sbacc_l_hddget_header(sfd, i, &again) != 0 || again.writeflag != 0 ||
       memcmp(again.rfu5, h.rfu5, sizeof h.rfu5) != 0 || again.filesize != h.filesize) {
-    return true;
+    return kUnsure;
   }
   SBACC_INTEGRITY r;
   (void)sbacc_l_integrity_applies(&h, &r);
   SBACC_TRACE(sbacc::kTraceError, "[sbacc_ma_hdd_access] integrity error. filename=%s HDD[%d] range=0-%u crc=%#x",
               sfd->sfe.filename, i, r.length, r.crc);
-  return false;
+  return kFails;
 }
 
 // Reads from the first healthy copy that delivers.  A read-mode handle writes
 // nothing to NV, so NV does not know which copies its open rejected: it asks
 // the copies the open accepted first and the others only when all of those
 // fail, so that its reads never switch to a copy holding other bytes.  A data
-// read goes only to a copy that proves its data: one that fails is fenced
-// off by a write-mode handle (once another copy delivers: the last evidence
-// is never fenced) and skipped by a read-mode one; with none left the read
-// fails rather than return bytes that fail their check.
+// read goes to a copy that proves its data, then to one whose check a write
+// in flight made inconclusive; one that fails is fenced off by a write-mode
+// handle (once another copy delivers: the last evidence is never fenced) and
+// skipped by a read-mode one; with none left the read fails rather than
+// return bytes that fail their check.
 int AccessGet(SBACC_FILE_DISCRIPTER* sfd, const SBACC_MEM_LIST_ENTRY& e, int flags, int offset, void* buf,
               int len) {
   const int n = sbacc_ma_copies(sfd);
   const bool check = offset >= SBACC_HEADER_SIZE && sbacc_ma_checksums(sfd);
   const bool read_mode = sfd->openmode == SBACC_OPENMODE_READ;
   const uint32_t first = read_mode ? sfd->readset : 0;
-  uint32_t bad = 0;
-  for (int pass = first != 0 ? 0 : 1; pass < 2; ++pass) {
-    for (int i = 0; i < n; ++i) {
+  uint32_t bad = 0, unsure = 0;
+  auto deliver = [&](int i) {
+    if (sbacc_l_hddget(sfd, i, offset, buf, len) != 0) {
+      sbacc_ma_close_hdd(sfd, i);
+      return false;
+    }
+    for (int k = 0; k < n && !read_mode; ++k) {
+      if (Bit(bad, k)) sbacc_ma_close_hdd(sfd, k);
+    }
+    return true;
+  };
+  bool done = false;
+  for (int pass = first != 0 ? 0 : 1; pass < 2 && !done; ++pass) {
+    for (int i = 0; i < n && !done; ++i) {
       if (pass == 0 ? !Bit(first, i) : Bit(first, i)) continue;
       if (Bit(e.hddblockade, i)) {
         if (!Bit(e.hddrepair, i)) sbacc_ma_close_hdd(sfd, i);
         continue;
       }
       if (Bit(sfd->failed | bad, i) || !EnsureOpen(sfd, i, flags)) continue;
-      if (check && !CopyVerifies(sfd, i)) {
-        bad |= 1u << i;
-        continue;
-      }
-      if (sbacc_l_hddget(sfd, i, offset, buf, len) == 0) {
-        for (int k = 0; k < n && !read_mode; ++k) {
-          if (Bit(bad, k)) sbacc_ma_close_hdd(sfd, k);
-        }
-        sfd->failed |= read_mode ? bad : 0;
-        return 0;
-      }
-      sbacc_ma_close_hdd(sfd, i);
+      const Proof p = check ? CopyVerifies(sfd, i) : kProven;
+      bad |= p == kFails ? 1u << i : 0;
+      unsure |= p == kUnsure ? 1u << i : 0;
+      done = p == kProven && deliver(i);
     }
   }
+  for (int i = 0; i < n && !done; ++i) done = Bit(unsure, i) && sfd->fd[i] != -1 && deliver(i);
   sfd->failed |= read_mode ? bad : 0;
-  return bad != 0 ? SBACC_E_HDDREAD : 0;
+  return done || bad == 0 ? 0 : SBACC_E_HDDREAD;
 }
 
 // One copy's share of a write round.  The descriptor is read-only while the
