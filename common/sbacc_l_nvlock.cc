@@ -21,19 +21,27 @@ Stripe g_stripes[kStripes];
 // lock, never after one.
 Stripe g_data[kStripes];
 
-// Every stripe is held across fork(), data locks first, each set in index
-// order, as anyone else takes at most one of each in that order: a child
-// never inherits a lock taken by another thread.
+// Every record stripe is held across fork(), taken in index order as anyone
+// else takes at most one: a child never inherits a record lock taken by
+// another thread.
 void LockAll() {
-  for (Stripe& s : g_data) pthread_mutex_lock(&s.mu);
   for (Stripe& s : g_stripes) pthread_mutex_lock(&s.mu);
 }
 void UnlockAll() {
   for (int i = kStripes - 1; i >= 0; --i) pthread_mutex_unlock(&g_stripes[i].mu);
-  for (int i = kStripes - 1; i >= 0; --i) pthread_mutex_unlock(&g_data[i].mu);
+}
+// A data lock is held over a whole write, crew rounds included, so fork()
+// cannot wait for it (the crew's own fork handling may hold what the write
+// waits for).  The child, where no other thread runs on, gets them afresh;
+// the forking thread itself never forks inside a write.
+void ResetData() {
+  for (Stripe& s : g_data) pthread_mutex_init(&s.mu, nullptr);
 }
 pthread_once_t g_fork_once = PTHREAD_ONCE_INIT;
-void RegisterFork() { (void)pthread_atfork(LockAll, UnlockAll, UnlockAll); }
+void RegisterFork() {
+  (void)pthread_atfork(LockAll, UnlockAll, UnlockAll);
+  (void)pthread_atfork(nullptr, nullptr, ResetData);
+}
 
 pthread_mutex_t* StripeOf(const SBACC_FILE_DISCRIPTER* sfd, Stripe* set) {
   return &set[static_cast<unsigned>(sfd->sfe.index) % kStripes].mu;

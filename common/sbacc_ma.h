@@ -105,6 +105,10 @@ int sbacc_ma_integrity_resize(SBACC_FILE_DISCRIPTER* sfd, SBACC_INTEGRITY* r, in
 // record applies, _OK, _BAD, or a negative code when the data cannot be read.
 enum { SBACC_VERIFY_NONE = 0, SBACC_VERIFY_OK = 1, SBACC_VERIFY_BAD = 2 };
 int sbacc_ma_verify_copy(SBACC_FILE_DISCRIPTER* sfd, int hdd, const SBACC_HDD_HEADER* h);
+// Start-up, under the repair lock: when some open copy keeps no record and
+// every open copy holds the same data byte for byte (sizes and all), each
+// gets a record of that data; copies that differ are left as they are.
+int sbacc_ma_adopt_copies(SBACC_FILE_DISCRIPTER* sfd);
 
 // ---- Read, write, size and close ------------------------------------------------
 int sbacc_ma_write(const void* buf, int size, int offset, SBACC_FILE_DISCRIPTER* sfd);

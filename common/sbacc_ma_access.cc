@@ -357,6 +357,8 @@ int sbacc_ma_hddget_data(SBACC_FILE_DISCRIPTER* sfd, int offset, void* buf, int 
 // record (so that a writer that leaves the record alone never makes it look
 // like corruption).  A record bound to the count before this open is carried
 // over to the new count in the same flush.
+// (A write-mode open holds the area's data lock from its reading of the
+// headers on, so no other handle's write changes the record in between.)
 int sbacc_ma_hddset_openinfo(SBACC_FILE_DISCRIPTER* sfd, const SBACC_HDD_HEADER* h) {
   SBACC_HDD_HEADER bound = *h;
   SBACC_INTEGRITY r;

@@ -121,3 +121,61 @@ int sbacc_ma_verify_copy(SBACC_FILE_DISCRIPTER* sfd, int hdd, const SBACC_HDD_HE
   if (rc != 0) return rc;
   return crc == (second == r.length ? r.crc : r.pend_crc) ? SBACC_VERIFY_OK : SBACC_VERIFY_BAD;
 }
+
+namespace {
+
+// Compares data bytes [0, len) of copy i with the reference's, extending
+// *crc over the reference's bytes.  1: equal, 0: not, negative: a read failed.
+int SameData(SBACC_FILE_DISCRIPTER* sfd, int ref, int i, int64_t len, uint32_t* crc) {
+  uint8_t a[kChunk], b[kChunk];
+  uint32_t c = 0;
+  for (int64_t p = 0; p < len;) {
+    const int n = static_cast<int>(len - p < kChunk ? len - p : kChunk);
+    int rc = ReadData(sfd, ref, p, a, n);
+    if (rc == 0 && i != ref) rc = ReadData(sfd, i, p, b, n);
+    if (rc != 0) return rc;
+    if (i != ref && memcmp(a, b, static_cast<size_t>(n)) != 0) return 0;
+    c = sbacc::Crc32cExtend(c, a, static_cast<size_t>(n));
+    p += n;
+  }
+  *crc = c;
+  return 1;
+}
+
+}  // namespace
+
+int sbacc_ma_adopt_copies(SBACC_FILE_DISCRIPTER* sfd) {
+  if (!sbacc_ma_checksums(sfd)) return 0;
+  const int n = sbacc_ma_copies(sfd);
+  SBACC_HDD_HEADER hdr[SBACC_HDD_MAX];
+  int ref = -1;
+  uint32_t lacking = 0;
+  for (int i = 0; i < n; ++i) {
+    SBACC_INTEGRITY r;
+    if (sfd->fd[i] == -1 || sbacc_l_hddget_header(sfd, i, &hdr[i]) != 0) continue;
+    if (ref < 0) ref = i;
+    if (sbacc_l_integrity_applies(&hdr[i], &r) == SBACC_INTEGRITY_NONE) lacking |= 1u << i;
+    // Only copies that agree on every field about the data are adopted.
+    if (hdr[i].filesize != hdr[ref].filesize || hdr[i].writeflag != 0) return 0;
+  }
+  const int32_t size = ref < 0 ? -1 : hdr[ref].filesize;
+  if (lacking == 0 || size < 0 || size > sbacc_ma_data_capacity(sfd)) return 0;
+  SBACC_INTEGRITY rec{};
+  rec.length = static_cast<uint32_t>(size);
+  rec.generation = 1;
+  for (int i = 0; i < n; ++i) {
+    if (sfd->fd[i] == -1 || i == ref) continue;
+    if (SameData(sfd, ref, i, size, &rec.crc) != 1) return 0;  // copies that differ: no record can say which is right
+  }
+  if (SameData(sfd, ref, ref, size, &rec.crc) != 1) return 0;
+  SBACC_TRACE(sbacc::kTraceMilestone, "[sbacc_ma_adopt_copies] %s: copies agree byte for byte: integrity record 0-%d adopted",
+              sfd->sfe.filename, size);
+  for (int i = 0; i < n; ++i) {
+    if (sfd->fd[i] == -1 || sbacc_ma_repairlock_check(sfd) != 0) continue;
+    uint8_t raw[kIntSize];
+    rec.opencnt = hdr[i].opencnt;
+    sbacc_l_integrity_encode(&rec, raw);
+    if (sbacc_l_hddset(sfd, i, kHdrRfu5, raw, kIntSize) != 0) sbacc_ma_close_hdd(sfd, i);
+  }
+  return 0;
+}

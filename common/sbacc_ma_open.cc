@@ -6,6 +6,8 @@
 #include <stdint.h>
 #include <string.h>
 
+#include <optional>
+
 #include "sbacc_alloc.h"
 #include "sbacc_env.h"
 #include "sbacc_l.h"
@@ -329,6 +331,11 @@ int OpenArea(SBACC_FILE_DISCRIPTER* sfd, boolean_t* closeflag, boolean_t nvinit)
 
 int sbacc_ma_open(SBACC_FILE_DISCRIPTER* sfd, boolean_t* closeflag, boolean_t nvinit) {
   SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_open] [ENTER]");
+  // A write-mode open carries the integrity record over to its new open
+  // count: no other handle's write may change the record between the
+  // reading of the headers and that update.
+  std::optional<sbacc::NvRecordLock> data_lock;
+  if (sfd->openmode == SBACC_OPENMODE_WRITE && sbacc_ma_checksums(sfd)) data_lock.emplace(sfd, true);
   const int rc = OpenArea(sfd, closeflag, nvinit);
   if (rc != 0) CloseAll(sfd);
   SBACC_TRACE(sbacc::kTraceFlow, "[sbacc_ma_open] [LEAVE] %d", rc);

@@ -352,6 +352,8 @@ int RepairLocked(SBACC_FILE_DISCRIPTER* sfd, SBACC_DATA_REPAIR* rec, uint32_t* b
   }
   // The usable copies may still differ where a write was cut between copies.
   (void)sbacc_ma_resync_copies(sfd);
+  // Copies written before integrity records existed, now agreeing, get one.
+  (void)sbacc_ma_adopt_copies(sfd);
   // A copy ends either open and current or closed and fenced off.
   const uint32_t blockade = NotOpen(sfd);
   for (int i = 0; i < hddcount && sc.repair != 0; ++i) {
