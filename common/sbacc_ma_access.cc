@@ -45,17 +45,9 @@ bool EnsureOpen(SBACC_FILE_DISCRIPTER* sfd, int i, int flags) {
 bool CopyVerifies(SBACC_FILE_DISCRIPTER* sfd, int i) {
   if (Bit(sfd->verified, i)) return true;
   SBACC_HDD_HEADER h;
-  int v = sbacc_l_hddget_header(sfd, i, &h);
-  if (v == 0) v = sbacc_ma_verify_copy(sfd, i, &h);
+  const int v = sbacc_ma_check_copy(sfd, i, &h);
   if (v != SBACC_VERIFY_BAD) {
-    if (v >= 0) sfd->verified |= 1u << i;
-    return true;
-  }
-  // A write of another handle (or process) in flight, or one that started
-  // while the data was being read, proves nothing: no verdict then.
-  SBACC_HDD_HEADER again;
-  if (h.writeflag != 0 || sbacc_l_hddget_header(sfd, i, &again) != 0 || again.writeflag != 0 ||
-      memcmp(again.rfu5, h.rfu5, sizeof h.rfu5) != 0 || again.filesize != h.filesize) {
+    if (v >= 0 && v != SBACC_VERIFY_BUSY) sfd->verified |= 1u << i;
     return true;
   }
   SBACC_INTEGRITY r;
