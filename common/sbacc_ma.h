@@ -103,12 +103,16 @@ int sbacc_ma_integrity_write(SBACC_FILE_DISCRIPTER* sfd, SBACC_INTEGRITY* r, int
 int sbacc_ma_integrity_resize(SBACC_FILE_DISCRIPTER* sfd, SBACC_INTEGRITY* r, int size);
 // Copy hdd against the record in its header h: SBACC_VERIFY_NONE when no
 // record applies, _OK, _BAD, or a negative code when the data cannot be read.
-enum { SBACC_VERIFY_NONE = 0, SBACC_VERIFY_OK = 1, SBACC_VERIFY_BAD = 2 };
+enum { SBACC_VERIFY_NONE = 0, SBACC_VERIFY_OK = 1, SBACC_VERIFY_BAD = 2, SBACC_VERIFY_BUSY = 3 };
 int sbacc_ma_verify_copy(SBACC_FILE_DISCRIPTER* sfd, int hdd, const SBACC_HDD_HEADER* h);
 // Start-up, under the repair lock: when some open copy keeps no record and
 // every open copy holds the same data byte for byte (sizes and all), each
 // gets a record of that data; copies that differ are left as they are.
 int sbacc_ma_adopt_copies(SBACC_FILE_DISCRIPTER* sfd);
+// Copy hdd against its header as read now (into *h): a failure stands only
+// when no write was in flight and the record and size did not change while
+// the data was read; otherwise SBACC_VERIFY_BUSY, no verdict.
+int sbacc_ma_check_copy(SBACC_FILE_DISCRIPTER* sfd, int hdd, SBACC_HDD_HEADER* h);
 
 // ---- Read, write, size and close ------------------------------------------------
 int sbacc_ma_write(const void* buf, int size, int offset, SBACC_FILE_DISCRIPTER* sfd);

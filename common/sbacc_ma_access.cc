@@ -47,16 +47,11 @@ enum Proof { kProven, kFails, kUnsure };
 Proof CopyVerifies(SBACC_FILE_DISCRIPTER* sfd, int i) {
   if (Bit(sfd->verified, i)) return kProven;
   SBACC_HDD_HEADER h;
-  int v = sbacc_l_hddget_header(sfd, i, &h);
-  if (v == 0) v = sbacc_ma_verify_copy(sfd, i, &h);
+  const int v = sbacc_ma_check_copy(sfd, i, &h);
+  if (v == SBACC_VERIFY_BUSY) return kUnsure;
   if (v != SBACC_VERIFY_BAD) {
     if (v >= 0) sfd->verified |= 1u << i;
     return kProven;
-  }
-  SBACC_HDD_HEADER again;
-  if (h.writeflag != 0 || sbacc_l_hddget_header(sfd, i, &again) != 0 || again.writeflag != 0 ||
-      memcmp(again.rfu5, h.rfu5, sizeof h.rfu5) != 0 || again.filesize != h.filesize) {
-    return kUnsure;
   }
   SBACC_INTEGRITY r;
   (void)sbacc_l_integrity_applies(&h, &r);

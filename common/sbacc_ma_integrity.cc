@@ -179,3 +179,17 @@ int sbacc_ma_adopt_copies(SBACC_FILE_DISCRIPTER* sfd) {
   }
   return 0;
 }
+
+int sbacc_ma_check_copy(SBACC_FILE_DISCRIPTER* sfd, int hdd, SBACC_HDD_HEADER* h) {
+  int v = sbacc_l_hddget_header(sfd, hdd, h);
+  if (v == 0) v = sbacc_ma_verify_copy(sfd, hdd, h);
+  if (v != SBACC_VERIFY_BAD) return v;
+  // A write of another handle (or process) in flight, or one that started
+  // while the data was being read, proves nothing.
+  SBACC_HDD_HEADER again;
+  if (h->writeflag != 0 || sbacc_l_hddget_header(sfd, hdd, &again) != 0 || again.writeflag != 0 ||
+      memcmp(again.rfu5, h->rfu5, sizeof h->rfu5) != 0 || again.filesize != h->filesize) {
+    return SBACC_VERIFY_BUSY;
+  }
+  return SBACC_VERIFY_BAD;
+}

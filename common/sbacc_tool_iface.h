@@ -4,7 +4,9 @@
 #define SBACC_TOOL_IFACE_H
 
 // The latest-copy rule (sbacc_ma_classify, SBACC_COPY_VERDICT): the tool
-// judges copies by the very function the open and the restore use.
+// judges copies by the very function the open and the restore use; and a
+// copy's data against its integrity record (sbacc_ma_checksums,
+// sbacc_ma_check_copy) by the check the reads make.
 #include "sbacc_ma.h"
 
 #include <stdint.h>

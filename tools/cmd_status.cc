@@ -4,6 +4,7 @@
 #include <stdio.h>
 
 #include <algorithm>
+#include <utility>
 
 #include <nlohmann/json.hpp>
 
@@ -143,14 +144,19 @@ nlohmann::json TimeJson(int64_t t) { return t == 0 ? nlohmann::json(nullptr) : n
 //    "copies": [{"copy": n, "path": s,
 //                "state": "healthy" | "fenced off" | "under repair" | "missing" | "blank" | "bad header",
 //                "error": s | null,
+//                "integrity": "verified" | "none" | "bad" | "unknown" | null,
 //                "header": null | {"valid": bool, "filesize": n, "hddblockade": n,
 //                   "openflag": n, "opencnt": n,
 //                   "opentime": n, "opentime_local": s | null,
 //                   "closetime": n, "closetime_local": s | null,
 //                   "write": {"flag": n, "offset": n, "size": n}}}]}]}
 // Times are seconds since the epoch; the _local forms are local dates.
+// "integrity" is the copy's data against its integrity record: "none" when no
+// record applies (written before records), "unknown" when a write was in
+// flight or the data could not be read, null when not checked (a copy not
+// usable, or SBACC_CHECKSUM=0).
 // After the areas: "disks": [{"path": s, "copy": n, "areas": n, "fenced": n,
-// "missing": n, "blank": n, "bad_header": n}], "action": s, "summary": s.
+// "missing": n, "blank": n, "bad_header": n, "failing": n}], "action": s, "summary": s.
 nlohmann::json NvJson(const AreaProbe& p) {
   nlohmann::json nv = {{"readable", p.nv_rc == 0},
                        {"error", p.nv_rc == 0 ? nlohmann::json(nullptr) : CodeJson(p.nv_rc)},
@@ -168,6 +174,17 @@ nlohmann::json NvJson(const AreaProbe& p) {
       nv[k] = nullptr;
   }
   return nv;
+}
+
+nlohmann::json IntegrityJson(Integrity i) {
+  switch (i) {
+    case Integrity::kNotChecked: return nullptr;
+    case Integrity::kNone: return "none";
+    case Integrity::kVerified: return "verified";
+    case Integrity::kBad: return "bad";
+    case Integrity::kUnknown: return "unknown";
+  }
+  return nullptr;
 }
 
 nlohmann::json AreaJson(const AreaProbe& p, const AreaHealth& h) {
@@ -193,6 +210,7 @@ nlohmann::json AreaJson(const AreaProbe& p, const AreaHealth& h) {
                       {"path", c.path},
                       {"state", StateName(c.state)},
                       {"error", c.error.empty() ? nlohmann::json(nullptr) : nlohmann::json(c.error)},
+                      {"integrity", IntegrityJson(c.integrity)},
                       {"header", header}});
   }
   const SBACC_FILE_LIST_ENTRY& e = p.entry();
@@ -208,22 +226,26 @@ std::string AreaTitle(const AreaProbe& p, const AreaHealth& h) {
   snprintf(buf, sizeof buf, " (#%d, %llu bytes at 0x%llx): %s, %d of %zu copies usable", h.index,
            static_cast<unsigned long long>(e.areasize), static_cast<unsigned long long>(e.areaaddr),
            VerdictName(h.verdict), p.usable_count(), p.copies.size());
-  return e.filename + std::string(buf);
+  const auto failing = std::count_if(p.copies.begin(), p.copies.end(),
+                                     [](const CopyProbe& c) { return c.integrity == Integrity::kBad; });
+  const std::string fails = failing == 0 ? "" : ", " + std::to_string(failing) + " failing its integrity record";
+  return e.filename + std::string(buf) + fails;
 }
 
 void PrintCopies(const AreaProbe& p) {
   // Columns as wide as their widest value, so large sizes and counts keep
   // the table straight.
-  std::vector<std::vector<std::string>> rows{{"#", "state", "hdr", "filesize", "opn", "cnt", "opened", "closed"}};
+  std::vector<std::vector<std::string>> rows{
+      {"#", "state", "hdr", "integrity", "filesize", "opn", "cnt", "opened", "closed"}};
   for (const CopyProbe& c : p.copies) {
     if (c.header_read) {
       const SBACC_HDD_HEADER& h = c.hdr;
       const std::string open = h.openflag == 0 ? "no" : (h.openflag == 1 ? "yes" : std::to_string(h.openflag));
       rows.push_back({std::to_string(c.index), StateName(c.state), c.header_valid ? "ok" : "bad",
-                      std::to_string(h.filesize), open, std::to_string(h.opencnt), LocalTime(h.opentime),
-                      LocalTime(h.closetime)});
+                      IntegrityName(c.integrity), std::to_string(h.filesize), open, std::to_string(h.opencnt),
+                      LocalTime(h.opentime), LocalTime(h.closetime)});
     } else {
-      rows.push_back({std::to_string(c.index), StateName(c.state), "-", "-", "-", "-", "-", "-"});
+      rows.push_back({std::to_string(c.index), StateName(c.state), "-", "-", "-", "-", "-", "-", "-"});
     }
   }
   std::vector<size_t> width(rows.front().size(), 0);
@@ -234,7 +256,7 @@ void PrintCopies(const AreaProbe& p) {
     const auto& r = rows[i];
     std::string line = " ";
     for (size_t k = 0; k < r.size(); ++k) {
-      const bool right = k == 3 || k == 5;  // numbers
+      const bool right = k == 4 || k == 6;  // numbers
       const std::string pad(width[k] - r[k].size(), ' ');
       line += " " + (right ? pad + r[k] : (k + 1 == r.size() ? r[k] : r[k] + pad));
     }
@@ -284,8 +306,8 @@ void PrintProblems(const AreaProbe& p, const AreaHealth& h) {
 struct Disk {
   std::string path;
   int copy = 0;  // its copy number in the first area that names it
-  int areas = 0, fenced = 0, missing = 0, blank = 0, bad = 0;
-  int problems() const { return fenced + missing + blank + bad; }
+  int areas = 0, fenced = 0, missing = 0, blank = 0, bad = 0, failing = 0;
+  int problems() const { return fenced + missing + blank + bad + failing; }
 };
 
 void Count(std::vector<Disk>* disks, const AreaProbe& p) {
@@ -300,6 +322,7 @@ void Count(std::vector<Disk>* disks, const AreaProbe& p) {
     it->missing += c.state == CopyState::kMissing;
     it->blank += c.state == CopyState::kBlank;
     it->bad += c.state == CopyState::kBadHeader;
+    it->failing += c.integrity == Integrity::kBad;
   }
 }
 
@@ -308,7 +331,8 @@ std::string DiskLine(const Disk& d) {
                     (d.areas == 1 ? "" : "s");
   if (d.problems() == 0) return out + ", healthy in all";
   for (const auto& [n, what] : {std::pair<int, const char*>{d.fenced, "fenced off"}, {d.missing, "missing"},
-                                {d.blank, "blank"}, {d.bad, "with a bad header"}}) {
+                                {d.blank, "blank"}, {d.bad, "with a bad header"},
+                                {d.failing, "failing its integrity record"}}) {
     if (n > 0) out += ", " + std::string(what) + " in " + std::to_string(n);
   }
   return out;
@@ -318,6 +342,7 @@ std::string DiskLine(const Disk& d) {
 struct Totals {
   int ok = 0, not_init = 0, left_open = 0, no_copy = 0;
   std::vector<std::string> mismatch, unscrubbed;
+  std::vector<std::pair<int, std::string>> failing;  // copy, area
 };
 
 // The one thing to do first.
@@ -344,6 +369,12 @@ std::string Action(const std::vector<Disk>& disks, const Totals& t) {
            (t.mismatch.size() > 1 ? " and " + std::to_string(t.mismatch.size() - 1) + " more" : "") +
            ": run 'sbacc verify --repair " + t.mismatch.front() + "'";
   }
+  if (!t.failing.empty()) {
+    const auto& [copy, area] = t.failing.front();
+    return "copy " + std::to_string(copy) + " of " + area + " fails its integrity record" +
+           (t.failing.size() > 1 ? " (and " + std::to_string(t.failing.size() - 1) + " more)" : "") +
+           ": run 'sbacc verify --repair " + area + "'";
+  }
   for (const Disk& d : disks) {
     if (d.blank > 0) return "blank copies on disk " + std::to_string(d.copy) + ": run 'sbacc restore' to fill them";
   }
@@ -363,6 +394,9 @@ void AddUp(const AreaProbe& p, const AreaHealth& h, Totals* t) {
   t->not_init += nv_bad || h.never_started;
   t->no_copy += h.verdict == Verdict::kNoCopy && !h.never_started;
   t->left_open += h.left_open;
+  for (const CopyProbe& c : p.copies) {
+    if (c.integrity == Integrity::kBad) t->failing.push_back({c.index, p.entry().filename});
+  }
   for (const Condition& c : h.conditions) {
     if (c.kind == "scrub-mismatch") t->mismatch.push_back(p.entry().filename);
     if (c.kind == "scrub-incomplete") t->unscrubbed.push_back(p.entry().filename);
@@ -383,6 +417,9 @@ int CmdStatus(const std::vector<std::string>& names, bool json, bool problems_on
   int status = kExitOk, shown = 0;
   for (const SBACC_FILE_LIST_ENTRY* e : selected) {
     AreaProbe probe(*e, O_RDONLY);
+    // Reads every copy's data: slower on large areas, but a copy that rotted
+    // shows before a reader meets it.
+    probe.CheckIntegrity();
     const AreaHealth h = Assess(static_cast<int>(e - all.data()), probe, scrub);
     status = Graver(status, h.status);
     AddUp(probe, h, &t);
@@ -406,7 +443,8 @@ int CmdStatus(const std::vector<std::string>& names, bool json, bool problems_on
     out["disks"] = nlohmann::json::array();
     for (const Disk& d : disks) {
       out["disks"].push_back({{"path", d.path}, {"copy", d.copy}, {"areas", d.areas}, {"fenced", d.fenced},
-                              {"missing", d.missing}, {"blank", d.blank}, {"bad_header", d.bad}});
+                              {"missing", d.missing}, {"blank", d.blank}, {"bad_header", d.bad},
+                              {"failing", d.failing}});
     }
     out["action"] = action;
     out["summary"] = summary;

@@ -1,7 +1,7 @@
 // sbacc verify: byte-for-byte comparison of the usable copies of each area,
-// which the library's start-up never does (it trusts the headers), and with
-// --repair a rewrite of every copy that differs from the one an open would
-// read.
+// which the library's start-up never does (it trusts the headers), with each
+// copy checked against its integrity record, and with --repair a rewrite of
+// every copy that differs from the one the records or the headers show right.
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
@@ -295,6 +295,11 @@ class AreaVerifier {
   }
   bool Usable(ScrubOutcome* early);
   bool ReadAll(ScrubOutcome* early);
+  bool Same(int a, int b) {
+    return SameContent(Copy(a), data_[static_cast<size_t>(a)], Copy(b), data_[static_cast<size_t>(b)]);
+  }
+  bool RecordsApply();
+  int DecideByRecords(std::string* why);
   void ShowDifference(int j, const Difference& d);
   ScrubOutcome Repair();
   CopyProbe& Copy(int j) { return p_.copies[static_cast<size_t>(j)]; }
@@ -305,7 +310,7 @@ class AreaVerifier {
   Progress& progress_;
   nlohmann::json* js_;
   const char* name_;
-  std::vector<int> usable_, differing_;
+  std::vector<int> usable_, differing_, failing_;
   int64_t longest_ = 0;
   std::vector<std::vector<uint8_t>> data_;
   std::vector<int> read_rc_;
@@ -357,6 +362,7 @@ bool AreaVerifier::ReadAll(ScrubOutcome* early) {
   read_rc_.assign(p_.copies.size(), 0);
   for (int j : usable_) read_rc_[static_cast<size_t>(j)] = ReadData(p_.sfd(), j, longest_, &data_[static_cast<size_t>(j)]);
   reference_ = LatestCopy(p_, usable_, nullptr);
+  p_.CheckIntegrity();
   if (read_rc_[static_cast<size_t>(reference_)] != 0) {
     *early = Failed("reading copy " + std::to_string(reference_), read_rc_[static_cast<size_t>(reference_)]);
     return false;
@@ -388,6 +394,12 @@ ScrubOutcome AreaVerifier::Run() {
   if (!Usable(&early) || !ReadAll(&early)) return early;
   const CopyProbe& ref = Copy(reference_);
   for (int j : usable_) {
+    if (Copy(j).integrity != Integrity::kBad) continue;
+    failing_.push_back(j);
+    (*js_)["failing"].push_back(j);
+    Report("copy " + std::to_string(j) + " fails its integrity record: its data are not what its last write left");
+  }
+  for (int j : usable_) {
     if (j == reference_) continue;
     ++t_.compared;
     const Difference d = Compare(p_, ref, data_[static_cast<size_t>(reference_)], Copy(j));
@@ -398,26 +410,72 @@ ScrubOutcome AreaVerifier::Run() {
   }
   // Copies left out (not usable) leave the scrub of the area partial.
   const ScrubOutcome agreed = usable_.size() < p_.copies.size() ? ScrubOutcome::kPartial : ScrubOutcome::kOk;
-  if (differing_.empty()) return agreed;
+  if (differing_.empty() && failing_.empty()) return agreed;
   if (!o_.repair || o_.quiet) return ScrubOutcome::kMismatch;
   const ScrubOutcome r = Repair();
   return r == ScrubOutcome::kRepaired && agreed == ScrubOutcome::kPartial ? agreed : r;
 }
 
+// The records decide once any copy carries one that applies (SBACC_CHECKSUM=0
+// leaves every copy unchecked, and the headers decide).
+bool AreaVerifier::RecordsApply() {
+  return std::any_of(usable_.begin(), usable_.end(), [&](int j) {
+    return Copy(j).integrity == Integrity::kVerified || Copy(j).integrity == Integrity::kBad;
+  });
+}
+
+// A copy that passes its record holds what its last write left; one that
+// fails does not.  The copies that pass are right when they hold the same
+// data, whatever the headers say; the others are rewritten from them (a
+// writer that keeps no record unbinds it on every copy it opens, so a copy
+// without one beside a copy that passes is no newer write).  Copies that all
+// pass yet differ, or none that passes, leave nothing to go by.
+int AreaVerifier::DecideByRecords(std::string* why) {
+  std::vector<int> ok, bad;
+  for (int j : usable_) {
+    if (Copy(j).integrity == Integrity::kVerified) ok.push_back(j);
+    if (Copy(j).integrity == Integrity::kBad) bad.push_back(j);
+  }
+  if (ok.empty()) {
+    *why = bad.size() == usable_.size() ? std::string("every copy fails its integrity record")
+                                        : "no copy passes its integrity record, and copy " + List(bad) + " fails it";
+    return -1;
+  }
+  for (int j : ok) {
+    if (Same(ok.front(), j)) continue;
+    *why = "copies " + List(ok) + " all pass their integrity records, yet hold different data";
+    return -1;
+  }
+  const int winner =
+      std::find(ok.begin(), ok.end(), reference_) != ok.end() ? reference_ : LatestCopy(p_, ok, nullptr);
+  if (std::all_of(usable_.begin(), usable_.end(), [&](int j) { return Same(winner, j); })) {
+    *why = "the data agree, only header bookkeeping differs; copy " + std::to_string(winner) +
+           " passes its integrity record";
+    return winner;
+  }
+  *why = ok.size() == 1 ? std::string("its data pass its integrity record")
+                        : "copies " + List(ok) + " pass their integrity records and hold the same data";
+  *why += bad.empty() ? std::string(", the others have no record that applies")
+                      : "; copy " + List(bad) + (bad.size() == 1 ? " fails its own" : " fail theirs");
+  return winner;
+}
+
 ScrubOutcome AreaVerifier::Repair() {
-  std::string why;
+  std::string why = "the headers agree and no majority holds the same data";
   int winner = o_.from;
   if (winner >= 0) {
     why = "chosen with --from";
   } else {
     bool unreadable = false;
     for (int j : usable_) unreadable = unreadable || read_rc_[static_cast<size_t>(j)] != 0;
-    winner = unreadable ? -1 : Decide(p_, usable_, data_, reference_, &why);
+    winner = unreadable       ? -1
+             : RecordsApply() ? DecideByRecords(&why)
+                              : Decide(p_, usable_, data_, reference_, &why);
   }
   if (winner < 0) {
-    Report("not repaired: nothing shows which copy is right (the headers agree and no majority holds the same "
-           "data); look at the bytes above and rewrite with 'sbacc verify --repair --from COPY " +
-           std::string(name_) + "'");
+    Report("not repaired: nothing shows which copy is right (" + why +
+           "); look at the bytes above and rewrite with 'sbacc verify --repair --from COPY " + std::string(name_) +
+           "'");
     return ScrubOutcome::kMismatch;
   }
   Report("copy " + std::to_string(winner) + " is taken as right: " + why);
@@ -431,6 +489,13 @@ ScrubOutcome AreaVerifier::Repair() {
   for (int j : usable_) {
     CopyProbe& c = Copy(j);
     if (j == winner || !Compare(p_, src, src_data, c).any()) continue;
+    // Not even --from puts data that prove nothing over data that pass their record.
+    if (c.integrity == Integrity::kVerified && src.integrity != Integrity::kVerified) {
+      Report("copy " + std::to_string(j) + " passes its integrity record and copy " + std::to_string(winner) +
+             " does not: left as it is");
+      if (outcome != ScrubOutcome::kError) outcome = ScrubOutcome::kMismatch;
+      continue;
+    }
     rc = Rewrite(p_, src, src_data, j);
     if (rc != 0) {
       Report("copy " + std::to_string(j) + " could not be rewritten: " + CodeString(rc));
@@ -508,7 +573,8 @@ int CmdVerify(const VerifyOptions& vo) {
     progress.Step(e->filename);
     ++t.areas;
     nlohmann::json js = {{"name", e->filename}, {"report", nlohmann::json::array()},
-                         {"differences", nlohmann::json::array()}, {"winner", nullptr}, {"reason", nullptr},
+                         {"differences", nlohmann::json::array()}, {"failing", nlohmann::json::array()},
+                         {"winner", nullptr}, {"reason", nullptr},
                          {"rewritten", nlohmann::json::array()}};
     ScrubOutcome outcome = ScrubOutcome::kError;
     try {

@@ -31,10 +31,12 @@ const Entry kExitStatus[] = {
     {"1", "incomplete: something was skipped or not compared (verify: an area being written, a copy left out, "
           "a single usable copy; status: an area the last scrub skipped)"},
     {"2", "degraded: redundancy lost, the data readable (a copy fenced off, missing or blank, an area left open "
-          "by a writer that died, a write that did not finish; put and write: the write fenced a copy off; init "
-          "and restore: they leave such an area behind)"},
+          "by a writer that died, a write that did not finish, a copy that fails its integrity record while "
+          "another does not; put and write: the write fenced a copy off; init and restore: they leave such an "
+          "area behind)"},
     {"3", "unavailable: data unavailable or at risk (no usable copy, NV not initialised or unreadable, copies "
-          "that differ, found now or by the last scrub; init and restore: an area re-created empty)"},
+          "that differ or fail their integrity records, found now or by the last scrub; init and restore: an "
+          "area re-created empty)"},
     {"4", "bad usage or a library error: the code is shown with its name and meaning (with --json also as a JSON "
           "error object on standard output)"},
 };
@@ -100,11 +102,12 @@ const char* const kJson[] = {
     "\"status_name\" and \"ok\"; counts, sizes, masks and times are numbers, times in seconds since the epoch.",
     "status: \"areas\" (per area: index, name, address, size, capacity, verdict, status, usable, flags [text, "
     "problem, status], nv {readable, valid, hddcount, hddblockade, latesthdd, hddrepair, repairlock [4]}, copies "
-    "[copy, path, state, error, header {valid, filesize, hddblockade, openflag, opencnt, opentime, closetime, "
-    "write {flag, offset, size}}]), \"disks\", \"action\", \"summary\", \"last_scrub\".",
-    "verify: \"areas\" (name, result, status, report, differences, winner, reason, rewritten) and \"summary\"; "
-    "init and restore: \"controller\", \"call\", \"error\", \"areas\" (index, name, verdict, events, rebuilt, "
-    "fenced, data_lost) and \"summary\"; examine: \"image\" and \"headers\".",
+    "[copy, path, state, error, integrity (verified, none, bad, unknown; null when not checked), header {valid, "
+    "filesize, hddblockade, openflag, opencnt, opentime, closetime, write {flag, offset, size}}]), \"disks\", "
+    "\"action\", \"summary\", \"last_scrub\".",
+    "verify: \"areas\" (name, result, status, report, differences, failing, winner, reason, rewritten) and "
+    "\"summary\"; init and restore: \"controller\", \"call\", \"error\", \"areas\" (index, name, verdict, events, "
+    "rebuilt, fenced, data_lost) and \"summary\"; examine: \"image\" and \"headers\".",
     "On failure: {\"version\", \"status\": 4, \"ok\": false, \"error\": {\"message\", \"usage\", "
     "\"code\": {code, name, text}}}.",
 };

@@ -28,6 +28,9 @@ Verdict VerdictOf(const AreaProbe& p) {
   if (usable == 0) return Verdict::kNoCopy;
   if (!p.nv_valid) return Verdict::kNvUninit;
   if (usable < static_cast<int>(p.copies.size())) return Verdict::kDegraded;
+  for (const CopyProbe& c : p.copies) {
+    if (c.integrity == Integrity::kBad) return Verdict::kDegraded;
+  }
   return Verdict::kOk;
 }
 
@@ -50,6 +53,21 @@ void WriterFlags(const AreaProbe& p, AreaHealth* h) {
                             std::to_string(c.hdr.write_size) + " bytes at " + std::to_string(c.hdr.write_offset) +
                             "): a write did not finish",
                         kExitDegraded});
+  }
+}
+
+// Known only where the caller checked the copies (status does; the monitor's
+// passes do not read the data).  The reads skip a copy that fails, so the
+// data stay readable while another copy is left.
+void IntegrityFlags(const AreaProbe& p, const std::string& name, AreaHealth* h) {
+  const bool left = std::any_of(p.copies.begin(), p.copies.end(), [](const CopyProbe& c) {
+    return c.usable() && c.integrity != Integrity::kBad;
+  });
+  for (const CopyProbe& c : p.copies) {
+    if (c.integrity != Integrity::kBad) continue;
+    h->flags.push_back({"copy " + std::to_string(c.index) + " fails its integrity record: run 'sbacc verify --repair " +
+                            name + "'",
+                        left ? kExitDegraded : kExitUnavailable});
   }
 }
 
@@ -82,6 +100,7 @@ AreaHealth Assess(int index, const AreaProbe& p, const nlohmann::json& scrub) {
   });
   WriterFlags(p, &h);
   ScrubFlags(name, scrub, &h);
+  IntegrityFlags(p, name, &h);
   // NV that cannot be read or was never set up, and an area without a usable
   // copy, all leave the data unreadable.
   h.status = h.verdict == Verdict::kOk ? kExitOk : h.verdict == Verdict::kDegraded ? kExitDegraded : kExitUnavailable;

@@ -94,7 +94,9 @@ void AddLookCommands(Cli& c) {
   c.status->footer(
       "Ends with a summary per disk (HDD file), one 'action:' line and a one-line count.  Reads only; safe on a\n"
       "live controller (an area being written may show copies mid-update).  A mismatch the last scrub found, or\n"
-      "an area it skipped, counts as a problem until a verify of that area finds it clean.");
+      "an area it skipped, counts as a problem until a verify of that area finds it clean.  Every usable copy's\n"
+      "data is read and checked against its integrity record (verified, no checksum, bad; not with\n"
+      "SBACC_CHECKSUM=0): a copy that fails it is a problem (exit 2, 3 when no copy is left that does not).");
   c.examine = c.app.add_subcommand("examine", "Read the area headers on one HDD image, without the area list or NV.");
   c.examine->add_option("IMAGE", c.file, "HDD image file")->required();
   c.examine->add_option("--offset", c.offsets, "Read a header at this byte offset (default: find them by magic)")
@@ -151,8 +153,8 @@ void AddServiceCommands(Cli& c) {
   VerifyOptions& v = c.verify;
   c.verify_cmd->add_option("AREA", v.areas, "Areas to verify (default: all)");
   c.verify_cmd->add_flag("--repair", v.repair,
-                         "Rewrite differing copies from the copy the headers or a majority show to be right, under "
-                         "the area's repair lock; refuse when nothing shows it");
+                         "Rewrite differing copies from the copy the integrity records, the headers or a majority "
+                         "show to be right, under the area's repair lock; refuse when nothing shows it");
   c.verify_cmd->add_option("--from", v.from, "With --repair and one AREA: take this copy as right")
       ->check(CLI::Range(0, SBACC_HDD_MAX - 1))
       ->needs("--repair");
@@ -160,10 +162,15 @@ void AddServiceCommands(Cli& c) {
   c.verify_cmd->add_flag("--json", v.json, "Machine-readable output");
   c.verify_cmd->add_option("--controller,-c", v.controller, kControllerHelp)->check(CLI::Range(0, 3));
   c.verify_cmd->footer(
-      "Copies that differ are read twice before they count as a mismatch.  --repair takes a copy as right only\n"
-      "when the headers show it (blockade words, close time, or for an area whose writer died the write-intent\n"
-      "record and the size) or when a strict majority of three or more copies agree; otherwise it shows where\n"
-      "the copies differ and rewrites nothing until --from names the copy.\n"
+      "Copies that differ are read twice before they count as a mismatch; each copy is checked against its\n"
+      "integrity record, and one that fails it is named and counts as a mismatch too.  --repair takes the\n"
+      "copies that pass their records as right when they hold the same data, and rewrites only the others;\n"
+      "copies that all pass yet differ, or none that passes, make it refuse.  Where no copy has a record that\n"
+      "applies (written before records, or SBACC_CHECKSUM=0) it takes a copy as right only when the headers\n"
+      "show it (blockade words, close time, or for an area whose writer died the write-intent record and the\n"
+      "size) or when a strict majority of three or more copies agree.  Otherwise it shows where the copies\n"
+      "differ and rewrites nothing until --from names the copy; not even --from rewrites a copy that passes\n"
+      "its record from one that does not.\n"
       "Live controller: areas another process is writing are skipped (--force to go on); the rest are read\n"
       "while in use, and a repair holds each area's repair lock while it rewrites.\n"
       "Each area's result goes into the scrub record; the areas not verified keep theirs.");

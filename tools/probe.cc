@@ -34,6 +34,17 @@ const char* StateName(CopyState s) {
   return "?";
 }
 
+const char* IntegrityName(Integrity i) {
+  switch (i) {
+    case Integrity::kNotChecked: return "-";
+    case Integrity::kNone: return "no checksum";
+    case Integrity::kVerified: return "verified";
+    case Integrity::kBad: return "bad";
+    case Integrity::kUnknown: return "unknown";
+  }
+  return "?";
+}
+
 AreaProbe::AreaProbe(const SBACC_FILE_LIST_ENTRY& entry, int open_flags)
     : entry_(entry), open_flags_(open_flags) {
   int rc = sbacc_ma_alloc_sfd(entry.filename, SBACC_OPENMODE_INSPECT, &sfd_);
@@ -113,6 +124,20 @@ void AreaProbe::Refresh() {
   }
 }
 
+void AreaProbe::CheckIntegrity() {
+  if (!sbacc_ma_checksums(sfd_)) return;
+  for (CopyProbe& c : copies) {
+    if (!c.usable()) continue;
+    SBACC_HDD_HEADER now;
+    switch (sbacc_ma_check_copy(sfd_, c.index, &now)) {
+      case SBACC_VERIFY_NONE: c.integrity = Integrity::kNone; break;
+      case SBACC_VERIFY_OK: c.integrity = Integrity::kVerified; break;
+      case SBACC_VERIFY_BAD: c.integrity = Integrity::kBad; break;
+      default: c.integrity = Integrity::kUnknown; break;
+    }
+  }
+}
+
 int LatestCopy(AreaProbe& p, const std::vector<int>& candidates, uint32_t* rejected) {
   SBACC_HDD_HEADER headers[SBACC_HDD_MAX] = {};
   uint32_t read = 0;
@@ -144,7 +169,7 @@ constexpr Field kHeaderFields[] = {
     {kHdrOpencnt, 4, "opencnt"},       {kHdrOpentime, 8, "opentime"},
     {kHdrClosetime, 8, "closetime"},   {kHdrWriteflag, 1, "writeflag"},
     {kHdrRfu4, 3, "rfu4"},             {kHdrWriteOffset, 4, "write_offset"},
-    {kHdrWriteSize, 4, "write_size"},  {kHdrRfu5, 36, "rfu5"},
+    {kHdrWriteSize, 4, "write_size"},  {kHdrRfu5, 36, "integrity"},
 };
 
 }  // namespace

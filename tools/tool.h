@@ -113,6 +113,12 @@ int WithTicker(const std::string& label, const std::function<int()>& fn);
 enum class CopyState { kHealthy, kFenced, kRepair, kMissing, kBlank, kBadHeader };
 const char* StateName(CopyState s);
 
+// A copy's data against its integrity record, as the library judges it.
+// kUnknown: a write was in flight or the data could not be read.
+enum class Integrity { kNotChecked, kNone, kVerified, kBad, kUnknown };
+// "-", "no checksum", "verified", "bad", "unknown"
+const char* IntegrityName(Integrity i);
+
 struct CopyProbe {
   int index = 0;
   std::string path;
@@ -123,6 +129,7 @@ struct CopyProbe {
   SBACC_HDD_HEADER hdr = {};
   bool header_valid = false;  // "SBFS", version 3
   CopyState state = CopyState::kMissing;
+  Integrity integrity = Integrity::kNotChecked;  // set by AreaProbe::CheckIntegrity
   bool usable() const { return state == CopyState::kHealthy; }
 };
 
@@ -138,6 +145,9 @@ class AreaProbe {
 
   // (Re)reads the NV entry and every copy's header.
   void Refresh();
+  // Checks every usable copy's data against its integrity record; leaves
+  // them kNotChecked when SBACC_CHECKSUM=0 turns the records off.
+  void CheckIntegrity();
 
   SBACC_FILE_DISCRIPTER* sfd() { return sfd_; }
   const SBACC_FILE_LIST_ENTRY& entry() const { return entry_; }

@@ -150,29 +150,42 @@ TEST_F(ToolTest, StatusFollowsAPulledAndReplacedDisk) {
 }
 
 // Differences planted in area 1 (copy, offset in the area, bytes) are
-// reported with status 1.  --repair rewrites only when the headers justify a
-// side; otherwise it refuses, writes nothing, and --from names the copy.
+// reported with status 3.  --repair rewrites only when the integrity records
+// or, where no copy has one, the headers justify a side; otherwise it
+// refuses, writes nothing, and --from names the copy.
 TEST_F(ToolTest, VerifyRepairsOnlyWhatItCanJustify) {
+  const std::string no_record(36, '\0'), failed = "its data pass its integrity record; copy ";
   const std::tuple<std::vector<std::tuple<int, long, std::string>>, std::string, std::string, int> cases[] = {
-      {{{1, 128 + 5, "XY"}}, "2 data bytes differ, the first at offset 5\n", "", 0},
+      {{{1, 128 + 5, "XY"}}, "2 data bytes differ, the first at offset 5\n", failed + "1 fails its own", 0},
       // One flipped byte in copy 0 must never be copied over the good copy 1.
-      {{{0, 128 + 3, "?"}}, "1 data byte differs, the first at offset 3\n", "", 1},
+      {{{0, 128 + 3, "?"}}, "1 data byte differs, the first at offset 3\n", failed + "0 fails its own", 1},
       {{{1, 60, "\x7f"}}, "header field opencnt\n", "the data agree", 0},
-      // The copy claims two more bytes, and they differ from what the reference holds there.
+      // The copy claims two more bytes, past what its record covers: both copies pass.
       {{{1, 44, "\x12"}, {1, 144, "@@"}},
        "header field filesize; 2 data bytes differ, the first at offset 16\n",
        "",
        0},
-      // Copy 1 closed last is the latest copy, the one the others are compared with.
+      // The record outweighs the close time.
       {{{1, 79, "\x01"}, {1, 128, "new"}}, "copy 0 differs from copy 1: header field closetime; 3 data bytes differ",
-       "it was closed last", 1}};
+       failed + "1 fails its own", 0},
+      // Without records, copy 1 closed last is the latest copy, the one the others are compared with.
+      {{{0, 92, no_record}, {1, 92, no_record}, {1, 79, "\x01"}, {1, 128, "new"}},
+       "copy 0 differs from copy 1: header field closetime; 3 data bytes differ", "it was closed last", 1}};
   Run({"init"});
   for (const auto& [writes, report, decision, right] : cases) {
     SCOPED_TRACE(report);
     Run({"put", "envfw_backup1"}, 0, {}, "0123456789abcdef");
     Run({"verify"});
     for (const auto& [copy, offset, bytes] : writes) Plant(copy, kAreaSize + offset, bytes);
-    Run({"verify"}, 3, {report.starts_with("copy ") ? report : "copy 1 differs from copy 0: " + report, "1 mismatch"});
+    const std::string bad = "copy " + std::to_string(1 - right), fails = " fails its integrity record";
+    if (decision.starts_with(failed)) {  // known to status before any scrub: degraded
+      const json st = Status("", 2);
+      EXPECT_EQ(st["areas"][1]["copies"][1 - right]["integrity"], "bad");
+      EXPECT_EQ(st["action"], bad + " of envfw_backup1" + fails + ": run 'sbacc verify --repair envfw_backup1'");
+      Run({"status", "-x"}, 2, {"  ! " + bad + fails});
+    }
+    Run({"verify"}, 3, {report.starts_with("copy ") ? report : "copy 1 differs from copy 0: " + report, "1 mismatch",
+                        decision.starts_with(failed) ? bad + fails : ""});
     // Kept by verify for status, which shows it as a problem.
     EXPECT_EQ(Pick(Status("", 3), {"/last_scrub/areas/envfw_backup1/result", "/last_scrub/areas/area00/result",
                                    "/action"}),
@@ -191,13 +204,17 @@ TEST_F(ToolTest, VerifyRepairsOnlyWhatItCanJustify) {
     Run({"verify"});
     EXPECT_EQ(Area("envfw_backup1", 0)["nv"]["repairlock"][0], 0);
   }
-  // With three copies, two that agree outvote the one a flipped byte damaged.
+  // With three copies and the records off, two that agree outvote the one a
+  // flipped byte damaged; status checks nothing then.
+  setenv("SBACC_CHECKSUM", "0", 1);
   Create("ctl3", {"-k", "3"});
   Run({"init"});
   Run({"put", "envfw_verid"}, 0, {}, "0123");
   Plant(0, 4 * kAreaSize + 128 + 1, "?");
+  EXPECT_EQ(Area("envfw_verid", 0)["copies"][0]["integrity"], nullptr);
   Run({"verify", "--repair"}, 0, {"copy 1 is taken as right: copies 1 and 2 hold the same data, a majority of 3"});
   EXPECT_EQ(AreaBytes(0, 4, 128 + 4), AreaBytes(2, 4, 128 + 4));
+  unsetenv("SBACC_CHECKSUM");
 }
 
 // No service action touches the controller while a writer holds an area open,
@@ -221,9 +238,10 @@ TEST_F(ToolTest, ServiceActionsLeaveALiveWriterAlone) {
   const json refused = json::parse(Run({"init", "--json"}, 4).out);
   EXPECT_EQ(Pick(refused, {"/status", "/ok", "/error/usage"}), json::array({4, false, false}));
   EXPECT_TRUE(Has(refused["error"]["message"], "refused: pid "));
-  // The scrub skipped it: incomplete until a verify of it finds it clean.
-  EXPECT_EQ(Pick(Area("envfw_backup0", 1), {"/flags/0/problem", "/flags/1/status"}), json::array({false, 1}));
-  EXPECT_TRUE(Has(Area("envfw_backup0", 1)["flags"][0]["text"], "open for writing now"));
+  // The scrub skipped it: incomplete until a verify of it finds it clean; the
+  // planted byte fails copy 1's record (degraded).
+  EXPECT_EQ(Pick(Area("envfw_backup0", 2), {"/flags/0/problem", "/flags/1/status"}), json::array({false, 1}));
+  EXPECT_TRUE(Has(Area("envfw_backup0", 2)["flags"][0]["text"], "open for writing now"));
   ASSERT_EQ(kill(holder_, SIGKILL), 0);
   waitpid(holder_, nullptr, 0);
   holder_ = -1;
