@@ -185,12 +185,13 @@ std::unique_ptr<Controller> MakeFamily(Family f) {
       return std::make_unique<Controller>(4, 1u << 20, areas);
     case Family::kChecksum: {
       // Per copy count two areas of one shape, one written with records and
-      // one without; then a 4 KiB and a 64 KiB area for the first reads.
+      // one without (they swap halfway); then a 4 KiB and a 64 KiB area for
+      // the first reads.
       const int counts[4] = {1, 2, 4, 8};
       const uint64_t wsize = (256u << 10) + 128, stride = 320u << 10;
       for (int i = 0; i < 4; ++i) {
-        areas.push_back({Numbered("cs", counts[i]), (2 * i) * stride, wsize, counts[i]});
-        areas.push_back({Numbered("pl", counts[i]), (2 * i + 1) * stride, wsize, counts[i]});
+        areas.push_back({Numbered("ca", counts[i]), (2 * i) * stride, wsize, counts[i]});
+        areas.push_back({Numbered("cb", counts[i]), (2 * i + 1) * stride, wsize, counts[i]});
       }
       areas.push_back({"rd4k", 8 * stride, 4096 + 128, 2});
       areas.push_back({"rd64k", 8 * stride + 16384, 65536 + 128, 2});
