@@ -183,6 +183,20 @@ std::unique_ptr<Controller> MakeFamily(Family f) {
         areas.push_back({name, i * 16384u, 8192 + 128, 4});
       }
       return std::make_unique<Controller>(4, 1u << 20, areas);
+    case Family::kChecksum: {
+      // Per copy count two areas of one shape, one written with records and
+      // one without (they swap halfway); then a 4 KiB and a 64 KiB area for
+      // the first reads.
+      const int counts[4] = {1, 2, 4, 8};
+      const uint64_t wsize = (256u << 10) + 128, stride = 320u << 10;
+      for (int i = 0; i < 4; ++i) {
+        areas.push_back({Numbered("ca", counts[i]), (2 * i) * stride, wsize, counts[i]});
+        areas.push_back({Numbered("cb", counts[i]), (2 * i + 1) * stride, wsize, counts[i]});
+      }
+      areas.push_back({"rd4k", 8 * stride, 4096 + 128, 2});
+      areas.push_back({"rd64k", 8 * stride + 16384, 65536 + 128, 2});
+      return std::make_unique<Controller>(8, 8 * stride + (128u << 10), areas);
+    }
     case Family::kRepair:
       areas.push_back({"rep", 0, (1u << 20) + 128, 2});
       areas.push_back({"rep0", (1u << 20) + 4096, 4096 + 128, 2});
@@ -259,6 +273,75 @@ bool Rebuilt(const Controller& c) {
     }
   }
   return true;
+}
+
+// ---- Integrity records ----------------------------------------------------------
+
+ChecksumEnv::ChecksumEnv(bool on) {
+  const char* old = getenv("SBACC_CHECKSUM");
+  had_ = old != nullptr;
+  if (had_) old_ = old;
+  setenv("SBACC_CHECKSUM", on ? "1" : "0", 1);
+}
+
+ChecksumEnv::~ChecksumEnv() {
+  if (had_) {
+    setenv("SBACC_CHECKSUM", old_.c_str(), 1);
+  } else {
+    unsetenv("SBACC_CHECKSUM");
+  }
+}
+
+bool RecordHolds(const std::string& hdd_path, uint64_t addr, uint32_t length) {
+  uint8_t raw[SBACC_HEADER_SIZE];
+  int fd = ::open(hdd_path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) Die("open " + hdd_path);
+  const bool read = ::pread(fd, raw, sizeof raw, static_cast<off_t>(addr)) == static_cast<ssize_t>(sizeof raw);
+  ::close(fd);
+  if (!read) return false;
+  SBACC_HDD_HEADER h;
+  SBACC_INTEGRITY r;
+  sbacc_l_decode_header(raw, &h);
+  return sbacc_l_integrity_applies(&h, &r) == SBACC_INTEGRITY_OK && r.length == length;
+}
+
+namespace {
+
+std::vector<char> ReadWhole(const std::string& path) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) Die("open " + path);
+  std::vector<char> out;
+  char buf[1 << 16];
+  for (off_t pos = 0;;) {
+    const ssize_t n = ::pread(fd, buf, sizeof buf, pos);
+    if (n < 0) Die("read " + path);
+    if (n == 0) break;
+    out.insert(out.end(), buf, buf + n);
+    pos += n;
+  }
+  ::close(fd);
+  return out;
+}
+
+}  // namespace
+
+ImageSnapshot::ImageSnapshot(const Controller& c, int hdds) {
+  for (int i = 0; i < hdds; ++i) paths_.push_back(c.HddPath(i));
+  paths_.push_back(c.NvPath());
+  for (const std::string& p : paths_) bytes_.push_back(ReadWhole(p));
+}
+
+void ImageSnapshot::Restore() const {
+  for (size_t i = 0; i < paths_.size(); ++i) {
+    // In place: the firmware stand-in keeps its NV image open.
+    int fd = ::open(paths_[i].c_str(), O_WRONLY | O_CLOEXEC);
+    if (fd < 0) Die("open " + paths_[i]);
+    const std::vector<char>& b = bytes_[i];
+    if (::pwrite(fd, b.data(), b.size(), 0) != static_cast<ssize_t>(b.size())) Die("restore " + paths_[i]);
+    // Flushed outside the timed region, so the measured run does not pay for it.
+    if (::fsync(fd) != 0) Die("fsync " + paths_[i]);
+    ::close(fd);
+  }
 }
 
 // ---- Envs ------------------------------------------------------------------------

@@ -87,7 +87,7 @@ void MakeZeroFile(const std::string& path, uint64_t bytes);
 // The controller the running benchmark family works on.  Families that share
 // a layout share the controller; switching to another family rebuilds it
 // (the library reads its configuration from process-wide environment).
-enum class Family { kWrite, kStartup, kRepair };
+enum class Family { kWrite, kStartup, kRepair, kChecksum };
 Controller& UseController(Family f);
 void DropController();
 
@@ -105,6 +105,38 @@ void PrepareStartup(const Controller& c);
 void MakeStale(const Controller& c);
 // The stale copies were rebuilt and no copy is fenced off any more.
 bool Rebuilt(const Controller& c);
+
+// ---- Integrity records ----------------------------------------------------------
+
+// Sets SBACC_CHECKSUM for its lifetime (1: records on, 0: off), then puts
+// the previous value back.  The library reads it when a handle is made.
+class ChecksumEnv {
+ public:
+  explicit ChecksumEnv(bool on);
+  ~ChecksumEnv();
+  ChecksumEnv(const ChecksumEnv&) = delete;
+  ChecksumEnv& operator=(const ChecksumEnv&) = delete;
+
+ private:
+  bool had_ = false;
+  std::string old_;
+};
+
+// The header at `addr` of an HDD image holds an integrity record that
+// applies to its data and covers `length` bytes.
+bool RecordHolds(const std::string& hdd_path, uint64_t addr, uint32_t length);
+
+// The whole contents of some HDD images and the NV image, put back in place
+// (same files, flushed) by Restore, so that every run starts from the same bytes.
+class ImageSnapshot {
+ public:
+  ImageSnapshot(const Controller& c, int hdds);
+  void Restore() const;
+
+ private:
+  std::vector<std::string> paths_;
+  std::vector<std::vector<char>> bytes_;
+};
 
 // ---- Envs ------------------------------------------------------------------------
 

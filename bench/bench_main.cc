@@ -40,6 +40,7 @@ int main(int argc, char** argv) {
   benchmark::AddCustomContext("mc_trace_level", level != nullptr ? level : "(unset: 5)");
 
   sbacc_bench::RegisterWriteBenchmarks(b);
+  sbacc_bench::RegisterChecksumBenchmarks(b);
   sbacc_bench::RegisterStartupBenchmarks(b);
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();

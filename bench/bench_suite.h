@@ -14,6 +14,7 @@ struct Budget {
 };
 
 void RegisterWriteBenchmarks(const Budget& b);
+void RegisterChecksumBenchmarks(const Budget& b);
 void RegisterStartupBenchmarks(const Budget& b);
 
 }  // namespace sbacc_bench
