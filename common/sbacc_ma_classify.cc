@@ -14,6 +14,17 @@ namespace {
 
 bool Has(uint32_t mask, int i) { return ((mask >> i) & 1u) != 0; }
 
+// True when a's integrity record counts fewer writes than b's, even with
+// the write a's record has in flight: a missed writes that b holds (its
+// writes were lost without an error, though its close stamp may have
+// landed).  Copies one write apart are the resync's to settle.
+bool OlderGeneration(const SBACC_HDD_HEADER& a, const SBACC_HDD_HEADER& b) {
+  SBACC_INTEGRITY ra, rb;
+  const int sa = sbacc_l_integrity_applies(&a, &ra);
+  if (sa == SBACC_INTEGRITY_NONE || sbacc_l_integrity_applies(&b, &rb) == SBACC_INTEGRITY_NONE) return false;
+  return ra.generation + (sa == SBACC_INTEGRITY_PENDING ? 1u : 0u) < rb.generation;
+}
+
 // True when copy i's header shows later data than copy s's.
 bool Newer(const SBACC_HDD_HEADER& s, int si, const SBACC_HDD_HEADER& h, int hi) {
   // A copy whose own header records it fenced off is one a start-up cut
@@ -22,7 +33,7 @@ bool Newer(const SBACC_HDD_HEADER& s, int si, const SBACC_HDD_HEADER& h, int hi)
   const bool s_stale = Has(s.hddblockade, si);
   const bool h_stale = Has(h.hddblockade, hi);
   if (s_stale != h_stale) return s_stale;
-  // Same history: only the later close matters.
+  // Same history: the later close.
   if (s.hddblockade == h.hddblockade) return h.closetime > s.closetime;
   // More fenced-off bits: that copy went on being written after the other
   // one had been fenced off, so it holds the newer data.  A tie goes to the
@@ -111,6 +122,14 @@ void sbacc_ma_classify(const SBACC_HDD_HEADER* hdr, int count, uint32_t read, co
       continue;
     }
     const SBACC_HDD_HEADER& s = hdr[v->src];
+    if (s.hddblockade == hdr[i].hddblockade && (OlderGeneration(s, hdr[i]) || OlderGeneration(hdr[i], s))) {
+      const bool moved = OlderGeneration(s, hdr[i]);
+      const int loser = moved ? v->src : i;
+      v->stale |= 1u << loser;
+      if (moved) v->src = i;
+      Note(*v, style, name, loser, v->src, moved);
+      continue;
+    }
     if (s.hddblockade == hdr[i].hddblockade) {
       // The same view of the area: neither is stale by the other (one that
       // names itself fenced loses, and the source's word names it below).

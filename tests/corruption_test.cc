@@ -17,19 +17,27 @@ constexpr int kA = 7, kB = 8, kBackup1 = 1;
 struct Case {
   const char* name;
   int area;
-  std::function<void(Sim&, int copy, int copies)> rot;
+  std::function<void(Sim&, int copy, int copies, const Bytes& before)> rot;  // before: the copy at v1
 };
 const Case kCases[] = {
-    {"data_byte", kA, [](Sim& s, int c, int) { s.PutData(kA, c, 500, {static_cast<uint8_t>(s.Data(kA, c, 501)[500] ^ 1)}); }},
-    {"lost_write", kA, [](Sim& s, int c, int) { s.PutData(kA, c, 0, Pattern(1000, 1)); }},
-    {"other_area", kA, [](Sim& s, int c, int) { s.PutData(kA, c, 0, s.Data(kB, c, 1000)); }},
-    {"lowered_size", kA, [](Sim& s, int c, int) { s.EditHeader(kA, c, [](auto& h) { h.filesize = 500; }); }},
+    {"data_byte", kA, [](Sim& s, int c, int, const Bytes&) { s.PutData(kA, c, 500, {static_cast<uint8_t>(s.Data(kA, c, 501)[500] ^ 1)}); }},
+    {"lost_write", kA, [](Sim& s, int c, int, const Bytes&) { s.PutData(kA, c, 0, Pattern(1000, 1)); }},
+    {"other_area", kA, [](Sim& s, int c, int, const Bytes&) { s.PutData(kA, c, 0, s.Data(kB, c, 1000)); }},
+    {"lowered_size", kA, [](Sim& s, int c, int, const Bytes&) { s.EditHeader(kA, c, [](auto& h) { h.filesize = 500; }); }},
     {"flip_under_intent", kA,
-     [](Sim& s, int c, int n) {
+     [](Sim& s, int c, int n, const Bytes&) {
        for (int i = 0; i < n; ++i) s.EditHeader(kA, i, [](auto& h) { h.writeflag = 1, h.write_offset = 400, h.write_size = 200; });
        s.PutData(kA, c, 450, {0xee});
      }},
-    {"rotted_backup", kBackup1, [](Sim& s, int c, int) { s.PutData(kBackup1, c, 3, {'?'}); }},
+    // Every write of the last session lost but the close stamp: an older
+    // generation under the same close time.
+    {"lost_session", kA,
+     [](Sim& s, int c, int, const Bytes& before) {
+       const int64_t closed = s.Header(kA, c).closetime;
+       s.PutHddBytes(c, 0x1000 + kSize * kA, before.data(), before.size());
+       s.EditHeader(kA, c, [&](auto& h) { h.closetime = closed; });
+     }},
+    {"rotted_backup", kBackup1, [](Sim& s, int c, int, const Bytes&) { s.PutData(kBackup1, c, 3, {'?'}); }},
 };
 
 class Corruption : public ::testing::TestWithParam<std::tuple<int, int, int>> {};
@@ -44,11 +52,12 @@ TEST_P(Corruption, ReadsAndStartUpUseOnlyCopiesThatProveTheirData) {
   const Bytes want = c.area == kA ? Pattern(1000, 2) : Pattern(150, 5);
   for (int a = 0; a < static_cast<int>(std::size(kNames)); ++a) Store(kNames[a], a == kA ? Pattern(1000, 1) : Pattern(150, 5));
   ASSERT_EQ(0, sbacc_nv_init(0));
+  const Bytes before = sim.HddBytes(bad, 0x1000 + kSize * kA, 128 + 1000);
   Store(kNames[kA], want);
   Store(kNames[kB], Pattern(1000, 3));
   // envfw_backup0 left open: the start-up's data repair copies backup1 over it.
   sim.EditHeader(0, 0, [](auto& h) { h.openflag = 1; });
-  c.rot(sim, bad, copies);
+  c.rot(sim, bad, copies, before);
   sbacc_reset_process_state();
 
   sbacc_test::TraceCapture trace;
