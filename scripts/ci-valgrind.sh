@@ -22,7 +22,7 @@ if [ ! -x "$build/tests/sbacc_tests" ]; then
 fi
 tests=$build/tests/sbacc_tests
 filter='EngineTest.*:*CopiesTest.*:RestoreTest.*:*VerdictTest.*'
-filter+=':DataRepair*:FaultMatrix.NvTransfersFailing:FaultMatrix.AllocationFailingAtEverySite'
+filter+=':DataRepair*:FaultMatrix.NvTransfersFailing:Matrix/Corruption.*/data_byte_2copies_bad0'
 filter+=':Ops/HddFaults.EveryCallOnEveryCopy/write:Ops/HddFaults.EveryCallOnEveryCopy/restore'
 logs=$(mktemp -d)
 trap 'rm -rf "$logs"' EXIT

@@ -303,41 +303,4 @@ TEST_F(FaultMatrix, NvTransfersFailing) {
   printf("NV faults: %ld cases\n", cases);
 }
 
-// Allocation n fails, for every n the operation reaches: the result is
-// success or one of the library's codes, nothing leaks, nothing is left
-// under repair, and a success leaves the expected data.
-TEST_F(FaultMatrix, AllocationFailingAtEverySite) {
-  static const int kCodes[] = {SBACC_E_NOMEM,       SBACC_E_NOSPACE, SBACC_E_PARAM,   SBACC_E_NOCOPY,
-                               SBACC_E_ALLBLOCKADE, SBACC_E_HDDREAD, SBACC_E_HDDWRITE};
-  long cases = 0;
-  for (int o = 0; o < kOpCount; ++o) {
-    const Op op = static_cast<Op>(o);
-    const Sim::Images snap = Baseline(op, 2);
-    // Allocation n fails, from the first until the operation makes fewer
-    // than n and must succeed.
-    long n = 1;
-    for (long pending = 0; pending == 0; ++n, ++cases) {
-      SCOPED_TRACE(std::string(kOps[op].name) + "/allocation " + std::to_string(n));
-      Stage st(snap, op, 2);
-      sbacc::AllocFailNth(n);
-      const int rc = st.Run();
-      pending = sbacc::AllocFailNth(0);
-      if (rc < 0 && pending == 0) {
-        EXPECT_NE(std::end(kCodes), std::find(std::begin(kCodes), std::end(kCodes), rc)) << rc;
-      } else {
-        EXPECT_EQ(kOps[op].ok, rc);
-      }
-      const SBACC_MEM_LIST_ENTRY nv = st.sim().NvEntry(0);
-      EXPECT_EQ(0, nv.hddrepair);
-      if (rc == kOps[op].ok && op != kRepairCopy && op != kOpenR) {
-        EXPECT_EQ(0u, nv.hddblockade);
-        EXPECT_EQ(Expected(op), st.sim().Data(0, 1, Expected(op).size()));
-      }
-      st.Finish();
-    }
-    printf("%s: %ld allocations\n", kOps[op].name, n - 2);
-  }
-  printf("allocation faults: %ld cases\n", cases);
-}
-
 }  // namespace

@@ -528,19 +528,4 @@ TEST_F(ToolTest, VerifyStatusFollowsWhatItCompared) {
   }
 }
 
-// Every --json document carries the shape's version and the exit status as
-// numbers, on success and on failure alike.
-TEST_F(ToolTest, JsonDocumentsCarryVersionAndStatus) {
-  const std::tuple<Args, int, const char*> cases[] = {
-      {{"status", "--json"}, 3, "unavailable"},  {{"init", "--json"}, 0, "healthy"},
-      {{"status", "--json", "area00"}, 0, "healthy"}, {{"verify", "--json"}, 0, "healthy"},
-      {{"examine", "--json", Hdd(0)}, 0, "healthy"}, {{"verify", "--json", "--from", "1"}, 4, "error"},
-      {{"init", "--json", "-c", "9"}, 4, "error"}};
-  for (const auto& [args, status, name] : cases) {
-    const json j = json::parse(Run(args, status).out);
-    EXPECT_EQ(Pick(j, {"/version", "/status"}), json::array({2, status})) << args[0];
-    EXPECT_EQ(Pick(j, {"/status_name", "/ok"}), json::array({name, status == 0})) << args[0];
-  }
-}
-
 }  // namespace
