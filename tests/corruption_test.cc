@@ -37,6 +37,8 @@ const Case kCases[] = {
        s.PutHddBytes(c, 0x1000 + kSize * kA, before.data(), before.size());
        s.EditHeader(kA, c, [&](auto& h) { h.closetime = closed; });
      }},
+    // Copies written before records existed: no checksum, not corruption; the start-up adopts them.
+    {"no_record", kA, [](Sim& s, int, int n, const Bytes&) { for (int i = 0; i < n; ++i) s.EditHeader(kA, i, [](auto& h) { memset(h.rfu5, 0, 36); }); }},
     {"rotted_backup", kBackup1, [](Sim& s, int c, int, const Bytes&) { s.PutData(kBackup1, c, 3, {'?'}); }},
 };
 
