@@ -154,6 +154,11 @@ int sbacc_ma_hddrepair_end(SBACC_FILE_DISCRIPTER* sfd, int src, int dst, int rc)
 
 // ---- Restore-time repair of one area ------------------------------------------------
 int sbacc_ma_repair_for_restore(int index);
+// The same, where accept_loss takes the copies that cannot be read as lost:
+// an area held only because of them is repaired from what can be read
+// (re-created empty when no copy read holds a valid header).  Only an
+// engineer's explicit request for the area may set it.
+int sbacc_ma_repair_for_restore_ex(int index, bool accept_loss);
 // Makes the usable (open) copies of an area agree where a cut write may have
 // left them differing; a copy that fails is closed.  Off when the
 // SBACC_RESTORE_RESYNC tunable is 0.  Returns 0.

@@ -168,8 +168,8 @@ void Leave(const SBACC_FILE_DISCRIPTER* sfd, const Scan& sc, SBACC_DATA_REPAIR* 
 }
 
 // Reads every open copy's header and chooses the latest copy; ev->unseen
-// becomes the copies it could not read.
-void ScanCopies(SBACC_FILE_DISCRIPTER* sfd, SBACC_COPY_EVIDENCE* ev, Scan* sc) {
+// becomes the copies it could not read, or none when their loss is accepted.
+void ScanCopies(SBACC_FILE_DISCRIPTER* sfd, SBACC_COPY_EVIDENCE* ev, bool accept_loss, Scan* sc) {
   const char* name = sfd->sfe.filename;
   memset(sc->hdr, 0, sizeof sc->hdr);
   for (int i = 0; i < sfd->sfe.hddcount; ++i) {
@@ -199,8 +199,12 @@ void ScanCopies(SBACC_FILE_DISCRIPTER* sfd, SBACC_COPY_EVIDENCE* ev, Scan* sc) {
   ProveCopies(sfd, sc);
   SBACC_COPY_VERDICT v;
   const uint32_t all = SBACC_HDD_MAXBIT(sfd->sfe.hddcount);
-  ev->unseen = sc->blockade;
+  ev->unseen = accept_loss ? 0 : sc->blockade;
   ev->bad = sc->bad;
+  if (accept_loss && sc->blockade != 0) {
+    SBACC_TRACE(kTraceMilestone, "[repair_for_restore] %s: loss of HDD bit [0x%x] accepted by request", name,
+                sc->blockade);
+  }
   sbacc_ma_classify(sc->hdr, sfd->sfe.hddcount, all & ~sc->blockade, ev, SBACC_CLASSIFY_RESTORE, name, &v);
   sc->hold = v.hold;
   sc->src = v.src;
@@ -299,7 +303,8 @@ int CountAsOpen(SBACC_FILE_DISCRIPTER* sfd, SBACC_HDD_HEADER* latest, int src, S
 // Everything between taking and releasing the repair lock, except recording
 // the final mask.  Returns the area's result; *blockade_out is the mask to
 // record, unless *leave says to write nothing more.
-int RepairLocked(SBACC_FILE_DISCRIPTER* sfd, SBACC_DATA_REPAIR* rec, uint32_t* blockade_out, bool* leave) {
+int RepairLocked(SBACC_FILE_DISCRIPTER* sfd, bool accept_loss, SBACC_DATA_REPAIR* rec, uint32_t* blockade_out,
+                 bool* leave) {
   const char* name = sfd->sfe.filename;
   const int hddcount = sfd->sfe.hddcount;
   SBACC_COPY_EVIDENCE ev;
@@ -307,7 +312,7 @@ int RepairLocked(SBACC_FILE_DISCRIPTER* sfd, SBACC_DATA_REPAIR* rec, uint32_t* b
   *leave = rc != 0;
   if (rc != 0) return rc;
   Scan sc;
-  ScanCopies(sfd, &ev, &sc);
+  ScanCopies(sfd, &ev, accept_loss, &sc);
   // An area none of whose copies could be read stays an area without a copy.
   if (sc.hold != SBACC_HOLD_NONE && sc.blockade != SBACC_HDD_MAXBIT(hddcount)) {
     *leave = true;
@@ -367,7 +372,9 @@ int RepairLocked(SBACC_FILE_DISCRIPTER* sfd, SBACC_DATA_REPAIR* rec, uint32_t* b
 
 }  // namespace
 
-int sbacc_ma_repair_for_restore(int index) {
+int sbacc_ma_repair_for_restore(int index) { return sbacc_ma_repair_for_restore_ex(index, false); }
+
+int sbacc_ma_repair_for_restore_ex(int index, bool accept_loss) {
   SBACC_TRACE(kTraceFlow, "[repair_for_restore] [ENTER]");
   // Both arrays have filenum entries; the restore may run more than 64
   // areas (in batches), so the real bound is the list, not the slot count.
@@ -401,7 +408,7 @@ int sbacc_ma_repair_for_restore(int index) {
   } else {
     uint32_t blockade = 0;
     bool leave = false;
-    rc = RepairLocked(sfd, rec, &blockade, &leave);
+    rc = RepairLocked(sfd, accept_loss, rec, &blockade, &leave);
     // Still held: the mask and the close stamp go down before the lock is
     // released, so the next holder finds the area closed.  Lost, or the
     // area to be left as it is: nothing more is written, as when the lock

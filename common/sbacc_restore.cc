@@ -71,10 +71,16 @@ bool Judge(const int* results, int filenum, int* result) {
   return true;
 }
 
+// The one area whose unreadable copies an engineer has written off for this
+// restore (sbacc_accept_loss); empty for none.  Set before the workers start.
+char g_accept_loss[SBACC_FILENAME_LEN];
+
 int RepairArea(void* arg) {
   const int index = *static_cast<const int*>(arg);
   SBACC_TRACE(kTraceMilestone, "[repair_for_restore_p_thread] repair exec.index=%d", index);
-  const int rc = sbacc_ma_repair_for_restore(index);
+  const char* name = p_sbacc_file_list->file[index].filename;
+  const bool accept = g_accept_loss[0] != '\0' && strncmp(name, g_accept_loss, sizeof g_accept_loss) == 0;
+  const int rc = sbacc_ma_repair_for_restore_ex(index, accept);
   if (rc != 0) SBACC_TRACE(kTraceError, "[repair_for_restore_p_thread] repair error. index=%d", index);
   sbacc_progress_area_done(p_sbacc_file_list->file[index].filename);
   return rc;
@@ -531,6 +537,18 @@ int sbacc_hdd_rw(int mode, char* filename, void** buf, int* size) {
   }
   if (rc != 0) SBACC_TRACE_PARAM_NOARGS("sbacc_hdd_rw", rc);
   SBACC_TRACE(kTraceFlow, "[sbacc_hdd_rw] [LEAVE] %d", rc);
+  return rc;
+}
+
+int sbacc_accept_loss(const char* area, int cntno) {
+  if (area == nullptr || area[0] == '\0' || strlen(area) >= sizeof g_accept_loss) return SBACC_E_PARAM;
+  SBACC_FILE_LIST_ENTRY entry;
+  int rc = sbacc_l_get_filelist_entry(area, &entry);
+  if (rc != 0) return SBACC_E_PARAM;
+  SBACC_TRACE(kTraceMilestone, "[sbacc_accept_loss] %s: the unreadable copies are written off by request", area);
+  strcpy(g_accept_loss, area);
+  rc = sbacc_hdd_restore(cntno);
+  g_accept_loss[0] = '\0';
   return rc;
 }
 

@@ -15,6 +15,14 @@
 // nullptr past the last.
 const char* sbacc_known_area(int i);
 
+// The start-up restore (sbacc_hdd_restore) with the loss of AREA's
+// unreadable copies accepted: an area held because a copy that may hold its
+// data cannot be read is repaired from the best copy read that holds a valid
+// header, or re-created empty when none does.  Every other area is restored
+// as always; an area held for its integrity record stays held.  The
+// restore's result, or SBACC_E_PARAM for a name not in the area list.
+int sbacc_accept_loss(const char* area, int cntno);
+
 // ---- The area list, line by line -------------------------------------------------
 
 // What the area-list parser made of one line of the file.  Only an accepted

@@ -208,4 +208,22 @@ int CmdSimReplace(const std::string& d, int copy) {
   return kExitOk;
 }
 
+// The pulled disk comes back as it left: its kept image takes its name again.
+int CmdSimReturn(const std::string& d, int copy) {
+  const fs::path dir = Absolute(d);
+  const SimConf c = ReadConf(dir);
+  CheckCopy(c, copy);
+  const std::string image = HddImage(dir, copy), aside = PulledImage(dir, copy);
+  struct stat st;
+  if (lstat(image.c_str(), &st) != 0 || !S_ISLNK(st.st_mode) || lstat(aside.c_str(), &st) != 0) {
+    throw UsageError("copy " + std::to_string(copy) + " is not pulled (no kept image " + aside + ")");
+  }
+  if (unlink(image.c_str()) != 0 || rename(aside.c_str(), image.c_str()) != 0) {
+    throw UsageError("cannot put copy " + std::to_string(copy) + " back: " + strerror(errno));
+  }
+  printf("copy %d back in place: %s (the image kept when it was pulled)\n", copy, image.c_str());
+  printf("The next start-up ('sbacc init' or 'sbacc restore') takes it into account.\n");
+  return kExitOk;
+}
+
 }  // namespace sbacc_tool

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "health.h"
 #include "sbacc_l.h"
 #include "sbacc_tool_iface.h"
 #include "tool.h"
@@ -56,27 +57,8 @@ uint64_t Digest(SBACC_FILE_DISCRIPTER* sfd, int j, const SBACC_HDD_HEADER& h, in
   return d;
 }
 
-// The start-up's own choice over the headers: the library's latest-copy
-// rule, the one its open and restore apply.
-void Classify(AreaSnap* s) {
-  SBACC_HDD_HEADER headers[SBACC_HDD_MAX] = {};
-  uint32_t read = 0;
-  const int n = static_cast<int>(std::min<size_t>(s->copies.size(), SBACC_HDD_MAX));
-  for (int i = 0; i < n; ++i) {
-    if (!s->copies[static_cast<size_t>(i)].readable) continue;
-    headers[i] = s->copies[static_cast<size_t>(i)].hdr;
-    read |= 1u << i;
-  }
-  const SBACC_COPY_EVIDENCE ev{SBACC_HDD_MAXBIT(n) & ~read, s->nv_blockade, s->nv_valid ? 1 : 0, 0};
-  SBACC_COPY_VERDICT v;
-  sbacc_ma_classify(headers, n, read, &ev, SBACC_CLASSIFY_SILENT, "", &v);
-  // As the restore: an area none of whose copies can be read is no hold.
-  s->hold = read != 0 ? v.hold : SBACC_HOLD_NONE;
-  s->source = v.src;
-  s->stale = v.stale;
-}
-
-AreaSnap Snapshot(const SBACC_FILE_LIST_ENTRY& e) {
+// accept_loss: the copies that cannot be read are written off.
+AreaSnap Snapshot(const SBACC_FILE_LIST_ENTRY& e, bool accept_loss = false) {
   AreaProbe p(e, O_RDONLY);
   AreaSnap s;
   s.nv_valid = p.nv_valid;
@@ -90,7 +72,12 @@ AreaSnap Snapshot(const SBACC_FILE_LIST_ENTRY& e) {
     if (cs.valid) cs.digest = Digest(p.sfd(), c.index, c.hdr, Capacity(e));
     s.copies.push_back(cs);
   }
-  Classify(&s);
+  // The start-up's own choice: the library's latest-copy rule, the one its
+  // open and restore apply.
+  const SBACC_COPY_VERDICT v = LibraryVerdict(p, accept_loss);
+  s.hold = v.hold;
+  s.source = v.src;
+  s.stale = v.stale;
   return s;
 }
 
@@ -243,9 +230,10 @@ AreaSnap Predict(const AreaSnap& b) {
   if (b.hold != SBACC_HOLD_NONE) return a;
   a.nv_valid = true;
   a.nv_blockade = 0;
-  const bool any_valid = b.source >= 0;
+  // Every copy read ends valid: rebuilt from the source, or, with none,
+  // started afresh.
   for (size_t j = 0; j < a.copies.size(); ++j) {
-    a.copies[j].valid = b.copies[j].readable && any_valid;
+    a.copies[j].valid = b.copies[j].readable;
     if (!b.copies[j].readable) a.nv_blockade |= 1u << j;
   }
   return a;
@@ -257,9 +245,44 @@ void Print(int index, const char* name, const Outcome& o) {
   printf("\n");
 }
 
+// What accepting the loss of AREA's unreadable copies gives up, told before
+// anything is written; refused (a usage error) unless the start-up holds the
+// area for want of those copies.
+void TellLoss(const SBACC_FILE_LIST_ENTRY& e, FILE* to) {
+  AreaProbe p(e, O_RDONLY);
+  const std::string name = e.filename;
+  const int hold = LibraryVerdict(p, false).hold;
+  if (hold == SBACC_HOLD_NONE) {
+    throw UsageError(name + " is not held: nothing to accept; a plain 'sbacc restore' repairs it");
+  }
+  if (hold == SBACC_HOLD_UNVERIFIED) {
+    throw UsageError(name + " is held because its latest copy fails its integrity record, not for an unseen disk; "
+                            "see 'sbacc verify --repair --from COPY " + name + "'");
+  }
+  const SBACC_COPY_VERDICT v = LibraryVerdict(p, true);
+  fprintf(to, "accepting the loss in %s:\n", name.c_str());
+  for (const CopyProbe& c : p.copies) {
+    std::string what;
+    if (!c.header_read) {
+      what = "unseen (" + (c.error.empty() ? std::string("cannot be read") : c.error) +
+             "): whatever disk " + std::to_string(c.index) + " holds of it is lost";
+    } else if (!c.header_valid) {
+      what = "no valid header: its data is lost";
+    } else {
+      what = std::to_string(c.hdr.filesize) + " bytes, closed " + LocalTime(c.hdr.closetime) +
+             (c.index == v.src ? ": taken as the source, what was written after that is lost"
+                               : ": stale, rebuilt from copy " + std::to_string(v.src));
+    }
+    fprintf(to, "  copy %d (%s): %s\n", c.index, c.path.c_str(), what.c_str());
+  }
+  if (v.src < 0) fprintf(to, "  no copy read holds a valid header: %s is re-created empty\n", name.c_str());
+  fflush(to);
+}
+
 }  // namespace
 
-int CmdStartup(bool nv_init, int given_controller, bool force, bool json, bool dry_run) {
+int CmdStartup(bool nv_init, int given_controller, bool force, bool json, bool dry_run,
+               const std::string& accept_loss) {
   const auto& areas = Areas();
   const int controller = ControllerNumber(given_controller, !dry_run);
   const char* what = nv_init ? "init" : "restore";
@@ -274,13 +297,17 @@ int CmdStartup(bool nv_init, int given_controller, bool force, bool json, bool d
   }
 
   WarnAreaList();
+  if (!accept_loss.empty()) TellLoss(FindArea(accept_loss), json ? stderr : stdout);
   std::vector<AreaSnap> before, after;
-  for (const SBACC_FILE_LIST_ENTRY& e : areas) before.push_back(Snapshot(e));
+  for (const SBACC_FILE_LIST_ENTRY& e : areas) before.push_back(Snapshot(e, accept_loss == e.filename));
   int rc = 0;
   if (dry_run) {
     for (const AreaSnap& b : before) after.push_back(Predict(b));
   } else {
-    const auto call = [&] { return nv_init ? sbacc_nv_init(controller) : sbacc_hdd_restore(controller); };
+    const auto call = [&] {
+      if (!accept_loss.empty()) return sbacc_accept_loss(accept_loss.c_str(), controller);
+      return nv_init ? sbacc_nv_init(controller) : sbacc_hdd_restore(controller);
+    };
     rc = json ? call() : WithTicker(nv_init ? "start-up restore and NV initialisation" : "start-up restore", call);
     for (const SBACC_FILE_LIST_ENTRY& e : areas) after.push_back(Snapshot(e));
   }

@@ -343,13 +343,36 @@ struct Totals {
   int ok = 0, not_init = 0, left_open = 0, no_copy = 0;
   std::vector<std::string> mismatch, unscrubbed;
   std::vector<std::pair<int, std::string>> failing;  // copy, area
+  // By the library's verdict: areas the start-up holds for an unseen disk
+  // (disk path, area), and disks whose loss would leave an area no intact
+  // copy elsewhere.
+  std::vector<std::pair<std::string, std::string>> held;
+  std::vector<std::string> keep;
 };
+
+// "bring disk N back first" when an area's only copy may be on it.
+std::string BringBack(const std::vector<Disk>& disks, const Totals& t) {
+  for (const Disk& d : disks) {
+    std::string areas, first;
+    for (const auto& [path, area] : t.held) {
+      if (path != d.path) continue;
+      areas += (areas.empty() ? "" : ", ") + area;
+      if (first.empty()) first = area;
+    }
+    if (areas.empty()) continue;
+    return "bring disk " + std::to_string(d.copy) + " back first: it may hold the only copy of " + areas +
+           "; then run 'sbacc restore' (only if it is gone for good: 'sbacc restore --accept-loss " + first + "')";
+  }
+  return std::string();
+}
 
 // The one thing to do first.
 std::string Action(const std::vector<Disk>& disks, const Totals& t) {
+  if (std::string back = BringBack(disks, t); !back.empty()) return back;
   for (const Disk& d : disks) {
     const int gone = d.fenced + d.missing + d.bad;
-    if (gone > 0 && gone == d.areas) {
+    const bool keep = std::find(t.keep.begin(), t.keep.end(), d.path) != t.keep.end();
+    if (gone > 0 && gone == d.areas && !keep) {
       return "disk " + std::to_string(d.copy) + " " + (d.missing == d.areas ? "missing" : "fenced off") + " in " +
              std::to_string(gone) + " of " + std::to_string(d.areas) + " areas: replace it, then run 'sbacc restore'";
     }
@@ -388,7 +411,21 @@ std::string Action(const std::vector<Disk>& disks, const Totals& t) {
   return "none";
 }
 
+// Which disks the area needs back, by the start-up's own verdict on its
+// copies: a copy not usable here is lost safely only while an intact copy
+// on another disk is the one the start-up takes.
+void Weigh(const AreaProbe& p, Totals* t) {
+  const SBACC_COPY_VERDICT v = LibraryVerdict(p, false);
+  const bool held = v.hold == SBACC_HOLD_UNSEEN || v.hold == SBACC_HOLD_FENCED_SOURCE;
+  const bool intact = v.hold == SBACC_HOLD_NONE && v.src >= 0 && p.copies[static_cast<size_t>(v.src)].usable();
+  for (const CopyProbe& c : p.copies) {
+    if (held && !c.header_read) t->held.push_back({c.path, p.entry().filename});
+    if (!c.usable() && (!intact || c.index == v.src)) t->keep.push_back(c.path);
+  }
+}
+
 void AddUp(const AreaProbe& p, const AreaHealth& h, Totals* t) {
+  Weigh(p, t);
   t->ok += h.status == kExitOk;
   const bool nv_bad = h.verdict == Verdict::kNvUninit || h.verdict == Verdict::kNvUnreadable;
   t->not_init += nv_bad || h.never_started;

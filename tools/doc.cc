@@ -116,6 +116,8 @@ const Entry kExamples[] = {
     {"sbacc status -x", "Only what is wrong, with the one thing to do first; one line when all is well."},
     {"sbacc status --json | jq '.areas[] | select(.status > 0) | .name'", "The areas with a problem."},
     {"sbacc restore -c 1", "The start-up restore as controller 1; exit 0 only when every area is left healthy."},
+    {"sbacc restore --accept-loss area00",
+     "Disk gone for good: write off its copy of the held area00, after listing what is lost."},
     {"sbacc verify envfw_backup0", "Scrub one area; the record keeps the other areas' last results."},
     {"sbacc monitor --oneshot --hook /usr/local/sbin/page-oncall", "One pass of the monitor, run from a timer."},
     {"sbacc metrics --textfile /var/lib/prometheus/node-exporter", "Metrics for the node exporter."},

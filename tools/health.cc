@@ -121,6 +121,25 @@ AreaHealth Assess(int index, const AreaProbe& p, const nlohmann::json& scrub) {
   return h;
 }
 
+SBACC_COPY_VERDICT LibraryVerdict(const AreaProbe& p, bool accept_loss) {
+  SBACC_HDD_HEADER headers[SBACC_HDD_MAX] = {};
+  uint32_t read = 0, bad = 0;
+  const int n = static_cast<int>(std::min<size_t>(p.copies.size(), SBACC_HDD_MAX));
+  for (int i = 0; i < n; ++i) {
+    const CopyProbe& c = p.copies[static_cast<size_t>(i)];
+    if (!c.header_read) continue;
+    headers[i] = c.hdr;
+    read |= 1u << i;
+    if (c.integrity == Integrity::kBad) bad |= 1u << i;
+  }
+  const uint32_t unseen = accept_loss ? 0 : SBACC_HDD_MAXBIT(n) & ~read;
+  const SBACC_COPY_EVIDENCE ev{unseen, p.nv_valid ? p.nv.hddblockade : 0, p.nv_valid ? 1 : 0, bad};
+  SBACC_COPY_VERDICT v;
+  sbacc_ma_classify(headers, n, read, &ev, SBACC_CLASSIFY_SILENT, "", &v);
+  if (read == 0) v.hold = SBACC_HOLD_NONE;
+  return v;
+}
+
 Survey TakeSurvey() {
   CheckNvImage("status");
   Survey s;

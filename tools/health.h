@@ -8,6 +8,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "sbacc_tool_iface.h"
 #include "tool.h"
 
 namespace sbacc_tool {
@@ -49,6 +50,13 @@ struct AreaHealth {
 
 // scrub: the scrub record (LastScrub()).
 AreaHealth Assess(int index, const AreaProbe& p, const nlohmann::json& scrub);
+
+// The library's own verdict on the copies as the probe read them, with the
+// evidence its start-up weighs: the copies not read are unseen (none when
+// their loss is accepted), NV's fenced mask, copies failing their integrity
+// record.  As in the restore, an area none of whose copies can be read is
+// no hold.
+SBACC_COPY_VERDICT LibraryVerdict(const AreaProbe& p, bool accept_loss);
 
 // Every configured area's probe and health, in list order (the ones named,
 // all when none); for monitor and metrics.

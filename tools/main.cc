@@ -74,9 +74,9 @@ struct Cli {
   SimOptions sim;
   VerifyOptions verify;
   MonitorOptions monitor;
-  std::string textfile;
+  std::string textfile, accept_loss;
   CLI::App *ls, *status, *cat, *put, *write, *truncate, *init, *restore, *repair_init, *dump, *verify_cmd, *hold,
-      *examine, *monitor_cmd, *metrics, *sim_create, *sim_pull, *sim_replace, *doc;
+      *examine, *monitor_cmd, *metrics, *sim_create, *sim_pull, *sim_replace, *sim_return, *doc;
 };
 
 constexpr const char* kControllerHelp = "This controller's number (0-3; default: SBACC_CONTROLLER)";
@@ -146,6 +146,11 @@ void AddServiceCommands(Cli& c) {
     (*cmd)->add_flag("--json", c.json, "Machine-readable output");
     (*cmd)->footer(kStartupFooter);
   }
+  c.restore
+      ->add_option("--accept-loss", c.accept_loss,
+                   "Write off the unreadable copies of this one held area: take its best stale copy with a valid "
+                   "header, or re-create it empty when none has one (says first what is lost)")
+      ->type_name("AREA");
   c.repair_init = c.app.add_subcommand("repair-init", "Clear this controller's repair lock in every area.");
   c.repair_init->add_option("--controller,-c", c.controller, kControllerHelp)->check(CLI::Range(0, 3));
 
@@ -223,6 +228,9 @@ void AddSimCommands(Cli& c) {
   c.sim_replace = sim->add_subcommand("replace", "Put a new, empty disk in copy COPY's place.");
   c.sim_replace->add_option("DIR", c.file, "Simulated controller directory")->required();
   c.sim_replace->add_option("COPY", c.copy, "Copy (disk) number")->required()->check(kByteCount);
+  c.sim_return = sim->add_subcommand("return", "Put a pulled disk back, with the image 'sim pull' kept.");
+  c.sim_return->add_option("DIR", c.file, "Simulated controller directory")->required();
+  c.sim_return->add_option("COPY", c.copy, "Copy (disk) number")->required()->check(kByteCount);
 }
 
 int Dispatch(Cli& c) {
@@ -234,7 +242,7 @@ int Dispatch(Cli& c) {
   if (*c.write) return CmdWrite(c.area, c.offset, c.file);
   if (*c.truncate) return CmdTruncate(c.area, c.size);
   if (*c.init) return CmdStartup(true, c.controller, c.force, c.json, c.dry_run);
-  if (*c.restore) return CmdStartup(false, c.controller, c.force, c.json, c.dry_run);
+  if (*c.restore) return CmdStartup(false, c.controller, c.force, c.json, c.dry_run, c.accept_loss);
   if (*c.repair_init) return CmdRepairInit(c.controller);
   if (*c.dump) return CmdDump(c.file);
   if (*c.verify_cmd) return CmdVerify(c.verify);
@@ -244,6 +252,7 @@ int Dispatch(Cli& c) {
   if (*c.sim_create) return CmdSimCreate(c.sim);
   if (*c.sim_pull) return CmdSimPull(c.file, c.copy);
   if (*c.sim_replace) return CmdSimReplace(c.file, c.copy);
+  if (*c.sim_return) return CmdSimReturn(c.file, c.copy);
   if (*c.doc) return CmdDoc(c.app, *c.doc);
   throw UsageError("nothing to do");
 }

@@ -232,8 +232,10 @@ int CmdWrite(const std::string& area, int offset, const std::string& file);
 int CmdTruncate(const std::string& area, int size);
 int CmdHold(const std::string& area, const std::string& file);
 // Start-up (sbacc_nv_init, or the restore alone), refused while another
-// process holds a file of the controller open unless forced.
-int CmdStartup(bool nv_init, int controller, bool force, bool json, bool dry_run);
+// process holds a file of the controller open unless forced.  accept_loss
+// (restore only): the one held area whose unreadable copies are written off.
+int CmdStartup(bool nv_init, int controller, bool force, bool json, bool dry_run,
+               const std::string& accept_loss = std::string());
 int CmdRepairInit(int controller);
 int CmdDump(const std::string& file);
 
@@ -246,6 +248,7 @@ struct SimOptions {
 int CmdSimCreate(const SimOptions& o);
 int CmdSimPull(const std::string& dir, int copy);
 int CmdSimReplace(const std::string& dir, int copy);
+int CmdSimReturn(const std::string& dir, int copy);
 
 }  // namespace sbacc_tool
 

@@ -126,6 +126,7 @@ TEST_F(ToolTest, StatusFollowsAPulledAndReplacedDisk) {
                                               "/areas/0/copies/1/state", "/areas/0/copies/2", "/areas/1"}),
             json::array({1, kAreaSize, kAreaSize - 128, "healthy", nullptr, nullptr}));
 
+  Run({"put", "area00"}, 0, {}, "precious");
   Run({"sim", "pull", dir_, "1"});
   EXPECT_EQ(Area("envfw_backup0", 2)["copies"][1]["state"], "missing");
   EXPECT_TRUE(Has(Run({"put", "envfw_backup0"}, 2, {}, "still here").err, "copy 1 of envfw_backup0"));
@@ -137,6 +138,19 @@ TEST_F(ToolTest, StatusFollowsAPulledAndReplacedDisk) {
   EXPECT_EQ(x.find("  ! copy 0"), std::string::npos);
   EXPECT_EQ(std::count(x.begin(), x.end(), '\n'), 8 * 2 + 4) << x;
   EXPECT_EQ(Run({"cat", "envfw_backup0"}).out, "still here");
+  // With copy 0 of area00 damaged its only copy may be on the pulled disk:
+  // bring it back, never replace it; only an explicit request writes it off.
+  Plant(0, 7 * kAreaSize, "X");
+  EXPECT_EQ(Run({"status", "-x"}, 3, {"action: bring disk 1 back first: it may hold the only copy of area00;"})
+                .out.find("replace"), std::string::npos);
+  Run({"restore"}, 3, {"no usable copy: left as it is"});
+  Run({"sim", "return", dir_, "1"});
+  Run({"restore"}, 0, {"area00                          rebuilt: stale copy 0 rebuilt from copy 1"});
+  EXPECT_EQ(Run({"cat", "area00"}).out, "precious");
+  Run({"sim", "pull", dir_, "1"});
+  Plant(0, 7 * kAreaSize, "X");
+  Run({"restore", "--accept-loss", "area00"}, 3, {"copy 0 (" + Hdd(0) + "): no valid header", "RE-CREATED EMPTY"});
+  EXPECT_EQ(Run({"cat", "area00"}).out, "");
 
   Run({"sim", "replace", dir_, "1"});
   const std::string replaced = Images();  // a dry run foresees the rebuild and writes nothing
