@@ -80,13 +80,13 @@ TEST_P(Corruption, ReadsAndStartUpUseOnlyCopiesThatProveTheirData) {
   }
 }
 
+std::string CaseName(const ::testing::TestParamInfo<std::tuple<int, int, int>>& p) {
+  const auto [i, copies, bad] = p.param;
+  return std::string(kCases[i].name) + "_" + std::to_string(copies) + "copies_bad" + std::to_string(bad);
+}
 INSTANTIATE_TEST_SUITE_P(Matrix, Corruption,
                          ::testing::Combine(::testing::Range(0, static_cast<int>(std::size(kCases))),
                                             ::testing::Values(2, 3), ::testing::Values(0, 1)),
-                         [](const auto& p) {
-                           return std::string(kCases[std::get<0>(p.param)].name) + "_" +
-                                  std::to_string(std::get<1>(p.param)) + "copies_bad" +
-                                  std::to_string(std::get<2>(p.param));
-                         });
+                         CaseName);
 
 }  // namespace

@@ -37,7 +37,6 @@ TEST(Integrity, CrcAlgebraMatchesScratch) {
 TEST(Integrity, RecordCodec) {
   SBACC_HDD_HEADER h{};
   SBACC_INTEGRITY r{0x01020304, 0xA1B2C3D4, 0x1122334455667788, -7, 0, 0}, d;
-  EXPECT_EQ(sbacc_l_integrity_get(&h, &d), SBACC_INTEGRITY_NONE);  // all zeros
   sbacc_l_integrity_put(&h, &r);
   const uint8_t pinned[24] = {'S', 'C', '1', 0, 4, 3, 2, 1, 0xD4, 0xC3, 0xB2, 0xA1,
                               0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11, 0xF9, 0xFF, 0xFF, 0xFF};

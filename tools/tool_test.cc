@@ -269,19 +269,11 @@ TEST_F(ToolTest, ServiceActionsLeaveALiveWriterAlone) {
 // error, and writes nothing.
 TEST_F(ToolTest, BadInputExits4AndWritesNothing) {
   const std::tuple<Args, std::string, std::string> cases[] = {
-      {{}, "", "A subcommand is required"},
-      {{"frobnicate"}, "", "unknown command 'frobnicate'"},
-      {{"cat"}, "", "AREA is required"},
       {{"cat", "nosuch"}, "", "unknown area 'nosuch'"},
-      {{"write", "envfw_backup0", "12x"}, "x", "'12x' is not a number"},
       {{"truncate", "envfw_backup0", "897"}, "", "holds at most 896 bytes"},
       {{"put", "envfw_backup0"}, std::string(897, 'x'), "holds at most 896 bytes"},
-      {{"put", "envfw_backup0", "/nonexistent/file"}, "", "cannot read '/nonexistent/file'"},
-      {{"init", "--controller", "7"}, "", "not in range 0 to 3"},
       {{"repair-init"}, "", "which controller is this? give --controller or set SBACC_CONTROLLER"},
-      {{"verify", "--repair"}, "", "which controller is this?"},
       {{"restore"}, "", "which controller is this?"},
-      {{"sim", "pull", dir_, "2"}, "", "no copy 2"},
       {{"__doc", "nonsense"}, "", "expected man, markdown or complete"}};
   Run({"init"});
   Run({"put", "envfw_backup0"}, 0, {}, "keep");
