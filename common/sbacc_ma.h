@@ -65,6 +65,7 @@ enum {
   SBACC_HOLD_UNSEEN = 1,         // no copy read has a valid header, a copy that may hold the data is unseen
   SBACC_HOLD_FENCED_SOURCE = 2,  // the only candidate NV fences off, a copy NV does not fence is unseen
   SBACC_HOLD_UNVERIFIED = 3,     // the latest copy fails its integrity record and no copy that proves its data holds the same
+  SBACC_HOLD_NEWER_STALE = 4,    // a copy the rule finds stale counts more writes than the source
 };
 // What the caller knows beyond the headers it read.
 typedef struct {

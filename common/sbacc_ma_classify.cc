@@ -164,4 +164,10 @@ void sbacc_ma_classify(const SBACC_HDD_HEADER* hdr, int count, uint32_t read, co
     }
   }
   v->stale &= ~(1u << v->src);
+  // A stale copy whose record counts more writes than the source's holds
+  // data the source never saw: it is not overwritten, the area is left for
+  // the engineer.
+  for (int i = 0; i < count && i < SBACC_HDD_MAX && ev != nullptr && v->hold == SBACC_HOLD_NONE; ++i) {
+    if (Has(v->stale & ~v->invalid, i) && OlderGeneration(hdr[v->src], hdr[i])) v->hold = SBACC_HOLD_NEWER_STALE;
+  }
 }

@@ -6,6 +6,7 @@
 #include <stdint.h>
 
 #include "sbacc_alloc.h"
+#include "sbacc_crc32c.h"
 #include "sbacc_env.h"
 #include "sbacc_l.h"
 #include "sbacc_ma.h"
@@ -71,11 +72,21 @@ int CopyAll(SBACC_FILE_DISCRIPTER* sfd, int src, int dst, uint8_t* buf) {
   }
   const int32_t capacity = sbacc_ma_data_capacity(sfd);
   if (filesize > capacity) filesize = capacity;
+  uint32_t crc = 0;
   for (int32_t p = 0; p < filesize;) {
     const int chunk = (filesize - p < kChunk) ? static_cast<int>(filesize - p) : kChunk;
     rc = CopyRange(sfd, src, dst, SBACC_HEADER_SIZE + p, buf, chunk, false);
     if (rc != 0) return rc;
+    crc = sbacc::Crc32cExtend(crc, buf, static_cast<size_t>(chunk));
     p += chunk;
+  }
+  // The source is checked as it is copied: bytes that changed since the
+  // start-up checked it never become a rebuilt copy's data.
+  if (sbacc_ma_checksums(sfd) && sbacc_l_integrity_applies(&h, &r) == SBACC_INTEGRITY_OK &&
+      static_cast<int32_t>(r.length) == filesize && crc != r.crc) {
+    SBACC_TRACE(kTraceError, "[sbacc_ma_hddrepair_copy] HDD[%d] fails its integrity record as it is copied. %s", src,
+                sfd->sfe.filename);
+    return SBACC_E_REPAIR;
   }
   // The header goes last: a copy cut short keeps the destination's old one.
   return CopyRange(sfd, src, dst, 0, buf, SBACC_HEADER_SIZE, true);

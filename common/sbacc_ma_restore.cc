@@ -153,6 +153,11 @@ void Leave(const SBACC_FILE_DISCRIPTER* sfd, const Scan& sc, SBACC_DATA_REPAIR* 
                 "[repair_for_restore] %s left as it is: the latest copy fails its integrity record and no copy that "
                 "proves its data holds the same (bad HDD bit [0x%x])",
                 name, sc.bad);
+  } else if (sc.hold == SBACC_HOLD_NEWER_STALE) {
+    SBACC_TRACE(kTraceMilestone,
+                "[repair_for_restore] %s left as it is: a copy to be rebuilt from HDD[%d] counts more writes than it "
+                "(repair[0x%x])",
+                name, sc.src, sc.repair);
   } else if (sc.hold == SBACC_HOLD_UNSEEN) {
     SBACC_TRACE(kTraceMilestone,
                 "[repair_for_restore] %s left as it is: no readable copy holds a valid header while HDD bit [0x%x] "

@@ -18,6 +18,7 @@ struct Case {
   const char* name;
   int area;
   std::function<void(Sim&, int copy, int copies, const Bytes& before)> rot;  // before: the copy at v1
+  bool two = false;  // the rot damages two copies
 };
 const Case kCases[] = {
     {"data_byte", kA, [](Sim& s, int c, int, const Bytes&) { s.PutData(kA, c, 500, {static_cast<uint8_t>(s.Data(kA, c, 501)[500] ^ 1)}); }},
@@ -39,6 +40,7 @@ const Case kCases[] = {
      }},
     // Copies written before records existed: no checksum, not corruption; the start-up adopts them.
     {"no_record", kA, [](Sim& s, int, int n, const Bytes&) { for (int i = 0; i < n; ++i) s.EditHeader(kA, i, [](auto& h) { memset(h.rfu5, 0, 36); }); }},
+    {"two_copies", kA, [](Sim& s, int c, int n, const Bytes&) { s.PutData(kA, c, 500, {1}), s.PutData(kA, (c + 1) % n, 600, {1}); }, true},
     {"rotted_backup", kBackup1, [](Sim& s, int c, int, const Bytes&) { s.PutData(kBackup1, c, 3, {'?'}); }},
 };
 
@@ -69,6 +71,12 @@ TEST_P(Corruption, ReadsAndStartUpUseOnlyCopiesThatProveTheirData) {
   EXPECT_EQ(0, sbacc_close(fp));
   got.resize(n < 0 ? 0 : static_cast<size_t>(n));
   EXPECT_EQ(Bytes(want.begin(), want.begin() + static_cast<long>(got.size())), got) << "a read returned bytes that fail";
+  if (c.two && copies == 2) {  // no copy proves its data: none is served, none is spread
+    EXPECT_EQ(SBACC_E_HDDREAD, n);
+    EXPECT_EQ(0, sbacc_nv_init(0));
+    for (int i = 0; i < copies; ++i) EXPECT_EQ(SBACC_VERIFY_BAD, sbacc_test::VerifyCopy(kNames[kA], i)) << i;
+    return;
+  }
   EXPECT_EQ(0, sbacc_nv_init(0)) << trace.Dump();
   for (int a : {c.area, 0}) {
     const Bytes& held = a == kA ? want : Pattern(150, 5);

@@ -150,6 +150,23 @@ std::string CopyWord(const std::vector<int>& v) {
   return out;
 }
 
+// Why the start-up leaves an area as it is, for the engineer.
+const char* HoldText(int hold) {
+  switch (hold) {
+    case SBACC_HOLD_UNSEEN:
+      return "left as it is: no readable copy holds a valid header while a copy that may hold its data cannot be "
+             "read; bring that disk back";
+    case SBACC_HOLD_FENCED_SOURCE:
+      return "left as it is: the only candidate is a copy NV fences off while a current copy cannot be read; bring "
+             "that disk back";
+    case SBACC_HOLD_UNVERIFIED:
+      return "left as it is: the latest copy fails its integrity record and no copy that proves its data holds the "
+             "same; see 'sbacc verify'";
+    default:
+      return "left as it is: a copy the start-up would rebuild counts more writes than its source; see 'sbacc verify'";
+  }
+}
+
 Outcome Judge(size_t index, const std::vector<SBACC_FILE_LIST_ENTRY>& areas, const std::vector<AreaSnap>& before,
               const std::vector<AreaSnap>& after) {
   const AreaSnap& b = before[index];
@@ -158,10 +175,7 @@ Outcome Judge(size_t index, const std::vector<SBACC_FILE_LIST_ENTRY>& areas, con
   if (b.hold != SBACC_HOLD_NONE) {
     o.verdict = StartupVerdict::kNoCopy;
     o.loss = true;
-    o.events.push_back(b.hold == SBACC_HOLD_UNSEEN ? "left as it is: no readable copy holds a valid header while a copy that may "
-                                      "hold its data cannot be read; bring that disk back"
-                                    : "left as it is: the only candidate is a copy NV fences off while a current "
-                                      "copy cannot be read; bring that disk back");
+    o.events.push_back(HoldText(b.hold));
     return o;
   }
   const bool any_valid = std::any_of(b.copies.begin(), b.copies.end(), [](const CopySnap& c) { return c.valid; });
@@ -255,8 +269,8 @@ void TellLoss(const SBACC_FILE_LIST_ENTRY& e, FILE* to) {
   if (hold == SBACC_HOLD_NONE) {
     throw UsageError(name + " is not held: nothing to accept; a plain 'sbacc restore' repairs it");
   }
-  if (hold == SBACC_HOLD_UNVERIFIED) {
-    throw UsageError(name + " is held because its latest copy fails its integrity record, not for an unseen disk; "
+  if (hold == SBACC_HOLD_UNVERIFIED || hold == SBACC_HOLD_NEWER_STALE) {
+    throw UsageError(name + " is held by its integrity records, not for an unseen disk; "
                             "see 'sbacc verify --repair --from COPY " + name + "'");
   }
   const SBACC_COPY_VERDICT v = LibraryVerdict(p, true);
