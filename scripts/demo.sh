@@ -144,14 +144,14 @@ say "verify compares every usable copy of every area byte for byte, data and hea
 note "nothing differs."
 run sbacc verify
 
-say "One byte of envfw_backup1's copy 0 flips on the disk. verify shows where the copies"
-note "differ; --repair refuses, because nothing shows which copy is right, until --from"
-note "names the copy to keep."
+say "One byte of envfw_backup1's copy 0 flips on the disk, without an I/O error. Each copy"
+note "carries an integrity record (a CRC of its data): verify names the copy that fails its"
+note "own, a read takes the copy that passes, and --repair rewrites only the failing copy."
 printf '$ printf X | dd of=hdd0.img seek=$((4096 + 128 + 3)) ...\n'
 printf X | dd of="$work/ctl/hdd0.img" bs=1 seek=$((4096 + 128 + 3)) conv=notrunc status=none
 expect=3 run sbacc verify envfw_backup1
-expect=3 run sbacc verify --repair envfw_backup1
-run sbacc verify --repair --from 1 envfw_backup1
+run sbacc cat envfw_backup1
+run sbacc verify --repair envfw_backup1
 
 say "The diagnostic dump: NV entries, each copy's header and the first data bytes."
 run sbacc dump "$work/dump.txt"

@@ -173,6 +173,9 @@ int CmdSimPull(const std::string& d, int copy) {
     throw UsageError("copy " + std::to_string(copy) + " is already pulled");
   }
   const std::string aside = PulledImage(dir, copy);
+  if (lstat(aside.c_str(), &st) == 0) {  // never over the image an earlier pull kept
+    throw UsageError("the image an earlier pull of copy " + std::to_string(copy) + " kept is still there: " + aside);
+  }
   if (rename(image.c_str(), aside.c_str()) != 0) {
     throw UsageError("cannot move '" + image + "' aside: " + strerror(errno));
   }
@@ -201,7 +204,8 @@ int CmdSimReplace(const std::string& d, int copy) {
     if (ec) throw UsageError("cannot remove '" + image + "': " + ec.message());
   }
   MakeZeroFile(image, c.image_size);
-  unlink(PulledImage(dir, copy).c_str());
+  // The image a pull kept stays, as the pull promised: the old disk may hold
+  // the only copy of an area.
   printf("copy %d replaced by a new, empty disk: %s (%lld bytes of zeros)\n", copy, image.c_str(),
          static_cast<long long>(c.image_size));
   printf("The next start-up ('sbacc init' or 'sbacc restore') rebuilds it from the other copies.\n");
