@@ -32,7 +32,7 @@ void CutWrite(Sim& s) {
 // Copy 0 holds other bytes under a header that is not valid.
 void InvalidCopy0(Sim& s) {
   s.PutData(0, 0, 0, Pattern(kLen, 3));
-  s.EditHeader(0, 0, [](auto& h) { h.magic[0] = 'X'; });
+  s.EditHeader(0, 0, [](auto& h) { h.magic[0] = 'X', memset(h.rfu5, 0, sizeof h.rfu5); });  // and no record
 }
 
 // Copy 1 stale, holding bytes of its own; copy 0's size is `size`.
