@@ -326,8 +326,7 @@ TEST_P(CrashTest, EveryCutPointRecovers) {
         const int verdict = sbacc_test::VerifyCopy(kAreas[a], c);
         EXPECT_TRUE(verdict == SBACC_VERIFY_OK || verdict == SBACC_VERIFY_NONE || (!resync && victim == kAreas[a]))
             << "copy " << c << ": " << verdict;
-        verified += verdict == SBACC_VERIFY_OK;
-        ++copies_seen;
+        verified += verdict == SBACC_VERIFY_OK, ++copies_seen;
         EXPECT_EQ(0, h.openflag) << "copy " << c;
         EXPECT_TRUE(held) << "copy " << c << " holds " << Content(sim, a, c).size() << " bytes no allowed state has";
       }

@@ -172,7 +172,7 @@ TEST_F(RestoreTest, EveryWriteUnderTheLockAndALostLockStops) {
     };
     auto up = [&](int a) { return sim.NvBytes(SBACC_NV_BASE + 128ull * a + kMemRepairlock, 1)[0] != 0; };
     std::optional<FaultEnv::Write> cut;
-    int64_t second = -1;
+    int64_t second = -1;  // and whether the cut copy's next write was looked at
     bool looked = false;
     std::vector<uint64_t> at_cut;
     std::vector<std::string> wrong;
@@ -183,8 +183,7 @@ TEST_F(RestoreTest, EveryWriteUnderTheLockAndALostLockStops) {
       // (A header update may write two pieces per copy: the cut copy's next
       // write, when it is in the same header, and the others' at its place.)
       if (cut && !looked && w.path == cut->path) {
-        looked = true;
-        if (w.pos / 4096 == cut->pos / 4096 && w.pos % 4096 < 128) second = w.pos;
+        looked = true, second = w.pos / 4096 == cut->pos / 4096 && w.pos % 4096 < 128 ? w.pos : -1;
       }
       if (cut && !(w.pos == cut->pos && (w.len == cut->len || w.path == cut->path)) && w.pos != second && !up(area))
         wrong.push_back("after the cut");
