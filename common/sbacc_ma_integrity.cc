@@ -124,17 +124,21 @@ int sbacc_ma_verify_copy(SBACC_FILE_DISCRIPTER* sfd, int hdd, const SBACC_HDD_HE
 
 namespace {
 
-// Compares data bytes [0, len) of copy i with the reference's, extending
-// *crc over the reference's bytes.  1: equal, 0: not, negative: a read failed.
-int SameData(SBACC_FILE_DISCRIPTER* sfd, int ref, int i, int64_t len, uint32_t* crc) {
+// Compares data bytes [0, len) of every open copy with the reference's in
+// one pass, and leaves the CRC of those bytes in *crc.  1: all equal, 0:
+// not, negative: a read failed.
+int AllSame(SBACC_FILE_DISCRIPTER* sfd, int ref, int64_t len, uint32_t* crc) {
   uint8_t a[kChunk], b[kChunk];
   uint32_t c = 0;
   for (int64_t p = 0; p < len;) {
     const int n = static_cast<int>(len - p < kChunk ? len - p : kChunk);
     int rc = ReadData(sfd, ref, p, a, n);
-    if (rc == 0 && i != ref) rc = ReadData(sfd, i, p, b, n);
+    for (int i = 0; i < sbacc_ma_copies(sfd) && rc == 0; ++i) {
+      if (i == ref || sfd->fd[i] == -1) continue;
+      rc = ReadData(sfd, i, p, b, n);
+      if (rc == 0 && memcmp(a, b, static_cast<size_t>(n)) != 0) return 0;
+    }
     if (rc != 0) return rc;
-    if (i != ref && memcmp(a, b, static_cast<size_t>(n)) != 0) return 0;
     c = sbacc::Crc32cExtend(c, a, static_cast<size_t>(n));
     p += n;
   }
@@ -163,11 +167,7 @@ int sbacc_ma_adopt_copies(SBACC_FILE_DISCRIPTER* sfd) {
   SBACC_INTEGRITY rec{};
   rec.length = static_cast<uint32_t>(size);
   rec.generation = 1;
-  for (int i = 0; i < n; ++i) {
-    if (sfd->fd[i] == -1 || i == ref) continue;
-    if (SameData(sfd, ref, i, size, &rec.crc) != 1) return 0;  // copies that differ: no record can say which is right
-  }
-  if (SameData(sfd, ref, ref, size, &rec.crc) != 1) return 0;
+  if (AllSame(sfd, ref, size, &rec.crc) != 1) return 0;  // copies that differ: no record can say which is right
   SBACC_TRACE(sbacc::kTraceMilestone, "[sbacc_ma_adopt_copies] %s: copies agree byte for byte: integrity record 0-%d adopted",
               sfd->sfe.filename, size);
   for (int i = 0; i < n; ++i) {
